@@ -1,0 +1,151 @@
+// Device context, backend-neutral memory calls, the launch grid and tensor file I/O.
+#include "orva/cuda.h"
+
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include "backend.h"
+#include "orva/util.h"
+
+using ORVA::Backend;
+using ORVA::BackendKind;
+
+ORVA::BackendKind create_handle(CudaHandle* h, int gpu_index) {
+  *h = CudaHandle{};
+  if (gpu_index >= 0) {
+    if (Backend* b = ORVA::make_cuda_backend(h, gpu_index)) {
+      h->backend = b;
+      return BackendKind::CUDA;
+    }
+    ORVA_MSG(WARNING, "CUDA device %d is not available, running on the host backend\n", gpu_index);
+  }
+  h->backend = ORVA::make_host_backend();
+  return BackendKind::HOST;
+}
+
+void destroy_handle(CudaHandle* h) {
+  if (!h->backend) return;
+  if (h->backend->kind() == BackendKind::CUDA) cuda_destroy_handle(h);
+  delete h->backend;
+  h->backend = nullptr;
+}
+
+BackendKind handle_kind(const void* handle) { return ORVA::backend_of(handle)->kind(); }
+const char* handle_name(const void* handle) { return ORVA::backend_of(handle)->name(); }
+
+dim3_t cuda_gridsize(size_t n) {
+  const unsigned k = (unsigned)(((n - 1) >> 9) + 1);
+  if (k <= 65535) return {k, 1, 1};
+  const unsigned x = (unsigned)std::ceil(std::sqrt((double)k));
+  const unsigned y = (unsigned)((n - 1) / ((size_t)x * 512) + 1);
+  return {x, y, 1};
+}
+
+void* cuda_malloc(void* handle, size_t bytes) { return ORVA::backend_of(handle)->alloc(bytes); }
+
+void* cuda_calloc(void* handle, size_t count, size_t size) {
+  void* p = cuda_malloc(handle, count * size);
+  if (p) {
+    ORVA::backend_of(handle)->memset(p, 0, count * size);
+    ORVA::backend_of(handle)->sync();
+  }
+  return p;
+}
+
+void cuda_free(void* handle, void* p) {
+  if (p) ORVA::backend_of(handle)->release(p);
+}
+void cuda_memset(void* handle, void* p, int value, size_t bytes) {
+  if (bytes) ORVA::backend_of(handle)->memset(p, value, bytes);
+}
+void cuda_push(void* handle, void* dst, const void* host_src, size_t bytes) {
+  if (bytes) ORVA::backend_of(handle)->push(dst, host_src, bytes);
+}
+void cuda_pull(void* handle, void* host_dst, const void* src, size_t bytes) {
+  if (bytes) ORVA::backend_of(handle)->pull(host_dst, src, bytes);
+}
+void cuda_copy(void* handle, void* dst, const void* src, size_t bytes) {
+  if (bytes && dst != src) ORVA::backend_of(handle)->copy(dst, src, bytes);
+}
+void cuda_sync(void* handle) { ORVA::backend_of(handle)->sync(); }
+void* cuda_malloc_host(void* handle, size_t bytes) { return ORVA::backend_of(handle)->alloc_host(bytes); }
+void cuda_free_host(void* handle, void* p) {
+  if (p) ORVA::backend_of(handle)->release_host(p);
+}
+void cuda_random(void* handle, float* dst, size_t n) {
+  if (n) ORVA::backend_of(handle)->random(dst, n);
+}
+
+void chk_fread(void* buf, size_t size, size_t n, FILE* f) {
+  const size_t got = fread(buf, size, n, f);
+  if (got != n) throw got;
+}
+
+void chk_fwrite(const void* buf, size_t size, size_t n, FILE* f) {
+  const size_t put = fwrite(buf, size, n, f);
+  if (put != n) throw put;
+}
+
+void chk_fread(_half* buf, size_t n, FILE* f) { chk_fread(buf, 2, n, f); }
+void chk_fwrite(const _half* buf, size_t n, FILE* f) { chk_fwrite(buf, 2, n, f); }
+
+namespace {
+// Staging buffer owned for the length of one transfer, freed before any exception leaves.
+struct Staging {
+  void* handle;
+  void* p;
+  Staging(void* h, size_t bytes) : handle(h), p(cuda_malloc_host(h, bytes ? bytes : 1)) {
+    if (!p) throw std::bad_alloc();
+  }
+  ~Staging() { cuda_free_host(handle, p); }
+};
+}  // namespace
+
+void cuda_fread(void* handle, void* dst, size_t size, size_t n, FILE* f) {
+  size_t got;
+  {
+    Staging s(handle, size * n);
+    got = fread(s.p, size, n, f);
+    cuda_push(handle, dst, s.p, size * n);
+    cuda_sync(handle);
+  }
+  if (got != n) throw got;
+}
+
+void cuda_fwrite(void* handle, const void* src, size_t size, size_t n, FILE* f) {
+  size_t put;
+  {
+    Staging s(handle, size * n);
+    cuda_pull(handle, s.p, src, size * n);
+    cuda_sync(handle);
+    put = fwrite(s.p, size, n, f);
+  }
+  if (put != n) throw put;
+}
+
+void cuda_fread(void* handle, _half* dst, size_t n, FILE* f) {
+  size_t got;
+  {
+    Staging s(handle, 4 * n);
+    got = fread(s.p, 4, n, f);
+    // Only what was read is narrowed; the rest of the tensor keeps zeros, not stale bytes.
+    if (got < n) memset(static_cast<float*>(s.p) + got, 0, (n - got) * 4);
+    float2half_cpu(static_cast<float*>(s.p), static_cast<_half*>(s.p), n);
+    cuda_push(handle, dst, s.p, 2 * n);
+    cuda_sync(handle);
+  }
+  if (got != n) throw got;
+}
+
+void cuda_fwrite(void* handle, const _half* src, size_t n, FILE* f) {
+  size_t put;
+  {
+    Staging s(handle, 4 * n);
+    cuda_pull(handle, s.p, src, 2 * n);
+    cuda_sync(handle);
+    half2float_cpu(static_cast<float*>(s.p), static_cast<_half*>(s.p), n);
+    put = fwrite(s.p, 4, n, f);
+  }
+  if (put != n) throw put;
+}

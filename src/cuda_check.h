@@ -1,0 +1,52 @@
+// Status checks for the CUDA backend. Debug builds report and abort on any failed call of
+// the runtime or a library; release builds keep the calls and drop the checks.
+#pragma once
+#include <cublas_v2.h>
+#include <cuda_runtime.h>
+#include <cudnn.h>
+#include <curand.h>
+
+#include <cstdlib>
+
+#include "orva/util.h"
+
+namespace ORVA {
+inline const char* status_text(cudaError_t s) { return cudaGetErrorString(s); }
+inline const char* status_text(cudnnStatus_t s) { return cudnnGetErrorString(s); }
+inline const char* status_text(cublasStatus_t s) { return cublasGetStatusString(s); }
+inline const char* status_text(curandStatus_t) { return "cuRAND failure"; }
+inline bool status_ok(cudaError_t s) { return s == cudaSuccess; }
+inline bool status_ok(cudnnStatus_t s) { return s == CUDNN_STATUS_SUCCESS; }
+inline bool status_ok(cublasStatus_t s) { return s == CUBLAS_STATUS_SUCCESS; }
+inline bool status_ok(curandStatus_t s) { return s == CURAND_STATUS_SUCCESS; }
+}  // namespace ORVA
+
+#ifndef NDEBUG
+#define CHECK_CUDA(call)                                                                  \
+  do {                                                                                    \
+    auto _status = (call);                                                                \
+    if (!ORVA::status_ok(_status)) {                                                      \
+      ORVA_ERROR("%s failed: %s (%d)", #call, ORVA::status_text(_status), (int)_status); \
+      abort();                                                                            \
+    }                                                                                     \
+  } while (0)
+// After a kernel launch: catches bad launch shapes at once.
+#define CHECK_LAUNCH() CHECK_CUDA(cudaGetLastError())
+#else
+#define CHECK_CUDA(call) ((void)(call))
+#define CHECK_LAUNCH() ((void)0)
+#endif
+
+// Element-wise launch shape and flat index over the two-dimensional grid.
+#define ORVA_BLOCK 512
+#define ORVA_GRID(n) gridsize3(n)
+#define ORVA_INDEX() ((blockIdx.x + (size_t)blockIdx.y * gridDim.x) * blockDim.x + threadIdx.x)
+
+#include "orva/cuda.h"
+inline dim3 gridsize3(size_t n) {
+  dim3_t g = cuda_gridsize(n);
+  return dim3(g.x, g.y, g.z);
+}
+inline cudaStream_t stream_of(void* handle) { return static_cast<CudaHandle*>(handle)->stream; }
+inline cublasHandle_t cublas_of(void* handle) { return static_cast<CudaHandle*>(handle)->cublas; }
+inline cudnnHandle_t cudnn_of(void* handle) { return static_cast<CudaHandle*>(handle)->cudnn; }
