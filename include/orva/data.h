@@ -1,6 +1,7 @@
 // Records shared by the networks, the detection task and the video-analytics tools.
 #pragma once
 #include <opencv2/core.hpp>
+#include "orva/float16.h"
 #include <vector>
 
 namespace ORVA {
@@ -47,3 +48,14 @@ struct Image {
 };
 
 }  // namespace ORVA
+
+// Image and tensor conversion. Bytes are interleaved BGR (OpenCV), tensors planar in [0, 1]
+// with the channel order reversed (plane 0 is red).
+// Copies npix * c * cgroup * batch bytes to `raw` (backend staging) and widens them into dst.
+void cvt_cv2data(void* handle, const unsigned char* src, Ftype* dst, unsigned char* raw, int npix, int c,
+                 int cgroup, int batch);
+// Narrows planar values (x 255, clamped, truncated) into interleaved bytes at dst (host);
+// waits for the backend.
+void cvt_data2cv(void* handle, const Ftype* src, unsigned char* dst, unsigned char* raw, int npix, int c);
+void cvt_cv2image(cv::Mat& m, ORVA::Image& img);
+void cvt_image2cv(ORVA::Image& img, cv::Mat& m);
