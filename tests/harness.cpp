@@ -1,0 +1,158 @@
+#include "harness.h"
+
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+
+namespace orva_test {
+
+std::mt19937& rng() {
+  static std::mt19937 gen;
+  static std::string seeded_for;
+  const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "";
+  if (name != seeded_for) {
+    seeded_for = name;
+    std::seed_seq seq{test_seed(), (uint32_t)std::hash<std::string>()(name)};
+    gen.seed(seq);
+  }
+  return gen;
+}
+
+std::vector<float> random_floats(size_t n, float lo, float hi) {
+  std::uniform_real_distribution<float> d(lo, hi);
+  std::vector<float> v(n);
+  for (auto& x : v) x = d(rng());
+  if (n && lo < 0 && hi > 0 && v[0] == 0) v[0] = hi / 2;
+  return v;
+}
+
+std::vector<Ftype> random_halves(size_t n, float lo, float hi) { return to_halves(random_floats(n, lo, hi)); }
+
+std::vector<float> to_floats(const std::vector<Ftype>& h) {
+  std::vector<float> f(h.size());
+  for (size_t i = 0; i < h.size(); ++i) f[i] = half2float_cpu(h[i].__x);
+  return f;
+}
+
+std::vector<double> to_doubles(const std::vector<Ftype>& h) {
+  std::vector<double> f(h.size());
+  for (size_t i = 0; i < h.size(); ++i) f[i] = half2float_cpu(h[i].__x);
+  return f;
+}
+
+std::vector<Ftype> to_halves(const std::vector<float>& f) {
+  std::vector<Ftype> h(f.size());
+  for (size_t i = 0; i < f.size(); ++i) h[i].__x = float2half_cpu(f[i]);
+  return h;
+}
+
+std::vector<Ftype> to_halves(const std::vector<double>& f) {
+  std::vector<Ftype> h(f.size());
+  for (size_t i = 0; i < f.size(); ++i) h[i].__x = float2half_cpu((float)f[i]);
+  return h;
+}
+
+::testing::AssertionResult NearL2(const std::vector<double>& ref, const std::vector<float>& got, double tol) {
+  if (ref.size() != got.size())
+    return ::testing::AssertionFailure() << "size " << got.size() << " != reference size " << ref.size();
+  double num = 0, den = 0;
+  for (size_t i = 0; i < ref.size(); ++i) {
+    const double r = ref[i], g = got[i];
+    if (std::isnan(g) || std::isnan(r))
+      return ::testing::AssertionFailure() << "NaN at " << i << " (got " << g << ", reference " << r << ")";
+    if (std::isinf(r) || std::isinf(g)) {
+      if (r != g) return ::testing::AssertionFailure() << "infinity mismatch at " << i << ": got " << g << ", reference " << r;
+      continue;
+    }
+    num += (g - r) * (g - r);
+    den += r * r;
+  }
+  const double err = den > 0 ? std::sqrt(num / den) : std::sqrt(num);
+  if (err > tol) {
+    size_t worst = 0;
+    double wd = -1;
+    for (size_t i = 0; i < ref.size(); ++i)
+      if (std::isfinite(ref[i]) && std::fabs(got[i] - ref[i]) > wd) wd = std::fabs(got[i] - ref[i]), worst = i;
+    return ::testing::AssertionFailure() << "relative L2 error " << err << " > " << tol << "; worst at " << worst
+                                         << ": got " << got[worst] << ", reference " << ref[worst];
+  }
+  return ::testing::AssertionSuccess() << "relative L2 error " << err;
+}
+
+::testing::AssertionResult NearL2(const std::vector<double>& ref, const std::vector<Ftype>& got, double tol) {
+  return NearL2(ref, to_floats(got), tol);
+}
+
+::testing::AssertionResult NearL2(const std::vector<Ftype>& ref, const std::vector<Ftype>& got, double tol) {
+  return NearL2(to_doubles(ref), to_floats(got), tol);
+}
+
+static const Ftype kPoison = {0x7E00};  // a quiet half NaN
+
+Tensor::Tensor(void* handle, size_t n) : _h(handle), _n(n), _buf(handle, n + kGuard) { poison(); }
+
+Tensor::Tensor(void* handle, const std::vector<Ftype>& values) : Tensor(handle, values.size()) { upload(values); }
+
+void Tensor::upload(const std::vector<Ftype>& values) {
+  cuda_push(_h, _buf.get(), values.data(), std::min(values.size(), _n) * sizeof(Ftype));
+  cuda_sync(_h);
+}
+
+void Tensor::poison() { _buf.upload(std::vector<Ftype>(_n + kGuard, kPoison)); }
+
+std::vector<Ftype> Tensor::download() const {
+  std::vector<Ftype> all = _buf.download();
+  all.resize(_n);
+  return all;
+}
+
+::testing::AssertionResult Tensor::guard_intact() const {
+  std::vector<Ftype> all = _buf.download();
+  for (size_t i = _n; i < all.size(); ++i)
+    if (all[i].__x != kPoison.__x)
+      return ::testing::AssertionFailure() << "write past the end at element " << i << " of " << _n;
+  return ::testing::AssertionSuccess();
+}
+
+static std::atomic<int> cuda_comparisons{0};
+
+void count_cuda_comparison() { ++cuda_comparisons; }
+
+void check_on_backends(const BackendOp& op, const std::vector<double>& reference, double host_tol, double cuda_tol,
+                       const char* what) {
+  std::vector<Ftype> host_out;
+  for (int gpu : test_backends()) {
+    CudaHandle ctx{};
+    const ORVA::BackendKind kind = create_handle(&ctx, gpu);
+    if (gpu >= 0 && kind != ORVA::BackendKind::CUDA) {
+      ADD_FAILURE() << what << ": CUDA device " << gpu << " did not open";
+      destroy_handle(&ctx);
+      continue;
+    }
+    std::vector<Ftype> out = op(&ctx);
+    destroy_handle(&ctx);
+    if (gpu < 0) {
+      EXPECT_TRUE(NearL2(reference, out, host_tol)) << what << " on host vs float64 reference";
+      host_out = out;
+    } else {
+      EXPECT_TRUE(NearL2(host_out, out, cuda_tol)) << what << " on CUDA vs host";
+      count_cuda_comparison();
+    }
+  }
+}
+
+namespace {
+// With ORVA_REQUIRE_CUDA set, a whole-binary run that compared nothing on CUDA fails.
+class CudaComparisonGate : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    const ::testing::UnitTest* u = ::testing::UnitTest::GetInstance();
+    if (getenv("ORVA_REQUIRE_CUDA") && u->test_to_run_count() > 1 && cuda_comparisons == 0)
+      ADD_FAILURE() << "ORVA_REQUIRE_CUDA is set but no result was compared on CUDA";
+  }
+};
+const auto* gate = ::testing::AddGlobalTestEnvironment(new CudaComparisonGate);
+}  // namespace
+
+}  // namespace orva_test
