@@ -25,6 +25,11 @@ class Backend {
   virtual void* alloc_host(size_t bytes) = 0;
   virtual void release_host(void* p) = 0;
   virtual void random(float* dst, size_t n) = 0;
+  // Grow-only host scratch owned by the backend, for host twins that need float copies of
+  // their operands (slot 0..kScratchSlots-1; a slot is reused by the next call that asks).
+  // Reallocates only when a larger size is asked for, so a steady pass allocates nothing.
+  static constexpr int kScratchSlots = 4;
+  virtual void* scratch(int slot, size_t bytes) = 0;
 };
 
 Backend* make_host_backend();

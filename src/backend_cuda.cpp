@@ -120,6 +120,7 @@ class CudaBackend final : public Backend {
     cuda_random(dst, n);
     CHECK_CUDA(cudaDeviceSynchronize());
   }
+  void* scratch(int, size_t) override { return nullptr; }  // device twins need no host scratch
 
  private:
   CudaHandle* _h;

@@ -10,6 +10,9 @@ namespace {
 
 class HostBackend final : public Backend {
  public:
+  ~HostBackend() override {
+    for (auto& s : _scratch) free_aligned(s.p);
+  }
   BackendKind kind() const override { return BackendKind::HOST; }
   const char* name() const override { return "host"; }
   void* alloc(size_t bytes) override { return malloc_aligned(bytes ? bytes : 1); }
@@ -25,6 +28,23 @@ class HostBackend final : public Backend {
     // (0, 1]: qrand is in [0, 2^31 - 1]
     for (size_t i = 0; i < n; ++i) dst[i] = (float)(qrand() + 1.0) * 4.656613e-10f;
   }
+  void* scratch(int slot, size_t bytes) override {
+    if (slot < 0 || slot >= kScratchSlots) return nullptr;
+    Scratch& s = _scratch[slot];
+    if (bytes > s.bytes) {
+      free_aligned(s.p);
+      s.p = malloc_aligned(bytes);
+      s.bytes = s.p ? bytes : 0;
+    }
+    return s.p;
+  }
+
+ private:
+  struct Scratch {
+    void* p = nullptr;
+    size_t bytes = 0;
+  };
+  Scratch _scratch[kScratchSlots];
 };
 
 }  // namespace
