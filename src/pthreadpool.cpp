@@ -15,7 +15,9 @@ struct pthreadpool {
 
 pthreadpool_t pthreadpool_create(size_t threads_count) {
   auto* pool = new pthreadpool;
-  pool->threads = threads_count ? threads_count : (size_t)tbb::this_task_arena::max_concurrency();
+  // More threads than cores would only make TBB complain and time-slice.
+  const size_t cores = (size_t)tbb::this_task_arena::max_concurrency();
+  pool->threads = threads_count && threads_count < cores ? threads_count : cores;
   pool->arena.reset(new tbb::task_arena((int)pool->threads));
   return pool;
 }

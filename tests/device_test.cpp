@@ -1,0 +1,203 @@
+// Device context: backend selection, the launch grid, memory and tensor file I/O.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "harness.h"
+#include "orva/cuda.h"
+#include "orva/util.h"
+
+namespace {
+
+TEST(LaunchGrid, FollowsTheBlockRule) {
+  auto eq = [](dim3_t g, unsigned x, unsigned y) { return g.x == x && g.y == y && g.z == 1; };
+  EXPECT_TRUE(eq(cuda_gridsize(1), 1, 1));
+  EXPECT_TRUE(eq(cuda_gridsize(512), 1, 1));
+  EXPECT_TRUE(eq(cuda_gridsize(513), 2, 1));
+  EXPECT_TRUE(eq(cuda_gridsize(65535ull * 512), 65535, 1));
+  EXPECT_TRUE(eq(cuda_gridsize(65535ull * 512 + 1), 256, 256));
+  EXPECT_TRUE(eq(cuda_gridsize(0), 0, 1));  // callers never launch for zero elements
+  // a two-dimensional grid always covers n, never by a whole extra row
+  for (size_t n : {65536ull * 512, 100000000ull, 1ull << 31, 3000000007ull}) {
+    const dim3_t g = cuda_gridsize(n);
+    const size_t threads = (size_t)g.x * g.y * 512;
+    EXPECT_GE(threads, n) << n;
+    EXPECT_LT(threads - n, (size_t)g.x * 512) << n;
+    EXPECT_LE(g.x, 65535u);
+  }
+}
+
+TEST(BackendSelection, NegativeIndexIsHostAndMissingDeviceFallsBack) {
+  CudaHandle h{};
+  EXPECT_EQ(create_handle(&h, -1), ORVA::BackendKind::HOST);
+  EXPECT_STREQ(handle_name(&h), "host");
+  EXPECT_EQ(h.stream, nullptr);
+  destroy_handle(&h);
+
+  const int saved = ORVA::_msg_level;
+  ORVA::setMsgLevel(WARNING);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(create_handle(&h, 99), ORVA::BackendKind::HOST);
+  const std::string out = ::testing::internal::GetCapturedStderr();
+  ORVA::setMsgLevel(saved);
+  destroy_handle(&h);
+  EXPECT_NE(out.find("CUDA device 99 is not available"), std::string::npos) << out;
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+}
+
+class TensorFile : public orva_test::OnEachBackend {
+ protected:
+  std::string path;
+  void SetUp() override {
+    OnEachBackend::SetUp();
+    path = ::testing::TempDir() + "orva_tensor_" + std::to_string(GetParam()) + ".bin";
+  }
+  void TearDown() override {
+    std::remove(path.c_str());
+    OnEachBackend::TearDown();
+  }
+  long file_size() {
+    FILE* f = fopen(path.c_str(), "rb");
+    fseek(f, 0, SEEK_END);
+    long n = ftell(f);
+    fclose(f);
+    return n;
+  }
+};
+
+TEST_P(TensorFile, HalfTensorsTravelAsFloatsAndComeBackExact) {
+  const size_t n = 3001;
+  std::vector<Ftype> values = orva_test::random_halves(n, -100.f, 100.f);
+  orva_test::Tensor src(handle(), values), dst(handle(), n);
+  FILE* f = fopen(path.c_str(), "wb");
+  cuda_fwrite(handle(), src.get(), n, f);
+  fclose(f);
+  EXPECT_EQ(file_size(), (long)(4 * n));  // twice the tensor's size in memory
+
+  // the file holds little-endian floats equal to the halves
+  f = fopen(path.c_str(), "rb");
+  std::vector<float> floats(n);
+  ASSERT_EQ(fread(floats.data(), 4, n, f), n);
+  fclose(f);
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(floats[i], half2float_cpu(values[i].__x)) << i;
+
+  f = fopen(path.c_str(), "rb");
+  cuda_fread(handle(), dst.get(), n, f);
+  fclose(f);
+  std::vector<Ftype> back = dst.download();
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(back[i].__x, values[i].__x) << i;
+  EXPECT_TRUE(dst.guard_intact());
+}
+
+TEST_P(TensorFile, RawTensorsKeepTheirBytes) {
+  std::vector<int> values(777);
+  for (size_t i = 0; i < values.size(); ++i) values[i] = (int)(i * 2654435761u);
+  orva_test::Buffer<int> src(handle(), values), dst(handle(), values.size());
+  FILE* f = fopen(path.c_str(), "wb");
+  cuda_fwrite(handle(), src.get(), sizeof(int), values.size(), f);
+  fclose(f);
+  EXPECT_EQ(file_size(), (long)(values.size() * sizeof(int)));
+  f = fopen(path.c_str(), "rb");
+  cuda_fread(handle(), dst.get(), sizeof(int), values.size(), f);
+  fclose(f);
+  EXPECT_EQ(dst.download(), values);
+}
+
+TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
+  const size_t n = 100;
+  std::vector<float> floats(n);
+  for (size_t i = 0; i < n; ++i) floats[i] = (float)i - 50.5f;
+  FILE* f = fopen(path.c_str(), "wb");
+  fwrite(floats.data(), 1, 4 * 40 + 2, f);  // 40 whole floats and half of one more
+  fclose(f);
+  orva_test::Tensor dst(handle(), n);
+  f = fopen(path.c_str(), "rb");
+  try {
+    cuda_fread(handle(), dst.get(), n, f);
+    ADD_FAILURE() << "no exception";
+  } catch (size_t got) {
+    EXPECT_EQ(got, 40u);
+  }
+  fclose(f);
+  // the prefix that was read arrived
+  std::vector<Ftype> back = dst.download();
+  for (size_t i = 0; i < 40; ++i) ASSERT_EQ(half2float_cpu(back[i].__x), floats[i]) << i;
+
+  // a raw read and the host reads report the same way
+  f = fopen(path.c_str(), "rb");
+  std::vector<unsigned char> bytes(200);
+  try {
+    chk_fread(bytes.data(), 4, 50, f);
+    ADD_FAILURE() << "no exception";
+  } catch (size_t got) {
+    EXPECT_EQ(got, 40u);
+  }
+  fclose(f);
+}
+
+TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
+  std::vector<unsigned char> a(1000), b(1000);
+  for (size_t i = 0; i < a.size(); ++i) a[i] = (unsigned char)(i * 13);
+  void* d1 = cuda_malloc(handle(), a.size());
+  void* d2 = cuda_calloc(handle(), a.size(), 1);
+  cuda_pull(handle(), b.data(), d2, b.size());
+  cuda_sync(handle());
+  EXPECT_EQ(b, std::vector<unsigned char>(1000, 0));
+  cuda_push(handle(), d1, a.data(), a.size());
+  cuda_copy(handle(), d2, d1, a.size());
+  cuda_memset(handle(), d1, 0x5A, 10);
+  cuda_pull(handle(), b.data(), d2, b.size());
+  cuda_sync(handle());
+  EXPECT_EQ(b, a);
+  cuda_pull(handle(), b.data(), d1, b.size());
+  cuda_sync(handle());
+  EXPECT_EQ(b[9], 0x5A);
+  EXPECT_EQ(b[10], a[10]);
+  cuda_free(handle(), d1);
+  cuda_free(handle(), d2);
+
+  float* r = static_cast<float*>(cuda_malloc(handle(), 4096 * 4));
+  cuda_random(handle(), r, 4096);
+  std::vector<float> v(4096);
+  cuda_pull(handle(), v.data(), r, v.size() * 4);
+  cuda_sync(handle());
+  cuda_free(handle(), r);
+  double mean = 0;
+  for (float x : v) {
+    ASSERT_GT(x, 0.0f);
+    ASSERT_LE(x, 1.0f);
+    mean += x / v.size();
+  }
+  EXPECT_NEAR(mean, 0.5, 0.05);
+}
+
+ORVA_ON_EACH_BACKEND(TensorFile);
+
+TEST(HostFileIO, HalvesKeepTheirWidthAndWriteFailuresThrow) {
+  const std::string path = ::testing::TempDir() + "orva_chk.bin";
+  std::vector<_half> h = {fp_1, fp_2, fp_6};
+  FILE* f = fopen(path.c_str(), "wb");
+  chk_fwrite(h.data(), h.size(), f);
+  fclose(f);
+  f = fopen(path.c_str(), "rb");
+  std::vector<_half> back(3);
+  chk_fread(back.data(), back.size(), f);
+  fclose(f);
+  for (size_t i = 0; i < h.size(); ++i) EXPECT_EQ(back[i].__x, h[i].__x);
+  std::remove(path.c_str());
+
+  f = fopen(path.c_str(), "rb");  // gone: open /dev/full instead to force a write failure
+  if (f) fclose(f);
+  FILE* full = fopen("/dev/full", "wb");
+  if (!full) GTEST_SKIP() << "/dev/full not available";
+  setvbuf(full, nullptr, _IONBF, 0);
+  EXPECT_THROW(chk_fwrite(h.data(), 2, 3, full), size_t);
+  fclose(full);
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+// Exact host conversions between float and half, and the buffer conversions on each backend.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "harness.h"
+#include "orva/float16.h"
+
+namespace {
+
+float bits_to_float(uint32_t b) {
+  float f;
+  memcpy(&f, &b, 4);
+  return f;
+}
+
+uint32_t float_bits(float f) {
+  uint32_t b;
+  memcpy(&b, &f, 4);
+  return b;
+}
+
+bool is_half_nan(unsigned short h) { return (h & 0x7C00) == 0x7C00 && (h & 0x3FF); }
+
+// Exact value of a half pattern, computed independently of the tables.
+double half_value(unsigned short h) {
+  const int e = (h >> 10) & 0x1F, m = h & 0x3FF;
+  const double s = (h & 0x8000) ? -1.0 : 1.0;
+  if (e == 0) return s * std::ldexp((double)m, -24);
+  if (e == 31) return m ? NAN : s * INFINITY;
+  return s * std::ldexp(1024.0 + m, e - 25);
+}
+
+TEST(HalfConversion, EveryPatternWidensExactlyAndRoundTrips) {
+  for (uint32_t p = 0; p < 65536; ++p) {
+    const unsigned short h = (unsigned short)p;
+    const float f = half2float_cpu(h);
+    if (is_half_nan(h)) {
+      ASSERT_TRUE(std::isnan(f)) << std::hex << p;
+      // the payload moves up by 13 bits and survives the way back
+      ASSERT_EQ(float_bits(f) & 0x7FFFFF, (uint32_t)(h & 0x3FF) << 13) << std::hex << p;
+      ASSERT_EQ(float2half_cpu(f), h) << std::hex << p;
+      continue;
+    }
+    ASSERT_EQ((double)f, half_value(h)) << std::hex << p;
+    ASSERT_EQ(std::signbit(f), (h & 0x8000) != 0) << std::hex << p;
+    ASSERT_EQ(float2half_cpu(f), h) << std::hex << p;
+  }
+}
+
+TEST(HalfConversion, RoundsToNearestWithTiesAwayFromZero) {
+  // ties: 1 + 2^-11 lies half-way between 0x3C00 and 0x3C01; even rounding would keep 0x3C00
+  EXPECT_EQ(float2half_cpu(1.0f + std::ldexp(1.0f, -11)), 0x3C01);
+  EXPECT_EQ(float2half_cpu(-(1.0f + std::ldexp(1.0f, -11))), 0xBC01);
+  EXPECT_EQ(float2half_cpu(1.0f + 3 * std::ldexp(1.0f, -11)), 0x3C02);
+  // just below a tie goes down
+  EXPECT_EQ(float2half_cpu(std::nextafter(1.0f + std::ldexp(1.0f, -11), 0.0f)), 0x3C00);
+  // overflow edge: 65520 is the first float that becomes infinity
+  EXPECT_EQ(float2half_cpu(65504.0f), 0x7BFF);
+  EXPECT_EQ(float2half_cpu(65519.99f), 0x7BFF);
+  EXPECT_EQ(float2half_cpu(65520.0f), 0x7C00);
+  EXPECT_EQ(float2half_cpu(-65520.0f), 0xFC00);
+  EXPECT_EQ(float2half_cpu(1e30f), 0x7C00);
+  // underflow edge: [2^-25, 2^-24) lifts to the smallest subnormal, below it becomes zero
+  EXPECT_EQ(float2half_cpu(std::ldexp(1.0f, -25)), 0x0001);
+  EXPECT_EQ(float2half_cpu(-std::ldexp(1.0f, -25)), 0x8001);
+  EXPECT_EQ(float2half_cpu(std::ldexp(1.5f, -25)), 0x0001);
+  EXPECT_EQ(float2half_cpu(std::nextafter(std::ldexp(1.0f, -25), 0.0f)), 0x0000);
+  EXPECT_EQ(float2half_cpu(-std::ldexp(1.0f, -30)), 0x8000);
+  // subnormal ties round away too: 1.5 * 2^-24 goes to 2 * 2^-24
+  EXPECT_EQ(float2half_cpu(std::ldexp(1.5f, -24)), 0x0002);
+  // the largest subnormal carries into the smallest normal
+  EXPECT_EQ(float2half_cpu(std::ldexp(1023.5f, -24)), 0x0400);
+}
+
+TEST(HalfConversion, InfinityAndNanKeepTheirClass) {
+  EXPECT_EQ(float2half_cpu(INFINITY), 0x7C00);
+  EXPECT_EQ(float2half_cpu(-INFINITY), 0xFC00);
+  // the top ten mantissa bits carry over; rounding never turns a NaN into something else
+  EXPECT_EQ(float2half_cpu(bits_to_float(0x7FC00000)), 0x7E00);
+  EXPECT_EQ(float2half_cpu(bits_to_float(0xFF802000)), 0xFC01);
+  EXPECT_EQ(float2half_cpu(bits_to_float(0x7F803FFF)), 0x7C01);
+  // a NaN whose payload sits only in the low 13 bits becomes infinity
+  EXPECT_EQ(float2half_cpu(bits_to_float(0x7F800001)), 0x7C00);
+}
+
+TEST(HalfConversion, NamedConstantsHoldTheirValues) {
+  EXPECT_EQ(half2float_cpu(fp_0_01.__x), 0.01000213623046875f);
+  EXPECT_EQ(half2float_cpu(fp_0_1.__x), 0.0999755859375f);
+  EXPECT_EQ(fp_0_01.__x, float2half_cpu(0.01f));
+  EXPECT_EQ(fp_0_1.__x, float2half_cpu(0.1f));
+  const std::pair<_half, float> exact[] = {{fp_0, 0.f}, {fp_0_5, 0.5f}, {fp_1, 1.f}, {fp_1N, -1.f},
+                                           {fp_2, 2.f}, {fp_6, 6.f},   {fp_10, 10.f}};
+  for (auto& c : exact) EXPECT_EQ(half2float_cpu(c.first.__x), c.second);
+  EXPECT_EQ(half2float_cpu(fp_INF.__x), INFINITY);
+  EXPECT_EQ(half2float_cpu(fp_NINF.__x), -INFINITY);
+}
+
+TEST(HalfConversion, ArrayConversionsWorkInPlace) {
+  const size_t n = 1001;
+  std::vector<float> values = orva_test::random_floats(n, -70000.f, 70000.f);
+  std::vector<float> buf = values;
+  // narrowing in place: the first 2n bytes hold the halves
+  float2half_cpu(buf.data(), reinterpret_cast<_half*>(buf.data()), n);
+  const _half* halves = reinterpret_cast<const _half*>(buf.data());
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(halves[i].__x, float2half_cpu(values[i])) << i;
+  // widening in place: the floats come back in the whole buffer
+  half2float_cpu(buf.data(), halves, n);
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(float_bits(buf[i]), float_bits(half2float_cpu(float2half_cpu(values[i])))) << i;
+}
+
+class HalfBuffers : public orva_test::OnEachBackend {};
+
+TEST_P(HalfBuffers, ConvertOnTheBackendLikeTheHost) {
+  // Backend conversions round ties to even, the tables away from zero: compare as values
+  // with one unit in the last place of slack, and exactly on the way back to float.
+  const size_t n = 70001;  // more than one block row of the grid, not a multiple of 512
+  std::vector<float> in = orva_test::random_floats(n, -1000.f, 1000.f);
+  orva_test::Buffer<float> src(handle(), in), back(handle(), n);
+  orva_test::Tensor half(handle(), n);
+  float2half_gpu(handle(), src, half, n);
+  half2float_gpu(handle(), back, half, n);
+  std::vector<Ftype> h = half.download();
+  std::vector<float> out = back.download();
+  EXPECT_TRUE(half.guard_intact());
+  for (size_t i = 0; i < n; ++i) {
+    const int diff = (int)h[i].__x - (int)float2half_cpu(in[i]);
+    ASSERT_LE(std::abs(diff), 1) << "element " << i << " of " << in[i];
+    ASSERT_EQ(out[i], half2float_cpu(h[i].__x)) << i;
+  }
+}
+ORVA_ON_EACH_BACKEND(HalfBuffers);
+
+}  // namespace
