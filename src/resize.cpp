@@ -1,0 +1,59 @@
+// Ratio-preserving letterbox into a network input size.
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+#include "orva/image.h"
+#include "orva/util.h"
+
+namespace ORVA {
+
+namespace {
+
+// Area averaging when shrinking (the usual 1080p-to-network case) keeps small objects from
+// aliasing away; bilinear when enlarging, where area averaging degenerates to nearest.
+int filter_for(const cv::Size& from, const cv::Size& to) {
+  return (double)to.width * to.height < (double)from.width * from.height ? cv::INTER_AREA : cv::INTER_LINEAR;
+}
+
+}  // namespace
+
+void resize_ratio(const cv::Mat& src, cv::Mat& dst, cv::Size* size, float tolerance, unsigned char fill) {
+  if (!size || size->width == 0 || size->height == 0) return;
+  const int W = size->width, H = size->height;
+  if (W < 0 || H < 0) {
+    ORVA_ERROR("invalid target size %d x %d", W, H);
+    return;
+  }
+  if (src.empty()) {
+    ORVA_ERROR("empty source image");
+    return;
+  }
+  if (src.depth() != CV_8U || (src.channels() != 1 && src.channels() != 3)) {
+    ORVA_ERROR("unsupported image channels\n");
+    return;
+  }
+  const int cols = src.cols, rows = src.rows;
+  *size = cv::Size(cols, rows);
+
+  // Built aside so that dst may be src itself.
+  cv::Mat out(H, W, src.type(), cv::Scalar::all(fill));
+  cv::Size fit(W, H);
+  if (tolerance >= 0) {
+    const float rt = (float)W / H, rs = (float)cols / rows;
+    // At least one column or row survives, however extreme the source's shape.
+    if (rt - tolerance > rs) {
+      fit.width = std::max(1, (int)std::lround(W * rs / (rt - tolerance)));
+      size->width = (int)std::lround((double)cols * W / fit.width);
+    } else if (rs - tolerance > rt) {
+      fit.height = std::max(1, (int)std::lround(H * rt / (rs - tolerance)));
+      size->height = (int)std::lround((double)rows * H / fit.height);
+    }
+  }
+  cv::Mat roi = out(cv::Rect(0, 0, fit.width, fit.height));
+  cv::resize(src, roi, fit, 0, 0, filter_for(src.size(), fit));
+  dst = out;
+}
+
+}  // namespace ORVA
