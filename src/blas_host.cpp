@@ -1,0 +1,422 @@
+// Host twins of the tensor operations. Every half step is one float operation rounded to
+// nearest even (half_math.h), and every reduction visits its terms in the order the device
+// kernel does, so both backends agree bit for bit except where a float library function
+// (exp2f, sqrtf, powf) or a fused multiply-add of the device compiler intervenes.
+#include <cblas.h>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "backend.h"
+#include "blas_kernel.h"
+#include "half_math.h"
+#include "orva/util.h"
+
+namespace cpu {
+namespace {
+
+constexpr int kReduceThreads = 512;  // the partial sums of one device reduction block
+constexpr size_t kGrain = 8192;      // elements per TBB task for streaming loops
+constexpr float kNormEpsilon = 0.00001f;
+
+inline _half hsub(_half a, _half b) { return f2h(h2f(a) - h2f(b)); }
+// Exactly rounded: a float quotient of two halves rounds to the same half as the exact one.
+inline _half hdiv(_half a, _half b) { return f2h(h2f(a) / h2f(b)); }
+inline _half hneg(_half a) { return _half{(unsigned short)(a.__x ^ 0x8000)}; }
+inline _half count_to_half(int count) { return f2h((float)count); }
+
+// e^x in the device's base-2 form, saturated the same way.
+inline float softmax_exp(float x) {
+  if (x < -105.f) return 0.f;
+  if (x > 105.f) return std::numeric_limits<float>::infinity();
+  return exp2f(x * 1.442695f);
+}
+
+template <typename Body>
+void for_each_index(size_t n, Body body) {
+  tbb::parallel_for(tbb::blocked_range<size_t>(0, n, kGrain), [&](const tbb::blocked_range<size_t>& r) {
+    for (size_t i = r.begin(); i != r.end(); ++i) body(i);
+  });
+}
+
+// Sum over batch and spatial positions of filter f, in the device block's order: partial t
+// collects positions s = t, t + 512, ... of each batch item in batch order; the partials are
+// then added in index order. term(index) gives the half to add at a tensor index.
+template <typename Term>
+_half filter_sum(int batch, int filters, int spatial, int f, Term term) {
+  _half partial[kReduceThreads];
+  for (auto& p : partial) p = fp_0;
+  for (int b = 0; b < batch; ++b) {
+    const size_t base = ((size_t)b * filters + f) * spatial;
+    for (int s = 0; s < spatial; ++s) {
+      _half& p = partial[s % kReduceThreads];
+      p = hadd(p, term(base + s));
+    }
+  }
+  _half total = fp_0;
+  for (const _half& p : partial) total = hadd(total, p);
+  return total;
+}
+
+template <typename Body>
+void for_each_filter(int filters, Body body) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, filters, 1), [&](const tbb::blocked_range<int>& r) {
+    for (int f = r.begin(); f != r.end(); ++f) body(f);
+  });
+}
+
+// Visits every (batch item, filter) plane of a per-channel operation.
+template <typename Body>
+void for_each_plane(int batch, int n, Body body) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * n, 1), [&](const tbb::blocked_range<int>& r) {
+    for (int p = r.begin(); p != r.end(); ++p) body(p / n, p % n);
+  });
+}
+
+// One softmax over n values spaced `stride` apart, as one device thread computes it.
+void softmax_group(const Ftype* input, int n, int stride, float temp, Ftype* output) {
+  float largest = -FLT_MAX;
+  for (int k = 0; k < n; ++k) largest = std::max(largest, h2f(input[(size_t)k * stride]));
+  float sum = 0.f;
+  for (int k = 0; k < n; ++k) sum += softmax_exp(h2f(input[(size_t)k * stride]) / temp - largest / temp);
+  for (int k = 0; k < n; ++k) {
+    const size_t i = (size_t)k * stride;
+    output[i] = f2h(softmax_exp(h2f(input[i]) / temp - largest / temp) / sum);
+  }
+}
+
+// Gradient through a softmax output y: dx_i = y_i * (dy_i - sum_j y_j dy_j).
+void softmax_group_backward(const Ftype* y, const Ftype* dy, int n, Ftype* dx) {
+  float dot = 0.f;
+  for (int j = 0; j < n; ++j) dot += h2f(y[j]) * h2f(dy[j]);
+  for (int i = 0; i < n; ++i) dx[i] = f2h(h2f(y[i]) * (h2f(dy[i]) - dot));
+}
+
+
+// Half <-> float rows for the host matrix product; F16C converts eight at a time.
+void widen(const Ftype* src, float* dst, size_t n) {
+  size_t i = 0;
+#if defined(__F16C__)
+  for (; i + 8 <= n; i += 8)
+    _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i))));
+#endif
+  for (; i < n; ++i) dst[i] = h2f(src[i]);
+}
+
+void narrow(const float* src, Ftype* dst, size_t n) {
+  size_t i = 0;
+#if defined(__F16C__)
+  for (; i + 8 <= n; i += 8)
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i),
+                     _mm256_cvtps_ph(_mm256_loadu_ps(src + i), _MM_FROUND_TO_NEAREST_INT));
+#endif
+  for (; i < n; ++i) dst[i] = f2h(src[i]);
+}
+
+// Scratch slots of the host matrix product (the backend's grow-only buffers).
+enum GemmScratch { kScratchA = 0, kScratchB = 1, kScratchC = 2 };
+
+// Column panels of C keep the widened slice of B small enough to stay in cache between its
+// conversion and its use, so the half operand is read from memory once, at two bytes each.
+constexpr size_t kPanelBytes = 512 * 1024;
+constexpr int kMinPanel = 256;
+
+int panel_width(int N, int K) {
+  const int fit = (int)(kPanelBytes / (sizeof(float) * (size_t)K)) & ~15;
+  return std::min(N, std::max(kMinPanel, fit));
+}
+
+// C = BETA * C without a product (K = 0); BETA = 0 writes zeros without reading C.
+void scale_rows(int M, int N, float BETA, Ftype* C, int ldc) {
+  for (int i = 0; i < M; ++i)
+    for (int j = 0; j < N; ++j) {
+      Ftype& c = C[(size_t)i * ldc + j];
+      c = BETA == 0.f ? fp_0 : f2h(BETA * h2f(c));
+    }
+}
+
+}  // namespace
+
+void gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, const Ftype* A, int lda, const Ftype* B,
+          int ldb, float BETA, Ftype* C, int ldc) {
+  if (K == 0) return scale_rows(M, N, BETA, C, ldc);
+  ORVA::Backend* backend = ORVA::backend_of(handle);
+  // A is widened whole into a packed row-major copy (stored K x M when transposed).
+  const int a_rows = TA ? K : M, a_cols = TA ? M : K;
+  float* a = static_cast<float*>(backend->scratch(kScratchA, sizeof(float) * (size_t)a_rows * a_cols));
+  const int nb = panel_width(N, K);
+  float* b = static_cast<float*>(backend->scratch(kScratchB, sizeof(float) * (size_t)K * nb));
+  float* c = static_cast<float*>(backend->scratch(kScratchC, sizeof(float) * (size_t)M * nb));
+  if (!a || !b || !c) {
+    ORVA_ERROR("blas_gemm: no host scratch for M = %d, N = %d, K = %d", M, N, K);
+    return;
+  }
+  tbb::parallel_for(tbb::blocked_range<int>(0, a_rows, 16), [&](const tbb::blocked_range<int>& r) {
+    for (int i = r.begin(); i != r.end(); ++i) widen(A + (size_t)i * lda, a + (size_t)i * a_cols, a_cols);
+  });
+  for (int j0 = 0; j0 < N; j0 += nb) {
+    const int w = std::min(nb, N - j0);
+    // Panel of op(B): K x w when B is K x N, w x K rows when B is stored N x K.
+    if (TB) {
+      for (int j = 0; j < w; ++j) widen(B + (size_t)(j0 + j) * ldb, b + (size_t)j * K, K);
+    } else {
+      for (int k = 0; k < K; ++k) widen(B + (size_t)k * ldb + j0, b + (size_t)k * w, w);
+    }
+    if (BETA != 0.f)
+      for (int i = 0; i < M; ++i) widen(C + (size_t)i * ldc + j0, c + (size_t)i * w, w);
+    cblas_sgemm(CblasRowMajor, TA ? CblasTrans : CblasNoTrans, TB ? CblasTrans : CblasNoTrans, M, w, K, ALPHA, a,
+                a_cols, b, TB ? K : w, BETA, c, w);
+    for (int i = 0; i < M; ++i) narrow(c + (size_t)i * w, C + (size_t)i * ldc + j0, w);
+  }
+}
+void im2col(void* handle, const Ftype* im, int channels, int height, int width, int ksize, int stride, int pad,
+            Ftype* data_col) {
+  const int height_col = (height + 2 * pad - ksize) / stride + 1;
+  const int width_col = (width + 2 * pad - ksize) / stride + 1;
+  const size_t plane = (size_t)height_col * width_col;
+  const int rows = channels * ksize * ksize;
+  tbb::parallel_for(tbb::blocked_range<int>(0, rows, 1), [&](const tbb::blocked_range<int>& r) {
+    for (int row = r.begin(); row != r.end(); ++row) {
+      const int kx = row % ksize, ky = (row / ksize) % ksize, c = row / ksize / ksize;
+      const Ftype* src = im + (size_t)c * height * width;
+      Ftype* dst = data_col + (size_t)row * plane;
+      for (int y = 0; y < height_col; ++y) {
+        const int iy = y * stride - pad + ky;
+        for (int x = 0; x < width_col; ++x) {
+          const int ix = x * stride - pad + kx;
+          const bool inside = iy >= 0 && iy < height && ix >= 0 && ix < width;
+          dst[(size_t)y * width_col + x] = inside ? src[(size_t)iy * width + ix] : fp_0;
+        }
+      }
+    }
+  });
+}
+
+void col2im(void* handle, const Ftype* data_col, int channels, int height, int width, int ksize, int stride,
+            int pad, Ftype* data_im) {
+  const int height_col = (height + 2 * pad - ksize) / stride + 1;
+  const int width_col = (width + 2 * pad - ksize) / stride + 1;
+  const size_t plane = (size_t)height_col * width_col;
+  for_each_index((size_t)channels * height * width, [&](size_t i) {
+    const int w = (int)(i % width) + pad, h = (int)((i / width) % height) + pad, c = (int)(i / width / height);
+    const int y_first = h < ksize ? 0 : (h - ksize) / stride + 1, y_end = std::min(h / stride + 1, height_col);
+    const int x_first = w < ksize ? 0 : (w - ksize) / stride + 1, x_end = std::min(w / stride + 1, width_col);
+    float sum = 0.f;
+    for (int y = y_first; y < y_end; ++y)
+      for (int x = x_first; x < x_end; ++x) {
+        const int ky = h - y * stride, kx = w - x * stride;
+        sum += h2f(data_col[((size_t)(c * ksize + ky) * ksize + kx) * plane + (size_t)y * width_col + x]);
+      }
+    data_im[i] = f2h(h2f(data_im[i]) + sum);
+  });
+}
+
+void copy(void* handle, int N, const Ftype* X, Ftype* Y) { memmove(Y, X, (size_t)N * sizeof(Ftype)); }
+
+void fill(void* handle, int N, Ftype alpha, Ftype* X) { std::fill(X, X + N, alpha); }
+
+void scale(void* handle, int N, Ftype alpha, Ftype* X) {
+  for_each_index(N, [&](size_t i) { X[i] = hmul(X[i], alpha); });
+}
+
+void scale_add(void* handle, int N, float alpha, float beta, Ftype* X) {
+  for_each_index(N, [&](size_t i) { X[i] = f2h(std::fma(h2f(X[i]), alpha, beta)); });
+}
+
+void axpy(void* handle, int N, Ftype alpha, const Ftype* X, Ftype* Y) {
+  for_each_index(N, [&](size_t i) { Y[i] = hadd(Y[i], hmul(alpha, X[i])); });
+}
+
+void constrain(void* handle, int N, Ftype alpha, Ftype* X) {
+  const float a = h2f(alpha), neg_a = h2f(hneg(alpha));
+  for_each_index(N, [&](size_t i) {
+    // Written as the device compares: a NaN fails both tests and becomes a.
+    const float x = h2f(X[i]);
+    const float t = (neg_a > x) ? neg_a : x;
+    X[i] = (a > t) ? f2h(t) : alpha;
+  });
+}
+
+float sum(void* handle, int N, const Ftype* X) {
+  float partial[kReduceThreads] = {};
+  for (int i = 0; i < N; ++i) partial[i % kReduceThreads] += h2f(X[i]);
+  for (int half_width = kReduceThreads / 2; half_width > 0; half_width /= 2)
+    for (int t = 0; t < half_width; ++t) partial[t] += partial[t + half_width];
+  return partial[0];
+}
+
+void add_bias(void* handle, Ftype* output, const Ftype* bias, int batch, int n, int size) {
+  for_each_plane(batch, n, [&](int b, int f) {
+    Ftype* o = output + ((size_t)b * n + f) * size;
+    for (int i = 0; i < size; ++i) o[i] = hadd(o[i], bias[f]);
+  });
+}
+
+void scale_bias(void* handle, Ftype* output, const Ftype* scale, int batch, int n, int size) {
+  for_each_plane(batch, n, [&](int b, int f) {
+    Ftype* o = output + ((size_t)b * n + f) * size;
+    for (int i = 0; i < size; ++i) o[i] = hmul(o[i], scale[f]);
+  });
+}
+
+void scale_add_bias(void* handle, Ftype* output, const Ftype* scales, const Ftype* bias, int batch, int n,
+                    int size) {
+  for_each_plane(batch, n, [&](int b, int f) {
+    Ftype* o = output + ((size_t)b * n + f) * size;
+    for (int i = 0; i < size; ++i) o[i] = hadd(hmul(o[i], scales[f]), bias[f]);
+  });
+}
+
+void backward_bias(void* handle, Ftype* bias_update, const Ftype* delta, int batch, int n, int size) {
+  for_each_filter(n, [&](int f) {
+    bias_update[f] = hadd(bias_update[f], filter_sum(batch, n, size, f, [&](size_t i) { return delta[i]; }));
+  });
+}
+
+void backward_scale(void* handle, const Ftype* x_norm, const Ftype* delta, int batch, int n, int size,
+                    Ftype* scale_updates) {
+  for_each_filter(n, [&](int f) {
+    const _half s = filter_sum(batch, n, size, f, [&](size_t i) { return hmul(delta[i], x_norm[i]); });
+    scale_updates[f] = hadd(scale_updates[f], s);
+  });
+}
+
+void mean(void* handle, const Ftype* x, int batch, int filters, int spatial, Ftype* mean) {
+  const _half count = count_to_half(batch * spatial);
+  for_each_filter(filters, [&](int f) {
+    mean[f] = hdiv(filter_sum(batch, filters, spatial, f, [&](size_t i) { return x[i]; }), count);
+  });
+}
+
+void variance(void* handle, const Ftype* x, const Ftype* mean, int batch, int filters, int spatial, Ftype* var) {
+  const _half count = count_to_half(batch * spatial - 1);
+  for_each_filter(filters, [&](int f) {
+    const _half s = filter_sum(batch, filters, spatial, f, [&](size_t i) {
+      const _half d = hsub(x[i], mean[f]);
+      return hmul(d, d);
+    });
+    var[f] = hdiv(s, count);
+  });
+}
+
+void normalize(void* handle, Ftype* x, const Ftype* mean, const Ftype* var, int batch, int filters, int spatial) {
+  for_each_index((size_t)batch * filters * spatial, [&](size_t i) {
+    const int f = (int)((i / spatial) % filters);
+    x[i] = f2h(h2f(hsub(x[i], mean[f])) / sqrtf(h2f(var[f]) + kNormEpsilon));
+  });
+}
+
+void mean_delta(void* handle, const Ftype* delta, const Ftype* var, int batch, int filters, int spatial,
+                Ftype* mean_delta) {
+  for_each_filter(filters, [&](int f) {
+    const _half s = filter_sum(batch, filters, spatial, f, [&](size_t i) { return delta[i]; });
+    mean_delta[f] = f2h(h2f(s) * (-1.f / sqrtf(h2f(var[f]) + kNormEpsilon)));
+  });
+}
+
+void variance_delta(void* handle, const Ftype* x, const Ftype* delta, const Ftype* mean, const Ftype* var, int batch,
+                    int filters, int spatial, Ftype* var_delta) {
+  for_each_filter(filters, [&](int f) {
+    const _half s =
+        filter_sum(batch, filters, spatial, f, [&](size_t i) { return hmul(delta[i], hsub(x[i], mean[f])); });
+    var_delta[f] = f2h(h2f(s) * -0.5f * powf(h2f(var[f]) + kNormEpsilon, -1.5f));
+  });
+}
+
+void normalize_delta(void* handle, const Ftype* x, const Ftype* mean, const Ftype* var, const Ftype* mean_delta,
+                     const Ftype* var_delta, int batch, int filters, int spatial, Ftype* delta) {
+  const float count = (float)spatial * batch;
+  for_each_index((size_t)batch * filters * spatial, [&](size_t i) {
+    const int f = (int)((i / spatial) % filters);
+    const float d = h2f(delta[i]) / sqrtf(h2f(var[f]) + kNormEpsilon) +
+                    h2f(var_delta[f]) * 2.f * (h2f(x[i]) - h2f(mean[f])) / count + h2f(mean_delta[f]) / count;
+    delta[i] = f2h(d);
+  });
+}
+
+void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add, int w2, int h2, int c2,
+              Ftype alpha, Ftype beta, Ftype* out) {
+  const int minw = std::min(w1, w2), minh = std::min(h1, h2), minc = std::min(c1, c2);
+  const int stride = std::max(w1 / w2, 1), sample = std::max(w2 / w1, 1);
+  for_each_index((size_t)batch * minw * minh * minc, [&](size_t i) {
+    const int x = (int)(i % minw), y = (int)(i / minw % minh), k = (int)(i / minw / minh % minc);
+    const int b = (int)(i / minw / minh / minc);
+    const size_t out_index = (((size_t)b * c2 + k) * h2 + (size_t)y * sample) * w2 + (size_t)x * sample;
+    const size_t add_index = (((size_t)b * c1 + k) * h1 + (size_t)y * stride) * w1 + (size_t)x * stride;
+    out[out_index] = hadd(hmul(alpha, out[out_index]), hmul(beta, add[add_index]));
+  });
+}
+
+void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
+  const int out_c = c / (stride * stride);
+  for_each_index((size_t)w * h * c * batch, [&](size_t i) {
+    const int iw = (int)(i % w), ih = (int)(i / w % h), ic = (int)(i / w / h % c), b = (int)(i / w / h / c);
+    const int c2 = ic % out_c, offset = ic / out_c;
+    const size_t w2 = (size_t)iw * stride + offset % stride, h2 = (size_t)ih * stride + offset / stride;
+    const size_t o = w2 + (size_t)w * stride * (h2 + (size_t)h * stride * (c2 + (size_t)out_c * b));
+    if (forward)
+      out[o] = x[i];
+    else
+      out[i] = x[o];
+  });
+}
+
+void flatten(void* handle, const Ftype* x, int spatial, int layers, int batch, int forward, Ftype* out) {
+  for_each_index((size_t)spatial * layers * batch, [&](size_t i) {
+    const size_t s = i % spatial, c = i / spatial % layers, b = i / spatial / layers;
+    const size_t i_in = (b * layers + c) * spatial + s, i_out = (b * spatial + s) * layers + c;
+    if (forward)
+      out[i_out] = x[i_in];
+    else
+      out[i_in] = x[i_out];
+  });
+}
+
+void softmax_strided(void* handle, const Ftype* input, int n, int batch, int batch_offset, int groups,
+                     int group_offset, int stride, float temp, Ftype* output) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * groups, 16), [&](const tbb::blocked_range<int>& r) {
+    for (int id = r.begin(); id != r.end(); ++id) {
+      const size_t base = (size_t)(id / groups) * batch_offset + (size_t)(id % groups) * group_offset;
+      softmax_group(input + base, n, stride, temp, output + base);
+    }
+  });
+}
+
+void softmax_mapped(void* handle, const Ftype* input, int batch, int batch_offset, int groups, const int* gmap,
+                    float temp, Ftype* output) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * groups, 16), [&](const tbb::blocked_range<int>& r) {
+    for (int id = r.begin(); id != r.end(); ++id) {
+      const int g = id % groups;
+      size_t base = (size_t)(id / groups) * batch_offset;
+      for (int j = 0; j < g; ++j) base += gmap[j];
+      softmax_group(input + base, gmap[g], 1, temp, output + base);
+    }
+  });
+}
+
+void softmax2d(void* handle, const Ftype* input, int h, int w, Ftype* output) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, h, 16), [&](const tbb::blocked_range<int>& r) {
+    for (int row = r.begin(); row != r.end(); ++row)
+      softmax_group(input + (size_t)row * w, w, 1, 1.f, output + (size_t)row * w);
+  });
+}
+
+void softmax_backward(void* handle, const Ftype* output, const Ftype* delta, int n, Ftype* odelta) {
+  softmax_group_backward(output, delta, n, odelta);
+}
+
+void softmax2d_backward(void* handle, const Ftype* output, const Ftype* delta, int h, int w, Ftype* odelta) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, h, 16), [&](const tbb::blocked_range<int>& r) {
+    for (int row = r.begin(); row != r.end(); ++row) {
+      const size_t base = (size_t)row * w;
+      softmax_group_backward(output + base, delta + base, w, odelta + base);
+    }
+  });
+}
+
+}  // namespace cpu
