@@ -22,6 +22,8 @@ class Activation {
    public:                                                            \
     explicit Name(void* handle) : Activation(Id, handle) {}           \
     ~Name() override = default;                                       \
+    /* f(x) and g(y) of one value (rounded to half), as the host */   \
+    /* backend computes them; the device uses its own tables.     */   \
     static float activate_kernel(float x);                            \
     static float gradient_kernel(float y);                            \
   };
@@ -48,7 +50,8 @@ class ActivationType {
   static Activation* create(int id, void* handle);
 };
 
-// Launchers used by the class (and by layers that activate without an object).
+// Launchers used by the class (and by layers that activate without an object). An id
+// without a function prints an error line and launches nothing.
 void activation_forward(void* handle, int type, Ftype* x, int n);
 void activation_bias_forward(void* handle, int type, Ftype* output, Ftype* bias, int batch, int n, int size);
 void activation_gradient(void* handle, int type, Ftype* x, int n, Ftype* delta);
