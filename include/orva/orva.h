@@ -1,14 +1,30 @@
 // The network, task and worker classes.
 #pragma once
+#include <vector>
+
+#include <opencv2/core.hpp>
+
 #include "orva/cuda.h"
 #include "orva/data.h"
 #include "orva/float16.h"
+#include "orva/layer.h"
 #include "orva/util.h"
 
 #define ORVA_MAJOR_VERSION 4
 #define ORVA_MINOR_VERSION 0
 
 namespace ORVA {
+
+// Header of the model file: 64 bytes, little-endian.
+struct ModelHeader {
+  char magic[8];
+  short major;
+  short minor;
+  unsigned int rev;
+  char _reserved[44];
+  unsigned int chksum;
+};
+static_assert(sizeof(ModelHeader) == 64, "the model header is 64 bytes on disk");
 
 class Network {
  public:
@@ -19,15 +35,90 @@ class Network {
   Network(const Network&) = delete;
   Network& operator=(const Network&) = delete;
 
-  int getMode() const { return _mode; }
-  int getBatch() const { return _nBatch; }
-  void* getHandle() { return &_handle; }
-  BackendKind getBackend() const { return handle_kind(&_handle); }
+  // Builds from a text description, then reads a weights-only file when path_weight names one.
+  // Returns -1 when the description has no "network" section.
+  virtual int load(const char* path_cfg, const char* path_weight, bool quant = false, bool fast = false);
+  // Builds from a model file; throws std::runtime_error on any fault of the file.
+  virtual int load(const char* path_net, bool quant = false, bool fast = false);
+  // unify: the model file; otherwise the weights-only file.
+  virtual int save(const char* path, bool unify = true);
+
+  // The caller has filled the input tensor already.
+  virtual float* predict(int batch);
+  // Planar floats laid out like the input tensor.
+  virtual float* predict(float* img, int batch);
+  // One 8-bit matrix holding the whole batch; cgroup: channel groups per sample.
+  virtual float* predict(cv::Mat& img, int batch, int cgroup);
+  // batch x siamese matrices, one per sample.
+  virtual float* predict(cv::Mat* img, int batch);
+  // batch x siamese lists; the matrices of a list are stacked along the channel axis.
+  virtual float* predict(std::vector<cv::Mat>* img_vec, int batch);
+
+  virtual void resize(int w, int h);
+  // i < 0: the output layer; null outside the layer list.
+  virtual Layer* getLayer(int i);
+  virtual Layer* getOutputLayer() { return _loutput; }
+  virtual char* getVersion() { return _version; }
+  virtual unsigned int getChecksum(const char* path);
+  virtual bool testChecksum(const char* path);
+
+  int getMode() const { return mode; }
+  int getBatch() const { return nBatch; }
+  int getLayerCount() const { return (int)_layers.size(); }
+  int getInputs() const { return _inputs; }
+  int getOutputs() const { return _outputs; }
+  int getSiamese() const { return _siamese; }
+  int getPrecision() const { return _precision; }
+  size_t getSeen() const { return _seen; }
+  void setSeen(size_t seen) { _seen = seen; }
+  Ftype* getInput() { return static_cast<Ftype*>(_input); }
+  void* getHandle() { return _gpu_handle; }
+  BackendKind getBackend() const { return handle_kind(_gpu_handle); }
+
+  int version = 0;
+  int mode;
+  int iH = 0, iW = 0, iC = 0;
+  int nBatch;
+  int oH = 0, oW = 0, oC = 0;
 
  protected:
-  int _mode;
-  int _nBatch;
+  int _parseConfig(const char* path, bool quant, bool fast);
+  void _loadConfig(FILE* fp, bool quant, bool fast);
+  void _loadModel(FILE* fp, bool quant, bool fast);
+  void _makeNetwork(size_t workspace_size, size_t qinput_size);
+  void _freeNetwork();
+  void _deleteLayers();
+  void _forward(int batch);
+  // Clamps the batch, lets fill_input(n) write the input tensor, runs the layers and
+  // brings the output to the host.
+  template <typename FillInput>
+  float* _predict(int batch, FillInput fill_input);
+
+  std::vector<Layer*> _layers;
+  Layer* _loutput = nullptr;
+  int _inputs = 0;
+  int _outputs = 0;
+  char _version[32] = {0};
   int _gpu_index;
+  int _precision = FP32;
+  int _siamese = 1;
+  void* _gpu_handle;
+  int _truths = 0;
+  void* _workspace = nullptr;
+  void* _input = nullptr;
+  void* _qinput = nullptr;
+  float* _omem_dev = nullptr;
+  float* _omem = nullptr;
+  float* _output = nullptr;
+  float* _truth = nullptr;
+  unsigned char* _input_raw = nullptr;
+  int _input_raws = 0;
+  // Backend staging for predict(float*), grown once to a full batch.
+  float* _input_f32 = nullptr;
+  float _cost = 0;
+  size_t _seen = 0;
+
+ private:
   CudaHandle _handle;
 };
 
