@@ -1,0 +1,509 @@
+// Tensor primitives against float64 references written here, on every backend present.
+#include <cmath>
+#include <cstring>
+#include <string>
+
+#include "harness.h"
+#include "orva/blas.h"
+
+using namespace orva_test;
+
+namespace {
+
+// Data movement is exact: any difference is a wrong index.
+constexpr double kExact = 0.0;
+
+double h(const std::vector<Ftype>& v, size_t i) { return half2float_cpu(v[i].__x); }
+double round_half(double x) { return half2float_cpu(float2half_cpu((float)x)); }
+
+struct GemmCase {
+  int TA, TB, M, N, K, lda, ldb, ldc;
+  float alpha, beta;
+};
+
+// C is returned whole, padding included: columns past N must keep their values.
+void check_gemm(const GemmCase& g) {
+  const int a_rows = g.TA ? g.K : g.M, b_rows = g.TB ? g.N : g.K;
+  const auto A = random_halves((size_t)a_rows * g.lda, -1, 1);
+  const auto B = random_halves((size_t)b_rows * g.ldb, -1, 1);
+  const auto C = random_halves((size_t)g.M * g.ldc, -1, 1);
+  std::vector<double> ref = to_doubles(C);
+  for (int i = 0; i < g.M; ++i)
+    for (int j = 0; j < g.N; ++j) {
+      double dot = 0;
+      for (int k = 0; k < g.K; ++k) {
+        const double a = g.TA ? h(A, (size_t)k * g.lda + i) : h(A, (size_t)i * g.lda + k);
+        const double b = g.TB ? h(B, (size_t)j * g.ldb + k) : h(B, (size_t)k * g.ldb + j);
+        dot += a * b;
+      }
+      double& c = ref[(size_t)i * g.ldc + j];
+      c = g.alpha * dot + g.beta * c;
+    }
+  const std::string what = "blas_gemm TA=" + std::to_string(g.TA) + " TB=" + std::to_string(g.TB) + " " +
+                           std::to_string(g.M) + "x" + std::to_string(g.N) + "x" + std::to_string(g.K);
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor a(ctx, A), b(ctx, B), c(ctx, C);
+        blas_gemm(ctx, g.TA, g.TB, g.M, g.N, g.K, g.alpha, a, g.lda, b, g.ldb, g.beta, c, g.ldc);
+        EXPECT_TRUE(c.guard_intact());
+        return c.download();
+      },
+      // Float accumulation, then one rounding of each result to half.
+      ref, kHalfRounding, kHalfRounding, what.c_str());
+}
+
+}  // namespace
+
+TEST(BlasGemm, TransposesAndLeadingDimensions) {
+  // TA=1/TB=0 is the backward-data shape of a convolution; padded leading dimensions catch
+  // any place that assumes packed rows.
+  check_gemm({0, 0, 7, 9, 5, 5, 9, 9, 1.f, 0.5f});
+  check_gemm({1, 0, 6, 11, 8, 6, 11, 11, 1.f, 1.f});
+  check_gemm({0, 1, 5, 7, 13, 16, 14, 9, -0.75f, 0.25f});
+  check_gemm({1, 1, 9, 6, 4, 12, 7, 10, 2.f, -1.f});
+  check_gemm({1, 0, 4, 10, 3, 7, 13, 12, 1.f, 0.5f});
+}
+
+TEST(BlasGemm, PanelsWiderThanOneBlock) {
+  // Larger than one column panel of the host product, with a ragged last panel.
+  check_gemm({0, 0, 24, 1100, 300, 300, 1100, 1100, 1.f, 0.f});
+  check_gemm({0, 1, 17, 700, 150, 150, 150, 703, 0.5f, 1.f});
+}
+
+TEST(BlasGemm, ZeroBetaNeverReadsC) {
+  const int M = 5, N = 6, K = 4;
+  const auto A = random_halves(M * K, -1, 1), B = random_halves(K * N, -1, 1);
+  std::vector<double> ref(M * N, 0.0);
+  for (int i = 0; i < M; ++i)
+    for (int j = 0; j < N; ++j)
+      for (int k = 0; k < K; ++k) ref[i * N + j] += h(A, i * K + k) * h(B, k * N + j);
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor a(ctx, A), b(ctx, B), c(ctx, M * N);  // c stays poisoned with NaN
+        blas_gemm(ctx, 0, 0, M, N, K, 1.f, a, K, b, N, 0.f, c, N);
+        return c.download();
+      },
+      ref, kHalfRounding, kHalfRounding, "blas_gemm with BETA = 0 over a NaN C");
+}
+
+TEST(BlasIm2col, MatchesWindowsAndItsAdjoint) {
+  struct Shape { int c, h, w, k, s, p; };
+  for (const Shape sh : {Shape{3, 9, 7, 3, 2, 1}, Shape{2, 5, 6, 1, 1, 0}, Shape{2, 6, 5, 5, 1, 2}}) {
+    const int hc = (sh.h + 2 * sh.p - sh.k) / sh.s + 1, wc = (sh.w + 2 * sh.p - sh.k) / sh.s + 1;
+    const size_t cols = (size_t)sh.c * sh.k * sh.k * hc * wc, pixels = (size_t)sh.c * sh.h * sh.w;
+    const auto im = random_halves(pixels, -1, 1), col = random_halves(cols, -1, 1);
+    std::vector<double> col_ref(cols), im_ref = to_doubles(im);
+    for (int c = 0; c < sh.c; ++c)
+      for (int ky = 0; ky < sh.k; ++ky)
+        for (int kx = 0; kx < sh.k; ++kx)
+          for (int y = 0; y < hc; ++y)
+            for (int x = 0; x < wc; ++x) {
+              const int iy = y * sh.s - sh.p + ky, ix = x * sh.s - sh.p + kx;
+              const size_t ci = (((size_t)(c * sh.k + ky) * sh.k + kx) * hc + y) * wc + x;
+              if (iy < 0 || iy >= sh.h || ix < 0 || ix >= sh.w) {
+                col_ref[ci] = 0;
+                continue;
+              }
+              const size_t ii = ((size_t)c * sh.h + iy) * sh.w + ix;
+              col_ref[ci] = h(im, ii);
+              im_ref[ii] += h(col, ci);  // the adjoint gathers what the window took
+            }
+    check_on_backends(
+        [&](void* ctx) {
+          Tensor a(ctx, im), out(ctx, cols);
+          blas_im2col(ctx, a, sh.c, sh.h, sh.w, sh.k, sh.s, sh.p, out);
+          EXPECT_TRUE(out.guard_intact());
+          return out.download();
+        },
+        col_ref, kExact, kExact, "blas_im2col");
+    check_on_backends(
+        [&](void* ctx) {
+          Tensor a(ctx, col), out(ctx, im);
+          blas_col2im(ctx, a, sh.c, sh.h, sh.w, sh.k, sh.s, sh.p, out);
+          EXPECT_TRUE(out.guard_intact());
+          return out.download();
+        },
+        im_ref, kHalfRounding, kHalfRounding, "blas_col2im");  // float sum, one rounding
+  }
+}
+
+// Runs an in-place operation on a copy of x and returns the result.
+template <typename Op>
+BackendOp in_place(const std::vector<Ftype>& x, Op op) {
+  return [x, op](void* ctx) {
+    Tensor t(ctx, x);
+    op(ctx, t);
+    EXPECT_TRUE(t.guard_intact());
+    return t.download();
+  };
+}
+
+TEST(BlasElementwise, HalfArithmeticPerElement) {
+  const int N = 3000;  // several blocks and a ragged tail
+  const auto x = random_halves(N, -4, 4), y = random_halves(N, -4, 4);
+  const double a = round_half(0.37), b = round_half(-1.3);
+  std::vector<double> fill(N, round_half(-2.71)), scale(N), scale_add(N), axpy(N);
+  for (int i = 0; i < N; ++i) {
+    scale[i] = h(x, i) * a;
+    scale_add[i] = h(x, i) * 0.37 + 0.5;
+    axpy[i] = h(y, i) + b * h(x, i);
+  }
+  check_on_backends(in_place(x, [&](void* c, Ftype* t) { blas_fill(c, N, -2.71f, t); }), fill, kExact, kExact,
+                    "blas_fill");
+  check_on_backends(in_place(x, [&](void* c, Ftype* t) { blas_scale(c, N, 0.37f, t); }), scale, kHalfRounding,
+                    kExact, "blas_scale");
+  check_on_backends(in_place(x, [&](void* c, Ftype* t) { blas_scale_add(c, N, 0.37f, 0.5f, t); }), scale_add,
+                    kHalfRounding, kExact, "blas_scale_add");
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor tx(ctx, x), ty(ctx, y);
+        blas_axpy(ctx, N, -1.3f, tx, ty);
+        EXPECT_TRUE(ty.guard_intact());
+        return ty.download();
+      },
+      axpy, kHalfChain, kExact, "blas_axpy");
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor tx(ctx, x), ty(ctx, N);
+        blas_copy(ctx, N, tx, ty);
+        EXPECT_TRUE(ty.guard_intact());
+        return ty.download();
+      },
+      to_doubles(x), kExact, kExact, "blas_copy");
+}
+
+TEST(BlasElementwise, ConstrainClampsAndReplacesNaN) {
+  const std::vector<Ftype> x = to_halves(std::vector<float>{3.f, -3.f, 0.5f, -0.5f, 1.f, NAN, INFINITY, -INFINITY});
+  const std::vector<double> ref{1, -1, 0.5, -0.5, 1, 1, 1, -1};
+  check_on_backends(in_place(x, [](void* c, Ftype* t) { blas_constrain(c, 8, 1.f, t); }), ref, kExact, kExact,
+                    "blas_constrain");
+}
+
+TEST(BlasElementwise, SumOfHalvesAsFloat) {
+  for (int N : {1, 511, 5000}) {
+    const auto x = random_halves(N, 0.f, 2.f);
+    double ref = 0;
+    for (int i = 0; i < N; ++i) ref += h(x, i);
+    float host_sum = 0;
+    for (int gpu : test_backends()) {
+      CudaHandle ctx{};
+      create_handle(&ctx, gpu);
+      float got;
+      {
+        Tensor t(&ctx, x);
+        got = blas_sum(&ctx, N, t);
+      }
+      destroy_handle(&ctx);
+      // Float accumulation: partial sums of at most ten terms, then a nine-level tree.
+      EXPECT_NEAR(got, ref, 1e-5 * ref) << "N = " << N;
+      if (gpu < 0) {
+        host_sum = got;
+      } else {
+        EXPECT_EQ(got, host_sum) << "fixed reduction order on both backends, N = " << N;
+        count_cuda_comparison();
+      }
+    }
+  }
+}
+
+namespace {
+// Shape of the per-channel tests: spatial past one reduction block, with a ragged tail.
+constexpr int kBatch = 2, kFilters = 3, kSpatial = 1300;
+constexpr size_t kCount = (size_t)kBatch * kFilters * kSpatial;
+int filter_of(size_t i) { return (int)(i / kSpatial % kFilters); }
+}  // namespace
+
+TEST(BlasChannel, BiasAndScalePerFilter) {
+  const auto x = random_halves(kCount, -2, 2), bias = random_halves(kFilters, -1, 1),
+             scale = random_halves(kFilters, 0.5f, 2.f);
+  std::vector<double> add(kCount), mul(kCount), both(kCount);
+  for (size_t i = 0; i < kCount; ++i) {
+    const int f = filter_of(i);
+    add[i] = h(x, i) + h(bias, f);
+    mul[i] = h(x, i) * h(scale, f);
+    both[i] = h(x, i) * h(scale, f) + h(bias, f);
+  }
+  auto with = [&](const std::vector<Ftype>& p, auto op) {
+    return [&, op](void* ctx) {
+      Tensor t(ctx, x), tp(ctx, p), tb(ctx, bias);
+      op(ctx, t, tp, tb);
+      EXPECT_TRUE(t.guard_intact());
+      return t.download();
+    };
+  };
+  check_on_backends(with(bias, [](void* c, Ftype* t, Ftype* p, Ftype*) { blas_add_bias(c, t, p, kBatch, kFilters, kSpatial); }),
+                    add, kHalfRounding, kExact, "blas_add_bias");
+  check_on_backends(with(scale, [](void* c, Ftype* t, Ftype* p, Ftype*) { blas_scale_bias(c, t, p, kBatch, kFilters, kSpatial); }),
+                    mul, kHalfRounding, kExact, "blas_scale_bias");
+  check_on_backends(with(scale, [](void* c, Ftype* t, Ftype* p, Ftype* b) { blas_scale_add_bias(c, t, p, b, kBatch, kFilters, kSpatial); }),
+                    both, kHalfChain, kExact, "blas_scale_add_bias");
+}
+
+TEST(BlasChannel, ReductionsPerFilter) {
+  // Positive terms keep the half sums free of cancellation, so the relative error measures
+  // the accumulation, not the data.
+  const auto x = random_halves(kCount, 0.5f, 1.5f), delta = random_halves(kCount, 0.1f, 1.f);
+  const auto mean = to_halves(std::vector<float>{0.2f, 0.3f, 0.1f}), var = random_halves(kFilters, 0.5f, 2.f);
+  const auto start = random_halves(kFilters, -1, 1);
+  std::vector<double> bias_sum(kFilters), scale_sum(kFilters), x_sum(kFilters), sq_sum(kFilters), dx_sum(kFilters);
+  for (size_t i = 0; i < kCount; ++i) {
+    const int f = filter_of(i);
+    bias_sum[f] += h(delta, i);
+    scale_sum[f] += h(delta, i) * h(x, i);
+    x_sum[f] += h(x, i);
+    sq_sum[f] += (h(x, i) - h(mean, f)) * (h(x, i) - h(mean, f));
+    dx_sum[f] += h(delta, i) * (h(x, i) - h(mean, f));
+  }
+  std::vector<double> bias_ref(kFilters), scale_ref(kFilters), mean_ref(kFilters), var_ref(kFilters),
+      mean_delta_ref(kFilters), var_delta_ref(kFilters);
+  for (int f = 0; f < kFilters; ++f) {
+    bias_ref[f] = h(start, f) + bias_sum[f];
+    scale_ref[f] = h(start, f) + scale_sum[f];
+    mean_ref[f] = x_sum[f] / (kBatch * kSpatial);
+    var_ref[f] = sq_sum[f] / (kBatch * kSpatial - 1);  // unbiased on purpose
+    mean_delta_ref[f] = bias_sum[f] * (-1 / std::sqrt(h(var, f) + 0.00001));
+    var_delta_ref[f] = dx_sum[f] * -0.5 * std::pow(h(var, f) + 0.00001, -1.5);
+  }
+  auto reduce = [&](auto op) {
+    return [&, op](void* ctx) {
+      Tensor tx(ctx, x), td(ctx, delta), tm(ctx, mean), tv(ctx, var), out(ctx, start);
+      op(ctx, tx, td, tm, tv, out);
+      EXPECT_TRUE(out.guard_intact());
+      return out.download();
+    };
+  };
+  using T = Ftype*;
+  // Reductions accumulate thousands of terms in half; the CUDA block order is the host's.
+  check_on_backends(reduce([](void* c, T, T d, T, T, T o) { blas_backward_bias(c, o, d, kBatch, kFilters, kSpatial); }),
+                    bias_ref, kHalfAccumulate, kExact, "blas_backward_bias");
+  check_on_backends(reduce([](void* c, T x, T d, T, T, T o) { blas_backward_scale(c, x, d, kBatch, kFilters, kSpatial, o); }),
+                    scale_ref, kHalfAccumulate, kExact, "blas_backward_scale");
+  check_on_backends(reduce([](void* c, T x, T, T, T, T o) { blas_mean(c, x, kBatch, kFilters, kSpatial, o); }),
+                    mean_ref, kHalfAccumulate, kExact, "blas_mean");
+  check_on_backends(reduce([](void* c, T x, T, T m, T, T o) { blas_variance(c, x, m, kBatch, kFilters, kSpatial, o); }),
+                    var_ref, kHalfAccumulate, kExact, "blas_variance");
+  check_on_backends(reduce([](void* c, T, T d, T, T v, T o) { blas_mean_delta(c, d, v, kBatch, kFilters, kSpatial, o); }),
+                    mean_delta_ref, kHalfAccumulate, kHalfRounding, "blas_mean_delta");
+  check_on_backends(reduce([](void* c, T x, T d, T m, T v, T o) { blas_variance_delta(c, x, d, m, v, kBatch, kFilters, kSpatial, o); }),
+                    var_delta_ref, kHalfAccumulate, kHalfRounding, "blas_variance_delta");
+}
+
+TEST(BlasChannel, NormalizeAndItsGradient) {
+  const auto x = random_halves(kCount, -2, 2), delta = random_halves(kCount, -1, 1);
+  const auto mean = random_halves(kFilters, -0.5f, 0.5f), var = random_halves(kFilters, 0.5f, 2.f);
+  const auto mean_delta = random_halves(kFilters, -50, 50), var_delta = random_halves(kFilters, -50, 50);
+  std::vector<double> norm(kCount), grad(kCount);
+  const double count = (double)kBatch * kSpatial;
+  for (size_t i = 0; i < kCount; ++i) {
+    const int f = filter_of(i);
+    norm[i] = round_half(h(x, i) - h(mean, f)) / std::sqrt(h(var, f) + 0.00001);  // the subtraction is in half
+    grad[i] = h(delta, i) / std::sqrt(h(var, f) + 0.00001) + h(var_delta, f) * 2 * (h(x, i) - h(mean, f)) / count +
+              h(mean_delta, f) / count;
+  }
+  check_on_backends(in_place(x, [&](void* c, Ftype* t) {
+                      Tensor m(c, mean), v(c, var);
+                      blas_normalize(c, t, m, v, kBatch, kFilters, kSpatial);
+                    }),
+                    norm, kHalfRounding, kHalfRounding, "blas_normalize");
+  check_on_backends(in_place(delta, [&](void* c, Ftype* t) {
+                      Tensor tx(c, x), m(c, mean), v(c, var), md(c, mean_delta), vd(c, var_delta);
+                      blas_normalize_delta(c, tx, m, v, md, vd, kBatch, kFilters, kSpatial, t);
+                    }),
+                    grad, kHalfRounding, kHalfRounding, "blas_normalize_delta");
+}
+
+namespace {
+std::vector<double> shortcut_reference(int batch, int w1, int h1, int c1, const std::vector<Ftype>& add, int w2,
+                                       int h2, int c2, double alpha, double beta, const std::vector<Ftype>& out,
+                                       int stride, int sample) {
+  std::vector<double> ref = to_doubles(out);
+  for (int b = 0; b < batch; ++b)
+    for (int k = 0; k < std::min(c1, c2); ++k)
+      for (int y = 0; y < std::min(h1, h2); ++y)
+        for (int x = 0; x < std::min(w1, w2); ++x) {
+          const size_t o = (((size_t)b * c2 + k) * h2 + y * sample) * w2 + x * sample;
+          const size_t a = (((size_t)b * c1 + k) * h1 + y * stride) * w1 + x * stride;
+          ref[o] = alpha * h(out, o) + beta * h(add, a);
+        }
+  return ref;
+}
+}  // namespace
+
+TEST(BlasLayout, ShortcutStridesAndSamplesByWidthRatio) {
+  // 26x26 into 13x13 reads every second input (stride 2); 13x13 into 26x26 writes every
+  // second output (sample 2) and leaves the others alone.
+  struct Case { int w1, c1, w2, c2, stride, sample; };
+  for (const Case s : {Case{26, 4, 13, 3, 2, 1}, Case{13, 3, 26, 4, 1, 2}, Case{13, 2, 13, 2, 1, 1}}) {
+    const int batch = 2;
+    const auto add = random_halves((size_t)batch * s.c1 * s.w1 * s.w1, -1, 1);
+    const auto out = random_halves((size_t)batch * s.c2 * s.w2 * s.w2, -1, 1);
+    const auto ref = shortcut_reference(batch, s.w1, s.w1, s.c1, add, s.w2, s.w2, s.c2, round_half(0.7),
+                                        round_half(-1.5), out, s.stride, s.sample);
+    check_on_backends(
+        [&](void* ctx) {
+          Tensor a(ctx, add), o(ctx, out);
+          blas_shortcut(ctx, batch, s.w1, s.w1, s.c1, a, s.w2, s.w2, s.c2, 0.7f, -1.5f, o);
+          EXPECT_TRUE(o.guard_intact());
+          return o.download();
+        },
+        ref, kHalfChain, kExact, ("blas_shortcut " + std::to_string(s.w1) + " into " + std::to_string(s.w2)).c_str());
+  }
+}
+
+TEST(BlasLayout, ReorgRoundTripAndFlattenTranspose) {
+  const int width = 6, height = 4, c = 8, batch = 2, stride = 2, n = width * height * c * batch;
+  const auto x = random_halves(n, -1, 1);
+  std::vector<double> fwd(n);
+  const int out_c = c / (stride * stride);
+  for (int i = 0; i < n; ++i) {
+    const int iw = i % width, ih = i / width % height, ic = i / width / height % c, b = i / width / height / c;
+    const int c2 = ic % out_c, off = ic / out_c;
+    const int w2 = iw * stride + off % stride, h2 = ih * stride + off / stride;
+    fwd[w2 + width * stride * (h2 + height * stride * (c2 + out_c * b))] = h(x, i);
+  }
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor in(ctx, x), out(ctx, n);
+        blas_reorg(ctx, in, width, height, c, batch, stride, 1, out);
+        EXPECT_TRUE(out.guard_intact());
+        return out.download();
+      },
+      fwd, kExact, kExact, "blas_reorg forward");
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor in(ctx, x), mid(ctx, n), back(ctx, n);
+        blas_reorg(ctx, in, width, height, c, batch, stride, 1, mid);
+        blas_reorg(ctx, mid, width, height, c, batch, stride, 0, back);
+        return back.download();
+      },
+      to_doubles(x), kExact, kExact, "blas_reorg forward then backward");
+
+  const int spatial = 35, layers = 6;
+  const auto y = random_halves((size_t)spatial * layers * batch, -1, 1);
+  std::vector<double> flat(y.size());
+  for (int b = 0; b < batch; ++b)
+    for (int l = 0; l < layers; ++l)
+      for (int s = 0; s < spatial; ++s) flat[(b * spatial + s) * layers + l] = h(y, (b * layers + l) * spatial + s);
+  auto flatten = [&](const std::vector<Ftype>& in_values, int forward) {
+    return [&, forward](void* ctx) {
+      Tensor in(ctx, in_values), out(ctx, in_values.size());
+      blas_flatten(ctx, in, spatial, layers, batch, forward, out);
+      return out.download();
+    };
+  };
+  check_on_backends(flatten(y, 1), flat, kExact, kExact, "blas_flatten forward");
+  check_on_backends(flatten(to_halves(flat), 0), to_doubles(y), kExact, kExact, "blas_flatten backward");
+}
+
+namespace {
+// Softmax of n values at base + k * stride, written into ref.
+void softmax_reference(const std::vector<Ftype>& in, size_t base, int n, int stride, double temp,
+                       std::vector<double>& ref) {
+  double largest = -INFINITY, sum = 0;
+  for (int k = 0; k < n; ++k) largest = std::max(largest, h(in, base + (size_t)k * stride));
+  for (int k = 0; k < n; ++k) sum += std::exp((h(in, base + (size_t)k * stride) - largest) / temp);
+  for (int k = 0; k < n; ++k) ref[base + (size_t)k * stride] = std::exp((h(in, base + (size_t)k * stride) - largest) / temp) / sum;
+}
+}  // namespace
+
+TEST(BlasSoftmax, StridedMappedAndRows) {
+  // The region head's shape: classes spaced wh apart, wh groups per anchor and item; entries
+  // outside the class block must stay as they were.
+  const int classes = 7, wh = 12, anchors = 2, batch = 2, per_anchor = (classes + 5) * wh;
+  const int total = per_anchor * anchors * batch;
+  const auto in = random_halves(total, -6, 6), before = random_halves(total, -1, 1);
+  std::vector<double> strided = to_doubles(before);
+  for (int item = 0; item < anchors * batch; ++item)
+    for (int g = 0; g < wh; ++g) softmax_reference(in, (size_t)item * per_anchor + 5 * wh + g, classes, wh, 2.0, strided);
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor i(ctx, in), o(ctx, before);
+        blas_softmax(ctx, i + 5 * wh, classes, anchors * batch, per_anchor, wh, 1, wh, 2.f, o + 5 * wh);
+        EXPECT_TRUE(o.guard_intact());
+        return o.download();
+      },
+      strided, kHalfRounding, kHalfRounding, "strided blas_softmax");
+
+  const std::vector<int> gmap{10, 20, 1};
+  const int inputs = 31;
+  const auto v = random_halves(inputs * batch, -8, 8);
+  std::vector<double> mapped(v.size());
+  for (int b = 0; b < batch; ++b)
+    for (size_t g = 0, off = 0; g < gmap.size(); off += gmap[g++]) softmax_reference(v, b * inputs + off, gmap[g], 1, 0.5, mapped);
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor i(ctx, v), o(ctx, v.size());
+        Buffer<int> map(ctx, gmap);
+        blas_softmax(ctx, i, batch, inputs, (int)gmap.size(), map, 0.5f, o);
+        EXPECT_TRUE(o.guard_intact());
+        return o.download();
+      },
+      mapped, kHalfRounding, kHalfRounding, "mapped blas_softmax");
+
+  const int rows = 5, cols = 40;
+  const auto m = random_halves(rows * cols, -10, 10);
+  std::vector<double> rowwise(m.size());
+  for (int r = 0; r < rows; ++r) softmax_reference(m, r * cols, cols, 1, 1.0, rowwise);
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor i(ctx, m), o(ctx, m.size());
+        blas_softmax2d(ctx, i, rows, cols, o);
+        return o.download();
+      },
+      rowwise, kHalfRounding, kHalfRounding, "blas_softmax2d");
+}
+
+TEST(BlasSoftmax, BackwardThroughTheOutput) {
+  const int rows = 4, cols = 30;
+  // A genuine softmax output, so the gradient has its usual scale.
+  const auto logits = random_halves(rows * cols, -3, 3);
+  std::vector<double> probs(logits.size());
+  for (int r = 0; r < rows; ++r) softmax_reference(logits, r * cols, cols, 1, 1.0, probs);
+  const auto y = to_halves(probs), dy = random_halves(y.size(), -1, 1);
+  std::vector<double> grad(y.size()), grad_flat(cols);
+  for (int r = 0; r < rows; ++r) {
+    double dot = 0;
+    for (int j = 0; j < cols; ++j) dot += h(y, r * cols + j) * h(dy, r * cols + j);
+    for (int j = 0; j < cols; ++j) grad[r * cols + j] = h(y, r * cols + j) * (h(dy, r * cols + j) - dot);
+    if (r == 0) std::copy(grad.begin(), grad.begin() + cols, grad_flat.begin());
+  }
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor ty(ctx, y), td(ctx, dy), out(ctx, cols);
+        blas_softmax_backward(ctx, ty, td, cols, out);
+        EXPECT_TRUE(out.guard_intact());
+        return out.download();
+      },
+      grad_flat, kHalfRounding, kHalfRounding, "blas_softmax_backward");
+  check_on_backends(
+      [&](void* ctx) {
+        Tensor ty(ctx, y), td(ctx, dy), out(ctx, y.size());
+        blas_softmax2d_backward(ctx, ty, td, rows, cols, out);
+        EXPECT_TRUE(out.guard_intact());
+        return out.download();
+      },
+      grad, kHalfRounding, kHalfRounding, "blas_softmax2d_backward");
+}
+
+class BlasArguments : public OnEachBackend {};
+ORVA_ON_EACH_BACKEND(BlasArguments);
+
+TEST_P(BlasArguments, BadShapesReportAndTouchNothing) {
+  Tensor a(handle(), 64), b(handle(), 64), out(handle(), 64);
+  auto refused = [&](auto call, const char* fn, const char* key) {
+    ::testing::internal::CaptureStderr();
+    call();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(fn), std::string::npos) << err;
+    EXPECT_NE(err.find(key), std::string::npos) << err;
+    const auto after = out.download();
+    for (const Ftype& v : after) ASSERT_EQ(v.__x, 0x7E00) << fn << " wrote despite " << key;
+  };
+  refused([&] { blas_gemm(handle(), 0, 0, 4, 4, 4, 1, a, 3, b, 4, 0, out, 4); }, "blas_gemm", "lda");
+  refused([&] { blas_gemm(handle(), 0, 1, 4, 4, 4, 1, a, 4, b, 3, 0, out, 4); }, "blas_gemm", "ldb");
+  refused([&] { blas_reorg(handle(), a, 2, 2, 6, 1, 2, 1, out); }, "blas_reorg", "c = 6");
+  refused([&] { blas_shortcut(handle(), 1, 4, 2, 1, a, 2, 2, 1, 1, 1, out); }, "blas_shortcut", "4 x 2");
+  refused([&] { blas_softmax(handle(), a, 4, 1, 4, 1, 4, 1, 0.f, out); }, "blas_softmax", "temperature");
+  refused([&] { blas_fill(handle(), -1, 1, out); }, "blas_fill", "N = -1");
+  refused([&] { blas_im2col(handle(), a, 1, 2, 2, 5, 1, 0, out); }, "blas_im2col", "ksize = 5");
+}
