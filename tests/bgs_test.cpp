@@ -1,0 +1,152 @@
+// Running-median background: seeding, the asymmetric step, step decay, bad frames.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+
+#include "harness.h"
+#include "orva/bgs.h"
+
+namespace {
+
+using ORVA::MedianBGS;
+
+// Exposes the fixed-point model so the step rule can be checked value by value.
+class MedianProbe : public MedianBGS {
+ public:
+  using MedianBGS::MedianBGS;
+  cv::Mat& model() { return _bimg; }
+  int alpha() const { return _alpha; }
+  void setAlpha(int a) { _alpha = a; }
+};
+
+cv::Mat random_frame(int w, int h, int type) {
+  cv::Mat m(h, w, type);
+  cv::randu(m, 0, 256);
+  return m;
+}
+
+TEST(MedianBGS, InitSeedsFlatOrHalfWayToMidGrey) {
+  MedianProbe m(8, 4, 1);
+  cv::Mat wrongSize(3, 3, CV_8UC3);
+  // A flat level does not read the frame, so any frame will do.
+  ASSERT_TRUE(m.init(wrongSize, 10));
+  EXPECT_EQ(cv::countNonZero(m.model() != 1280), 0);
+  EXPECT_EQ(cv::countNonZero(m.getBackground() != 10), 0);
+
+  cv::Mat black(4, 8, CV_8UC1, cv::Scalar(0)), white(4, 8, CV_8UC1, cv::Scalar(255));
+  ASSERT_TRUE(m.init(black, -1));
+  EXPECT_EQ(cv::countNonZero(m.getBackground() != 64), 0);
+  ASSERT_TRUE(m.init(white, -1));
+  EXPECT_EQ(cv::countNonZero(m.model() != 24512), 0);
+  EXPECT_EQ(cv::countNonZero(m.getBackground() != 191), 0);
+
+  // Levels above 255 saturate rather than wrap to a negative background.
+  ASSERT_TRUE(m.init(black, 1000));
+  EXPECT_EQ(cv::countNonZero(m.getBackground() != 255), 0);
+}
+
+TEST(MedianBGS, StepsDownOnlyWithoutOvershootAndUpAlways) {
+  MedianProbe m(3, 1, 1);
+  cv::Mat frame(1, 3, CV_8UC1, cv::Scalar(99));  // P = 12672
+  ASSERT_TRUE(m.init(frame, 0));
+  m.setAlpha(100);
+  m.model().at<short>(0) = 12800;  // above: moves down to 12700
+  m.model().at<short>(1) = 12750;  // above, but 12650 would pass P: stays
+  m.model().at<short>(2) = 12650;  // below: moves up past P
+  ASSERT_TRUE(m.update(frame, 0.5f));
+  EXPECT_EQ(m.model().at<short>(0), 12700);
+  EXPECT_EQ(m.model().at<short>(1), 12750);
+  EXPECT_EQ(m.model().at<short>(2), 12750);
+  EXPECT_EQ(m.alpha(), 99);
+}
+
+TEST(MedianBGS, UpdateFollowsTheElementRuleOnColourFrames) {
+  // Whole-frame update (vectorised path) and row-wise update of a frame view, against the
+  // rule applied element by element.
+  const int w = 37, h = 11;
+  MedianProbe m(w, h, 3);
+  cv::Mat big = random_frame(w + 5, h, CV_8UC3);
+  cv::Mat view = big(cv::Rect(2, 0, w, h));  // not continuous
+  cv::Mat seed = random_frame(w, h, CV_8UC3);
+  ASSERT_TRUE(m.init(seed, -1));
+  for (int step = 0; step < 3; step++) {
+    cv::Mat frame = step == 1 ? view : random_frame(w, h, CV_8UC3);
+    cv::Mat expected = m.model().clone();
+    const int a = m.alpha();
+    for (int y = 0; y < h; y++) {
+      for (int i = 0; i < w * 3; i++) {
+        int b = expected.ptr<short>(y)[i], P = frame.ptr<unsigned char>(y)[i] * 128;
+        if (b > P) b -= a;
+        if (b < P) b += a;
+        expected.ptr<short>(y)[i] = (short)b;
+      }
+    }
+    ASSERT_TRUE(m.update(frame, 0.f));
+    EXPECT_EQ(cv::countNonZero(expected.reshape(1) != m.model().reshape(1)), 0) << "step " << step;
+
+    cv::Mat fg = m.getForeground(frame);
+    ASSERT_EQ(fg.type(), CV_8UC3);
+    for (int y = 0; y < h; y++)
+      for (int i = 0; i < w * 3; i++)
+        ASSERT_EQ(fg.ptr<unsigned char>(y)[i],
+                  (unsigned char)std::abs(frame.ptr<unsigned char>(y)[i] - (m.model().ptr<short>(y)[i] >> 7)));
+  }
+}
+
+TEST(MedianBGS, StepDecaysToTheFloorAndConverges) {
+  MedianProbe m(4, 4, 1);
+  cv::Mat black(4, 4, CV_8UC1, cv::Scalar(0)), grey(4, 4, CV_8UC1, cv::Scalar(200));
+  m.setParameter(0);
+  ASSERT_TRUE(m.init(black, 0));
+  // Steps 128, 127, ... 1 add up to 8256 (64.5 grey levels); then the model freezes.
+  for (int i = 0; i < 200; i++) ASSERT_TRUE(m.update(grey, 0.f));
+  EXPECT_EQ(m.alpha(), 0);
+  EXPECT_EQ(m.model().at<short>(0), 8256);
+
+  m.setParameter(64);
+  EXPECT_EQ(m.alpha(), 128);
+  for (int i = 0; i < 400; i++) ASSERT_TRUE(m.update(grey, 0.f));
+  EXPECT_EQ(m.alpha(), 64);
+  // Settled in [P, P + a): reads as the frame.
+  EXPECT_EQ(cv::countNonZero(m.getBackground() != 200), 0);
+  EXPECT_EQ(cv::countNonZero(m.getForeground(grey)), 0);
+}
+
+TEST(MedianBGS, MismatchedFramesChangeNothing) {
+  MedianProbe m(16, 8, 1);
+  cv::Mat ok = random_frame(16, 8, CV_8UC1);
+  cv::Mat empty;
+  EXPECT_FALSE(m.update(ok, 0.f)) << "no model before init";
+  EXPECT_TRUE(m.getBackground().empty());
+  EXPECT_TRUE(m.getForeground(ok).empty());
+
+  ASSERT_TRUE(m.init(ok, -1));
+  const cv::Mat before = m.model().clone();
+  const int alphaBefore = m.alpha();
+  cv::Mat bad[] = {random_frame(15, 8, CV_8UC1), random_frame(16, 9, CV_8UC1), random_frame(16, 8, CV_8UC3),
+                   cv::Mat(8, 16, CV_16UC1, cv::Scalar(1000)), empty};
+  for (cv::Mat& f : bad) {
+    EXPECT_FALSE(m.update(f, 0.f));
+    EXPECT_FALSE(m.init(f, -1));
+    EXPECT_TRUE(m.getForeground(f).empty());
+  }
+  EXPECT_EQ(cv::countNonZero(before != m.model()), 0);
+  EXPECT_EQ(m.alpha(), alphaBefore);
+
+  // The interface alone does nothing.
+  ORVA::BGS base(16, 8, 1);
+  EXPECT_FALSE(base.init(ok, 3));
+  EXPECT_FALSE(base.update(ok, 0.f));
+  EXPECT_TRUE(base.getBackground().empty());
+  EXPECT_TRUE(base.getForeground(ok).empty());
+
+  // Unsupported geometry is refused at init.
+  MedianBGS four(4, 4, 4);
+  cv::Mat f4(4, 4, CV_8UC4);
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(four.init(f4, 0));
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("ERROR"), std::string::npos);
+}
+
+}  // namespace

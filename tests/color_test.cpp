@@ -1,0 +1,139 @@
+// Colour classification and the letterbox resize.
+#include <gtest/gtest.h>
+
+#include "orva/image.h"
+
+namespace {
+
+using namespace ORVA;
+
+cv::Mat filled(int w, int h, cv::Scalar bgr) { return cv::Mat(h, w, CV_8UC3, bgr); }
+
+int first_code(int r) { return r & 0xFF; }
+int second_code(int r) { return r >> 8; }
+
+TEST(ColorClassify, NamesPureColoursByTheirFamily) {
+  const cv::Rect box(0, 0, 64, 64);
+  const struct {
+    cv::Scalar bgr;
+    int code;
+    const char* what;
+  } cases[] = {
+      {{0, 0, 0}, 0, "black"},          {{200, 200, 200}, 1, "light grey"},
+      {{0, 0, 255}, 2, "red"},          {{0, 255, 255}, 3, "yellow (band 2)"},
+      {{0, 255, 0}, 4, "green (band 4)"}, {{255, 255, 0}, 5, "cyan (band 6)"},
+      {{255, 0, 0}, 6, "blue (band 8)"}, {{255, 0, 200}, 7, "violet (band 9/10)"},
+      {{80, 0, 255}, 2, "crimson: band 11 wraps to red"},
+  };
+  for (auto& c : cases) {
+    cv::Mat img = filled(64, 64, c.bgr);
+    int r = classifyColor(img, box, 1.0f);
+    EXPECT_EQ(first_code(r), c.code) << c.what;
+    // One colour only: the second stays cell 0 (dark) with no votes.
+    EXPECT_EQ(second_code(r), 0) << c.what;
+  }
+}
+
+TEST(ColorClassify, EqualHalvesGoToTheLowerCellFirst) {
+  // 64 x 32 halves shrink to exactly 16 + 16 columns; green (cell 79) precedes blue (143)
+  // whichever side it is on.
+  for (bool greenLeft : {true, false}) {
+    cv::Mat img(32, 64, CV_8UC3);
+    img(cv::Rect(0, 0, 32, 32)).setTo(greenLeft ? cv::Scalar(0, 255, 0) : cv::Scalar(255, 0, 0));
+    img(cv::Rect(32, 0, 32, 32)).setTo(greenLeft ? cv::Scalar(255, 0, 0) : cv::Scalar(0, 255, 0));
+    EXPECT_EQ(classifyColor(img, cv::Rect(0, 0, 64, 32), 1.0f), (6 << 8) | 4);
+  }
+}
+
+TEST(ColorClassify, ScaledBoxIsCroppedAboutItsCentre) {
+  // scale 0.5 on a 100 x 60 box at (10, 20) must crop exactly (35, 35, 50, 30): a crop off
+  // by one pixel would pull in blue.
+  cv::Mat img = filled(200, 150, cv::Scalar(255, 0, 0));
+  img(cv::Rect(35, 35, 50, 30)).setTo(cv::Scalar(0, 0, 255));
+  EXPECT_EQ(classifyColor(img, cv::Rect(10, 20, 100, 60), 0.5f), 2);
+  EXPECT_THROW(classifyColor(img, cv::Rect(180, 0, 100, 60), 1.0f), cv::Exception) << "box leaves the image";
+}
+
+// --------------------------------------------------------------- letterbox resize
+
+TEST(ResizeRatio, PadsTheShortAxisAndWidensTheReturnedSize) {
+  // 400 x 200 into 100 x 100: the image fills the top 50 rows, the rest is fill.
+  cv::Mat src = filled(400, 200, cv::Scalar(10, 20, 30));
+  src(cv::Rect(296, 96, 8, 8)).setTo(cv::Scalar(250, 250, 250));  // marker centred at (300, 100)
+  cv::Mat dst;
+  cv::Size size(100, 100);
+  resize_ratio(src, dst, &size, 0.0f, 128);
+  ASSERT_EQ(dst.size(), cv::Size(100, 100));
+  ASSERT_EQ(dst.type(), CV_8UC3);
+  EXPECT_EQ(size, cv::Size(400, 400));
+  EXPECT_EQ(cv::countNonZero(dst(cv::Rect(0, 50, 100, 50)).reshape(1) != 128), 0);
+  EXPECT_EQ(dst.at<cv::Vec3b>(10, 10), cv::Vec3b(10, 20, 30));
+  // Scaling by size / target maps the marker back to the source.
+  EXPECT_GT(dst.at<cv::Vec3b>(25, 75)[0], 200);
+  EXPECT_EQ(75 * size.width / 100, 300);
+  EXPECT_EQ(25 * size.height / 100, 100);
+
+  // Tall grey source: padded on the right.
+  cv::Mat tall(300, 100, CV_8UC1, cv::Scalar(7));
+  size = cv::Size(90, 90);
+  resize_ratio(tall, dst, &size, 0.0f, 0);
+  ASSERT_EQ(dst.size(), cv::Size(90, 90));
+  EXPECT_EQ(size, cv::Size(300, 300));
+  EXPECT_EQ(cv::countNonZero(dst(cv::Rect(0, 0, 30, 90)) != 7), 0);
+  EXPECT_EQ(cv::countNonZero(dst(cv::Rect(30, 0, 60, 90))), 0);
+}
+
+TEST(ResizeRatio, StretchesWithinToleranceOrWhenAsked) {
+  cv::Mat src = filled(110, 100, cv::Scalar(5, 5, 5)), dst;
+  cv::Size size(100, 100);
+  resize_ratio(src, dst, &size, 0.2f, 128);  // ratio 1.1 is within 0.2 of 1
+  EXPECT_EQ(size, cv::Size(110, 100));
+  EXPECT_EQ(cv::countNonZero(dst.reshape(1) != 5), 0);
+
+  size = cv::Size(100, 100);
+  resize_ratio(src, dst, &size, 0.0f, 128);  // but not within 0
+  EXPECT_EQ(size, cv::Size(110, 110));
+  EXPECT_EQ(dst.at<cv::Vec3b>(99, 0), cv::Vec3b(128, 128, 128));
+
+  cv::Mat wide = filled(400, 100, cv::Scalar(5, 5, 5));
+  size = cv::Size(100, 100);
+  resize_ratio(wide, dst, &size, -1.0f, 128);
+  EXPECT_EQ(size, cv::Size(400, 100));
+  EXPECT_EQ(cv::countNonZero(dst.reshape(1) != 5), 0);
+
+  // In place.
+  size = cv::Size(50, 50);
+  resize_ratio(wide, wide, &size, 0.0f, 1);
+  EXPECT_EQ(wide.size(), cv::Size(50, 50));
+}
+
+TEST(ResizeRatio, BadInputLeavesTheOutputAlone) {
+  cv::Mat src = filled(64, 48, cv::Scalar(1, 2, 3));
+  cv::Mat dst = filled(4, 4, cv::Scalar(9, 9, 9));
+  const cv::Mat before = dst;
+  cv::Size size(0, 416);
+  resize_ratio(src, dst, &size, 0.0f, 128);
+  EXPECT_EQ(size, cv::Size(0, 416));
+  EXPECT_EQ(dst.data, before.data);
+
+  cv::Mat four(48, 64, CV_8UC4);
+  size = cv::Size(416, 416);
+  testing::internal::CaptureStderr();
+  resize_ratio(four, dst, &size, 0.0f, 128);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("ERROR: unsupported image channels\n"), std::string::npos);
+  EXPECT_EQ(dst.data, before.data);
+
+  testing::internal::CaptureStderr();
+  resize_ratio(cv::Mat(), dst, &size, 0.0f, 128);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("ERROR"), std::string::npos);
+  EXPECT_EQ(dst.data, before.data);
+
+  // An extreme shape still keeps one column.
+  cv::Mat needle = filled(1, 5000, cv::Scalar(3, 3, 3));
+  size = cv::Size(416, 416);
+  resize_ratio(needle, dst, &size, 0.0f, 128);
+  EXPECT_EQ(dst.at<cv::Vec3b>(0, 0), cv::Vec3b(3, 3, 3));
+  EXPECT_EQ(size, cv::Size(416, 5000));  // one column stands for the whole width
+}
+
+}  // namespace
