@@ -1,0 +1,257 @@
+// Activation functions: names and ids, pinned values, and every function, gradient and fused
+// bias pass against a float64 reference on each backend.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "harness.h"
+#include "orva/activation.h"
+#include "orva/blas.h"
+
+namespace {
+
+using orva_test::NearL2;
+using orva_test::Tensor;
+
+// The ids with a function; the others are free slots.
+const int kIds[] = {0, 1, 2, 3, 5, 7, 8, 9, 11, 13, 14, 15};
+
+// The slopes of "relie" and "leaky" are the half constants 0x211F and 0x2E66.
+const double kRelieSlope = 0.01000213623046875;
+const double kLeakySlope = 0.0999755859375;
+
+double ref_softplus(double x) { return x < -20 ? std::exp(x) : (x < 20 ? std::log1p(std::exp(x)) : x); }
+
+double ref_activate(int type, double x) {
+  switch (type) {
+    case 0: return 1 / (1 + std::exp(-x));
+    case 1: return x > 0 ? x : 0;
+    case 2: return x > 0 ? x : kRelieSlope * x;
+    case 3: return x;
+    case 5: return std::tanh(x);
+    case 7: return x > 0 ? x : kLeakySlope * x;
+    case 8: return x < 0 ? std::expm1(x) : x;
+    case 9: return 2 / (1 + std::exp(-x)) - 1;
+    case 11: return x < -1 ? -1 : (x > 1 ? 1 : x);
+    case 13: return x > 0 ? (x > 6 ? 6 : x) : 0;
+    case 14: return x > 0 ? (x > 10 ? 10 : x) : 0;
+    case 15: return x * std::tanh(ref_softplus(x));
+  }
+  return NAN;
+}
+
+double ref_gradient(int type, double y) {
+  switch (type) {
+    case 0: return (1 - y) * y;
+    case 1: return y > 0 ? 1 : 0;
+    case 2: return y > 0 ? 1 : kRelieSlope;
+    case 3: return 1;
+    case 5: return 1 - y * y;
+    case 7: return y > 0 ? 1 : kLeakySlope;
+    case 8: return y < 0 ? y + 1 : 1;
+    case 9: {
+      const double u = (y + 1) * 0.5;
+      return 2 * (1 - u) * u;
+    }
+    case 11: return (y > -1 && y < 1) ? 1 : 0;
+    case 13: return (y > 0 && y <= 6) ? 1 : 0;
+    case 14: return (y > 0 && y <= 10) ? 1 : 0;
+    case 15: {
+      const double sp = ref_softplus(y), t = std::tanh(sp);
+      return y * (t + (1 - t * t) * (1 - std::exp(-sp)));
+    }
+  }
+  return NAN;
+}
+
+TEST(ActivationType, NamesAndIdsFollowTheTable) {
+  const char* names[] = {"logistic", "relu", "relie", "linear", "tanh", "leaky",
+                         "elu", "loggy", "hardtan", "relu6", "relu10", "mish"};
+  for (size_t k = 0; k < 12; ++k) EXPECT_EQ(ActivationType::type(names[k]), kIds[k]) << names[k];
+  EXPECT_EQ(ActivationType::type("Leaky"), -1);
+  EXPECT_EQ(ActivationType::type("relu "), -1);
+  EXPECT_EQ(ActivationType::type(""), -1);
+  EXPECT_EQ(ActivationType::type(nullptr), -1);
+
+  int handle_dummy = 0;
+  for (int id = -1; id <= 16; ++id) {
+    std::unique_ptr<Activation> a(ActivationType::create(id, &handle_dummy));
+    const bool named = std::find(std::begin(kIds), std::end(kIds), id) != std::end(kIds);
+    ASSERT_EQ(a != nullptr, named) << "id " << id;
+    if (!a) continue;
+    EXPECT_EQ(a->type, id);
+    EXPECT_EQ(a->_gpu_handle, &handle_dummy);
+  }
+  std::unique_ptr<Activation> leaky(ActivationType::create(7, nullptr));
+  EXPECT_NE(dynamic_cast<LeakyActivation*>(leaky.get()), nullptr);
+  std::unique_ptr<Activation> mish(ActivationType::create(15, nullptr));
+  EXPECT_NE(dynamic_cast<MishActivation*>(mish.get()), nullptr);
+}
+
+TEST(ActivationType, PerValueFunctionsMatchTheHalfConstants) {
+  EXPECT_EQ(LeakyActivation::activate_kernel(-1.f), -0.0999755859375f);
+  EXPECT_EQ(RelieActivation::activate_kernel(-1.f), -0.01000213623046875f);
+  EXPECT_EQ(Relu6Activation::gradient_kernel(6.f), 1.f);
+  EXPECT_EQ(Relu6Activation::gradient_kernel(6.00390625f), 0.f);
+  EXPECT_EQ(LinearActivation::gradient_kernel(123.f), 1.f);
+}
+
+class ActivationKernels : public orva_test::OnEachBackend {};
+ORVA_ON_EACH_BACKEND(ActivationKernels);
+
+struct Pin {
+  int type;
+  float in;
+  float out;  // NaN: the output must be NaN
+};
+
+TEST_P(ActivationKernels, PinnedValues) {
+  const Pin values[] = {
+      {7, -1.f, -0.0999755859375f}, {2, -1.f, -0.01000213623046875f},
+      {13, 6.f, 6.f}, {13, 6.00390625f, 6.f}, {14, 12.f, 10.f},
+      // comparisons with NaN are false: the relus clear it, leaky, relie and hardtan keep it
+      {1, NAN, 0.f}, {13, NAN, 0.f}, {14, NAN, 0.f}, {7, NAN, NAN}, {2, NAN, NAN}, {11, NAN, NAN},
+      {11, 1.5f, 1.f}, {11, -3.f, -1.f}, {11, 0.25f, 0.25f},
+      // the far tails go through the exponential's cut-offs and stay exact
+      {0, -200.f, 0.f}, {0, 200.f, 1.f}, {5, 100.f, 1.f}, {5, -100.f, -1.f}, {8, -200.f, -1.f},
+      {9, 200.f, 1.f}, {9, -200.f, -1.f}, {15, 30.f, 30.f}, {15, -30.f, 0.f}, {0, 0.f, 0.5f}};
+  const Pin gradients[] = {
+      {13, 6.f, 1.f}, {13, 6.00390625f, 0.f}, {13, 0.f, 0.f}, {14, 10.f, 1.f}, {14, 10.0078125f, 0.f},
+      {11, 1.f, 0.f}, {11, -1.f, 0.f}, {11, 0.5f, 1.f}, {11, NAN, 0.f}, {1, NAN, 0.f},
+      {2, -2.f, 0.01000213623046875f}, {7, -2.f, 0.0999755859375f}, {7, 3.f, 1.f},
+      {8, -0.5f, 0.5f}, {0, 0.5f, 0.25f}, {5, 0.5f, 0.75f}, {9, 0.f, 0.5f}, {15, 200.f, 200.f}};
+  for (const Pin& p : values) {
+    Tensor x(handle(), orva_test::to_halves(std::vector<float>{p.in}));
+    activation_forward(handle(), p.type, x, 1);
+    const float got = orva_test::to_floats(x.download())[0];
+    if (std::isnan(p.out)) {
+      EXPECT_TRUE(std::isnan(got)) << "f" << p.type << "(" << p.in << ") = " << got;
+    } else {
+      EXPECT_EQ(got, p.out) << "f" << p.type << "(" << p.in << ")";
+    }
+    EXPECT_TRUE(x.guard_intact());
+  }
+  for (const Pin& p : gradients) {
+    Tensor y(handle(), orva_test::to_halves(std::vector<float>{p.in}));
+    Tensor delta(handle(), orva_test::to_halves(std::vector<float>{1.f}));
+    activation_gradient(handle(), p.type, y, 1, delta);
+    EXPECT_EQ(orva_test::to_floats(delta.download())[0], p.out) << "g" << p.type << "(" << p.in << ")";
+  }
+}
+
+// Linear (and any id without a function) must not touch memory at all: a poisoned tensor
+// stays poisoned, so even an identity kernel would be caught rewriting NaN payloads.
+TEST_P(ActivationKernels, LinearAndUnknownIdsLaunchNothing) {
+  const size_t n = 1000;
+  Tensor x(handle(), n), delta(handle(), n);
+  const std::vector<Ftype> poisoned = x.download();
+  std::unique_ptr<Activation> linear(ActivationType::create(3, handle()));
+  linear->activate(x, (int)n);
+  linear->gradient(x, (int)n, delta);
+  for (int bad : {4, 6, 10, 12, -1, 16}) {
+    activation_forward(handle(), bad, x, (int)n);
+    activation_gradient(handle(), bad, x, (int)n, delta);
+  }
+  cuda_sync(handle());
+  const std::vector<Ftype> after_x = x.download(), after_delta = delta.download();
+  for (size_t i = 0; i < n; ++i) {
+    ASSERT_EQ(after_x[i].__x, poisoned[i].__x) << i;
+    ASSERT_EQ(after_delta[i].__x, poisoned[i].__x) << i;
+  }
+}
+
+TEST_P(ActivationKernels, LinearFusedPassIsTheBiasAddition) {
+  const int batch = 2, filters = 5, size = 600;
+  const size_t n = (size_t)batch * filters * size;
+  const std::vector<Ftype> out = orva_test::random_halves(n, -4, 4);
+  const std::vector<Ftype> bias = orva_test::random_halves(filters, -1, 1);
+  Tensor fused(handle(), out), plain(handle(), out), b(handle(), bias);
+  std::unique_ptr<Activation> linear(ActivationType::create(3, handle()));
+  linear->activate(fused, b, batch, filters, size);
+  blas_add_bias(handle(), plain, b, batch, filters, size);
+  const std::vector<Ftype> got = fused.download(), want = plain.download();
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(got[i].__x, want[i].__x) << i;
+  EXPECT_TRUE(fused.guard_intact());
+}
+
+// Inputs span the saturated tails and mish's softplus thresholds at +-20.
+std::vector<Ftype> activation_inputs(size_t n) {
+  std::vector<Ftype> x = orva_test::random_halves(n, -6, 6);
+  const std::vector<Ftype> wide = orva_test::random_halves(n / 8, -40, 40);
+  std::copy(wide.begin(), wide.end(), x.begin());
+  return x;
+}
+
+TEST(ActivationReference, EachFunctionOnEachBackend) {
+  const size_t n = 5000;
+  for (int type : kIds) {
+    if (type == 3) continue;  // launches nothing; covered above
+    const std::vector<Ftype> x = activation_inputs(n);
+    std::vector<double> ref(n);
+    for (size_t i = 0; i < n; ++i) ref[i] = ref_activate(type, orva_test::to_doubles({x[i]})[0]);
+    auto op = [&](void* h) {
+      Tensor t(h, x);
+      activation_forward(h, type, t, (int)n);
+      EXPECT_TRUE(t.guard_intact());
+      return t.download();
+    };
+    // Each value is computed once (half compare/multiply, or float) and rounded to half once.
+    orva_test::check_on_backends(op, ref, orva_test::kHalfRounding, orva_test::kHalfRounding,
+                                 ("activate id " + std::to_string(type)).c_str());
+  }
+}
+
+TEST(ActivationReference, EachGradientOnEachBackend) {
+  const size_t n = 5000;
+  for (int type : kIds) {
+    if (type == 3) continue;
+    const std::vector<Ftype> y = orva_test::random_halves(n, -4, 4);
+    const std::vector<Ftype> delta = orva_test::random_halves(n, -1, 1);
+    std::vector<double> ref(n);
+    for (size_t i = 0; i < n; ++i)
+      ref[i] = orva_test::to_doubles({delta[i]})[0] * ref_gradient(type, orva_test::to_doubles({y[i]})[0]);
+    auto op = [&](void* h) {
+      Tensor ty(h, y), td(h, delta);
+      activation_gradient(h, type, ty, (int)n, td);
+      EXPECT_TRUE(td.guard_intact());
+      return td.download();
+    };
+    // g is a short chain of half steps (up to three for loggy), then one half multiply.
+    orva_test::check_on_backends(op, ref, orva_test::kHalfChain, orva_test::kHalfChain,
+                                 ("gradient id " + std::to_string(type)).c_str());
+  }
+}
+
+TEST(ActivationReference, FusedBiasPassOnEachBackend) {
+  const int batch = 3, filters = 4, size = 531;  // size spans two blocks, the second partial
+  const size_t n = (size_t)batch * filters * size;
+  for (int type : kIds) {
+    if (type == 3) continue;
+    const std::vector<Ftype> out = orva_test::random_halves(n, -5, 5);
+    const std::vector<Ftype> bias = orva_test::random_halves(filters, -2, 2);
+    std::vector<double> ref(n);
+    for (size_t i = 0; i < n; ++i) {
+      const int f = (int)((i / size) % filters);
+      // The addition is one half step; the reference takes it as defined, then applies f.
+      const std::vector<Ftype> sum = orva_test::to_halves(
+          std::vector<double>{orva_test::to_doubles({out[i]})[0] + orva_test::to_doubles({bias[f]})[0]});
+      ref[i] = ref_activate(type, orva_test::to_doubles(sum)[0]);
+    }
+    auto op = [&](void* h) {
+      Tensor t(h, out), b(h, bias);
+      std::unique_ptr<Activation> a(ActivationType::create(type, h));
+      a->activate(t, b, batch, filters, size);
+      EXPECT_TRUE(t.guard_intact());
+      return t.download();
+    };
+    // The reference rounds the sum with ties away from zero, the backends to even: a tie
+    // differs by one half step before f, which one more rounding's worth covers.
+    orva_test::check_on_backends(op, ref, orva_test::kHalfChain, orva_test::kHalfRounding,
+                                 ("fused bias id " + std::to_string(type)).c_str());
+  }
+}
+
+}  // namespace
