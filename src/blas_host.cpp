@@ -156,9 +156,7 @@ void gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, const 
     ORVA_ERROR("blas_gemm: no host scratch for M = %d, N = %d, K = %d", M, N, K);
     return;
   }
-  tbb::parallel_for(tbb::blocked_range<int>(0, a_rows, 16), [&](const tbb::blocked_range<int>& r) {
-    for (int i = r.begin(); i != r.end(); ++i) widen(A + (size_t)i * lda, a + (size_t)i * a_cols, a_cols);
-  });
+  for (int i = 0; i < a_rows; ++i) widen(A + (size_t)i * lda, a + (size_t)i * a_cols, a_cols);
   for (int j0 = 0; j0 < N; j0 += nb) {
     const int w = std::min(nb, N - j0);
     // Panel of op(B): K x w when B is K x N, w x K rows when B is stored N x K.
