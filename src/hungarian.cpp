@@ -15,7 +15,9 @@ namespace {
 
 // Costs come from float arithmetic (IoU); a fixed tolerance rather than machine epsilon lets
 // near-ties count as ties, so the tie-break rules decide instead of rounding noise.
-inline bool is_zero(float v) { return std::fabs((double)v) < 1e-5; }
+// 1e-5f is the largest float below 1e-5, so this equals |v| widened to double < 1e-5 for
+// every float, without the conversion in the innermost loops.
+inline bool is_zero(float v) { return std::fabs(v) <= 1e-5f; }
 
 // Column-by-column storage: element (row, col) at row + N * col.
 struct Munkres {
