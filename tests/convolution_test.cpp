@@ -1,0 +1,313 @@
+// Convolution layer: forward against a float64 reference over groups, dilation, strides and
+// padding; batch-normalisation folding; finite-difference gradients; the 8-bit emulation.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "network_test_util.h"
+#include "orva/config.h"
+
+using namespace orva_test;
+using ORVA::ConvolutionLayer;
+
+namespace {
+
+// Half outputs of a float-accumulated product, then up to three more half roundings
+// (normalise, scale-and-bias, activation).
+constexpr double kLayerTol = kHalfChain;
+// A five-layer chain compounds the per-layer rounding.
+constexpr double kChainTol = kHalfAccumulate;
+// Folding divides by sqrt(var) + eps instead of sqrt(var + eps) and rounds the scaled weights.
+constexpr double kFoldTol = 1e-2;
+// cuDNN computes in half where the host accumulates in float.
+constexpr double kCudaTol = kHalfAccumulate;
+// 8 bits per input (1/254 of the range) and per weight (1/127) against exact arithmetic.
+constexpr double kInt8Tol = 3e-2;
+
+std::unique_ptr<ConvolutionLayer> make_conv(void* handle, int mode, const std::string& keys, int c, int h, int w,
+                                            int batch, bool quant = false) {
+  const std::string path = temp_path("layer.cfg");
+  write_file(path, "[convolution]\n" + keys);
+  ConfigReader cfg;
+  EXPECT_EQ(cfg.load(path.c_str()), 0);
+  ORVA::InputParams params;
+  params.batch = batch;
+  params.h = h;
+  params.w = w;
+  params.c = c;
+  params.inputs = h * w * c;
+  params.nsect = 0;
+  params.quant = quant;
+  ORVA::Layer* l = ORVA::LayerType::create("convolution", mode, nullptr, handle);
+  l->parseConfig(cfg, params);
+  return std::unique_ptr<ConvolutionLayer>(static_cast<ConvolutionLayer*>(l));
+}
+
+struct LayerRun {
+  explicit LayerRun(ConvolutionLayer* l)
+      : layer(l), workspace(l->_gpu_handle, l->_workspace_size + 1), input(l->_gpu_handle, (size_t)l->_batch * l->_inputs) {}
+  std::vector<Ftype> forward(const std::vector<Ftype>& x, int batch) {
+    input.upload(x);
+    params.input = input.get();
+    params.workspace = reinterpret_cast<Ftype*>(workspace.get());
+    params.batch = batch;
+    layer->forward(params);
+    return pull(layer->_gpu_handle, layer->_output, (size_t)batch * layer->_outputs);
+  }
+  ConvolutionLayer* layer;
+  Buffer<char> workspace;
+  Buffer<Ftype> input;
+  ORVA::NetworkParams params;
+};
+
+TEST(ConvolutionStack, MatchesReferenceLayerByLayerAndEndToEnd) {
+  const int batch = 2;
+  std::vector<float> input = random_floats((size_t)batch * 16 * 12 * 4, 0.f, 1.f);
+  for (float& v : input) v = half2float_cpu(float2half_cpu(v));
+  std::vector<float> host_out;
+  std::unique_ptr<ORVA::Network> host;
+  for (int gpu : test_backends()) {
+    auto net = std::make_unique<ORVA::Network>(ORVA::TEST, batch, gpu);
+    ASSERT_EQ(net->load(data_path("conv_stack.cfg").c_str(), nullptr, false, false), 0);
+    ASSERT_EQ(net->getLayerCount(), 5);
+    std::vector<float> out;
+    if (gpu < 0) {
+      randomize_network(*net);
+      out = predict_copy(*net, input, batch);
+      std::vector<double> chained(input.begin(), input.end());
+      std::vector<double> layer_in = chained;
+      for (int i = 0; i < net->getLayerCount(); ++i) {
+        ConvolutionLayer* l = conv_at(*net, i);
+        const std::vector<Ftype> got = pull(net->getHandle(), l->_output, (size_t)batch * l->_outputs);
+        EXPECT_TRUE(NearL2(reference_conv(l, layer_in, batch), got, kLayerTol)) << "layer " << i;
+        chained = reference_conv(l, chained, batch);
+        layer_in = to_doubles(got);
+      }
+      EXPECT_TRUE(NearL2(chained, out, kChainTol)) << "whole stack";
+      host_out = out;
+      host = std::move(net);
+    } else {
+      for (int i = 0; i < net->getLayerCount(); ++i) copy_conv(conv_at(*host, i), conv_at(*net, i));
+      out = predict_copy(*net, input, batch);
+      EXPECT_TRUE(NearL2(to_doubles(to_halves(host_out)), out, kCudaTol)) << "CUDA vs host";
+      count_cuda_comparison();
+    }
+  }
+}
+
+TEST(ConvolutionStack, FoldedBatchnormMatchesUnfoldedInference) {
+  const std::string weights = temp_path("stack.weights");
+  std::vector<float> input = random_floats(16 * 12 * 4, 0.f, 1.f);
+  for (int gpu : test_backends()) {
+    ORVA::Network unfolded(ORVA::TEST, 1, gpu);
+    ASSERT_EQ(unfolded.load(data_path("conv_stack.cfg").c_str(), nullptr), 0);
+    randomize_network(unfolded);
+    const std::vector<float> expected = predict_copy(unfolded, input, 1);
+    unfolded.save(weights.c_str(), false);
+
+    ORVA::Network folded(ORVA::TEST, 1, gpu);
+    ASSERT_EQ(folded.load(data_path("conv_stack.cfg").c_str(), weights.c_str()), 0);
+    EXPECT_EQ(conv_at(folded, 0)->_bn, nullptr);
+    EXPECT_EQ(conv_at(folded, 0)->_withbn, 0);
+    std::vector<double> ref(expected.begin(), expected.end());
+    EXPECT_TRUE(NearL2(ref, predict_copy(folded, input, 1), kFoldTol)) << "backend " << gpu;
+  }
+}
+
+struct Geometry {
+  const char* keys;
+  int c, h, w;
+};
+
+class ConvolutionForward : public OnEachBackend {};
+
+TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
+  const Geometry cases[] = {
+      {"filters=6\nsize=3\nactivation=leaky\n", 4, 9, 11},
+      {"filters=4\nsize=3\nstride=2\npad=0\nactivation=relu\n", 3, 10, 9},
+      {"filters=6\nsize=3\ngroups=3\ndilation=2\nactivation=linear\n", 6, 8, 8},
+      {"filters=8\nsize=5\nstride=3\npad=1\ngroups=2\nactivation=logistic\n", 4, 13, 12},
+      {"filters=5\nsize=1\n", 7, 6, 5},
+      {"filters=4\nsize=1\nstride=2\nactivation=linear\n", 3, 7, 7},
+      {"filters=4\nsize=2\npad=1\ndilation=3\nbatch_normalize=1\nactivation=leaky\n", 2, 7, 9},
+  };
+  const int batch = 2;
+  for (const Geometry& g : cases) {
+    auto l = make_conv(handle(), ORVA::TEST, g.keys, g.c, g.h, g.w, batch);
+    randomize_conv(l.get());
+    LayerRun run(l.get());
+    const std::vector<Ftype> x = random_halves((size_t)batch * l->_inputs, -1.f, 1.f);
+    // One sample of a batch-2 layer: the pass size is honoured.
+    const std::vector<Ftype> one = run.forward(x, 1);
+    EXPECT_TRUE(NearL2(reference_conv(l.get(), to_doubles(x), 1), one, kLayerTol)) << g.keys;
+    const std::vector<Ftype> both = run.forward(x, batch);
+    EXPECT_TRUE(NearL2(reference_conv(l.get(), to_doubles(x), batch), both, kLayerTol)) << g.keys;
+    if (on_cuda()) count_cuda_comparison();
+  }
+}
+ORVA_ON_EACH_BACKEND(ConvolutionForward);
+
+TEST(ConvolutionGeometry, DefaultsAndShapes) {
+  CudaHandle h{};
+  create_handle(&h, -1);
+  {
+    auto dilated = make_conv(&h, ORVA::TEST, "filters=2\nsize=3\ndilation=2\n", 3, 13, 13, 1);
+    EXPECT_EQ(dilated->_pad, 2);
+    EXPECT_EQ(dilated->_out_w, 13);
+    EXPECT_EQ(dilated->_out_h, 13);
+
+    ORVA::setMsgLevel(INFO);
+    ::testing::internal::CaptureStderr();
+    auto grouped = make_conv(&h, ORVA::TEST, "filters=16\nsize=3\ngroups=2\n", 64, 8, 8, 1);
+    const std::string line = ::testing::internal::GetCapturedStderr();
+    ORVA::setMsgLevel(ALERT);
+    EXPECT_EQ(grouped->_weights / grouped->_kn, 32 * 9);
+    EXPECT_NE(line.find("3x3 / 1,2"), std::string::npos) << line;
+
+    auto rgb = make_conv(&h, ORVA::TEST, "filters=4\nsize=3\nquant_thresh=2\n", 3, 8, 8, 1, true);
+    EXPECT_EQ(rgb->_iqthresh_init, 0.f);
+    EXPECT_EQ(rgb->_qinput_size, 0u);
+    auto quad = make_conv(&h, ORVA::TEST, "filters=4\nsize=3\nquant_thresh=2\n", 4, 8, 8, 1, true);
+    EXPECT_EQ(quad->_iqthresh_init, 2.f);
+    EXPECT_EQ(quad->_qinput_size, 2u * 4 * 8 * 8);
+  }
+  destroy_handle(&h);
+}
+
+TEST(ConvolutionGeometryDeathTest, FaultsEndTheProcess) {
+  CudaHandle h{};
+  create_handle(&h, -1);
+  EXPECT_EXIT(make_conv(&h, ORVA::TEST, "filters=4\nsize=3\n", 0, 8, 8, 1), ::testing::ExitedWithCode(255),
+              "Layer before convolutional layer must output image.");
+  EXPECT_EXIT(make_conv(&h, ORVA::TEST, "filters=5\nsize=3\ngroups=2\n", 4, 8, 8, 1), ::testing::ExitedWithCode(255),
+              "groups 2 must divide channels 4 and filters 5");
+  destroy_handle(&h);
+}
+
+// Loss L = sum r * y; the layer's backward with delta = r must give dL/dW and dL/dx.
+struct GradientCase {
+  const char* keys;
+  int c, h, w;
+  float weight_step;  // central-difference steps; an input feeds more outputs than a weight,
+  float input_step;   // so it needs a larger step to rise above the rounding of L
+  double tol;         // half rounding of L and of the accumulated gradients
+};
+
+void check_gradients_on(void* h, const GradientCase& gc);
+
+void check_gradients(const GradientCase& gc) {
+  CudaHandle ctx{};
+  create_handle(&ctx, -1);
+  check_gradients_on(&ctx, gc);
+  destroy_handle(&ctx);
+}
+
+void check_gradients_on(void* h, const GradientCase& gc) {
+  const int batch = 2;
+  auto l = make_conv(h, ORVA::TRAIN, gc.keys, gc.c, gc.h, gc.w, batch);
+  const float s = 1.f / std::sqrt((float)(l->_weights / l->_kn));
+  std::vector<Ftype> w = random_halves(l->_weights, -s, s);
+  push(h, l->_weight, w);
+  push(h, l->_bias, random_halves(l->_kn, -0.2f, 0.2f));
+  LayerRun run(l.get());
+  std::vector<Ftype> x = random_halves((size_t)batch * l->_inputs, -1.f, 1.f);
+  const size_t n_out = (size_t)batch * l->_outputs;
+  const std::vector<Ftype> r = random_halves(n_out, -1.f, 1.f);
+  const std::vector<double> rd = to_doubles(r);
+  auto loss = [&](const std::vector<Ftype>& input) {
+    const std::vector<double> y = to_doubles(run.forward(input, batch));
+    double sum = 0;
+    for (size_t i = 0; i < n_out; ++i) sum += rd[i] * y[i];
+    return sum;
+  };
+
+  loss(x);
+  push(h, l->_delta, r);
+  Buffer<Ftype> dx(h, x.size());
+  dx.upload(std::vector<Ftype>(x.size(), fp_0));
+  run.params.delta = dx.get();
+  l->backward(run.params);
+  const std::vector<double> dw = to_doubles(pull(h, l->_weight_update, l->_weights));
+  const std::vector<double> dxd = to_doubles(dx.download());
+
+  std::vector<double> numeric, analytic;
+  for (int k = 0; k < 24; ++k) {
+    const size_t i = rng()() % w.size();
+    std::vector<Ftype> wp = w, wm = w;
+    wp[i] = to_halves(std::vector<float>{half2float_cpu(w[i].__x) + gc.weight_step})[0];
+    wm[i] = to_halves(std::vector<float>{half2float_cpu(w[i].__x) - gc.weight_step})[0];
+    push(h, l->_weight, wp);
+    const double lp = loss(x);
+    push(h, l->_weight, wm);
+    const double lm = loss(x);
+    numeric.push_back((lp - lm) / (half2float_cpu(wp[i].__x) - half2float_cpu(wm[i].__x)));
+    analytic.push_back(dw[i]);
+  }
+  push(h, l->_weight, w);
+  EXPECT_TRUE(NearL2(numeric, to_halves(analytic), gc.tol)) << "weights, " << gc.keys;
+
+  numeric.clear();
+  analytic.clear();
+  for (int k = 0; k < 24; ++k) {
+    const size_t i = rng()() % x.size();
+    std::vector<Ftype> xp = x, xm = x;
+    xp[i] = to_halves(std::vector<float>{half2float_cpu(x[i].__x) + gc.input_step})[0];
+    xm[i] = to_halves(std::vector<float>{half2float_cpu(x[i].__x) - gc.input_step})[0];
+    numeric.push_back((loss(xp) - loss(xm)) / (half2float_cpu(xp[i].__x) - half2float_cpu(xm[i].__x)));
+    analytic.push_back(dxd[i]);
+  }
+  EXPECT_TRUE(NearL2(numeric, to_halves(analytic), gc.tol)) << "inputs, " << gc.keys;
+}
+
+TEST(ConvolutionGradient, MatchesFiniteDifferences) {
+  // A linear layer is exactly linear in weights and inputs: a large step costs nothing.
+  check_gradients({"filters=6\nsize=3\nstride=2\ngroups=2\nactivation=linear\n", 4, 9, 8, 0.25f, 0.25f, 2e-2});
+  check_gradients({"filters=4\nsize=3\ndilation=2\nactivation=linear\n", 3, 8, 8, 0.25f, 0.25f, 2e-2});
+  check_gradients({"filters=4\nsize=1\nactivation=linear\n", 5, 6, 6, 0.25f, 0.25f, 2e-2});
+}
+
+TEST(ConvolutionGradient, MatchesFiniteDifferencesWithBatchnorm) {
+  // Normalisation is smooth but not linear: a smaller step, and L carries more rounding.
+  check_gradients({"filters=4\nsize=3\nbatch_normalize=1\nactivation=linear\n", 3, 6, 6, 0.0625f, 0.25f, 4e-2});
+  check_gradients({"filters=4\nsize=3\ngroups=2\nbatch_normalize=1\nactivation=logistic\n", 4, 6, 5, 0.0625f, 0.25f, 4e-2});
+}
+
+TEST(ConvolutionInt8, EmulationMatchesFloatReference) {
+  CudaHandle ctx{};
+  create_handle(&ctx, -1);
+  void* h = &ctx;
+  for (float thresh : {4.f, -4.f}) {
+    const int batch = 2;
+    auto l = make_conv(h, ORVA::TEST, "filters=8\nsize=3\nactivation=linear\nquant_thresh=" + std::to_string(thresh) + "\n",
+                       8, 7, 9, batch, true);
+    const std::vector<Ftype> w = random_halves(l->_weights, -0.3f, 0.3f);
+    const std::vector<Ftype> bias = random_halves(l->_kn, -0.5f, 0.5f);
+    const std::string path = temp_path("int8.weights");
+    {
+      std::vector<float> record = to_floats(bias);
+      const std::vector<float> wf = to_floats(w);
+      record.insert(record.end(), wf.begin(), wf.end());
+      write_bytes(path, std::vector<unsigned char>(reinterpret_cast<unsigned char*>(record.data()),
+                                                   reinterpret_cast<unsigned char*>(record.data() + record.size())));
+    }
+    // Reference first: inference frees the float weights once the 8-bit copy exists.
+    push(h, l->_weight, w);
+    push(h, l->_bias, bias);
+    const std::vector<Ftype> x = random_halves((size_t)batch * l->_inputs, thresh > 0 ? 0.f : -4.f, 4.f);
+    const std::vector<double> ref = reference_conv(l.get(), to_doubles(x), batch);
+    FILE* fp = fopen(path.c_str(), "rb");
+    ASSERT_NE(fp, nullptr);
+    l->loadWeight(fp, true);
+    fclose(fp);
+    ASSERT_EQ(l->_iqthresh, thresh);
+    ASSERT_NE(l->_qweight, nullptr);
+    EXPECT_EQ(l->_weight, nullptr);
+    Buffer<char> qinput(h, l->_qinput_size);
+    LayerRun run(l.get());
+    run.params.qinput = qinput.get();
+    EXPECT_TRUE(NearL2(ref, run.forward(x, batch), kInt8Tol)) << "threshold " << thresh;
+  }
+  destroy_handle(&ctx);
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+// Helpers shared by the network, convolution and model-file tests: description files, tensor
+// transfers, random parameters and a float64 reference of the convolution layer.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "layer/convolution_layer.h"
+#include "orva/orva.h"
+
+namespace orva_test {
+
+inline std::string data_path(const char* name) { return std::string(ORVA_TEST_DATA) + "/" + name; }
+
+inline std::string temp_path(const std::string& name) {
+  const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string base = info ? std::string(info->test_suite_name()) + "_" + info->name() : "orva";
+  for (char& c : base)
+    if (c == '/') c = '_';
+  return ::testing::TempDir() + base + "_" + name;
+}
+
+inline void write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+inline std::vector<unsigned char> read_bytes(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::vector<unsigned char>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
+inline void write_bytes(const std::string& path, const std::vector<unsigned char>& bytes) {
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+inline std::vector<Ftype> pull(void* handle, const Ftype* p, size_t n) {
+  std::vector<Ftype> v(n);
+  cuda_pull(handle, v.data(), p, n * sizeof(Ftype));
+  cuda_sync(handle);
+  return v;
+}
+
+inline void push(void* handle, Ftype* p, const std::vector<Ftype>& v) {
+  cuda_push(handle, p, v.data(), v.size() * sizeof(Ftype));
+  cuda_sync(handle);
+}
+
+inline ORVA::ConvolutionLayer* conv_at(ORVA::Network& net, int i) {
+  return dynamic_cast<ORVA::ConvolutionLayer*>(net.getLayer(i));
+}
+
+// Weights scaled to the fan-in so activations stay near unit size through a stack.
+inline void randomize_conv(ORVA::ConvolutionLayer* l) {
+  void* h = l->_gpu_handle;
+  const float s = 1.5f / std::sqrt((float)(l->_weights / l->_kn));
+  push(h, l->_weight, random_halves(l->_weights, -s, s));
+  push(h, l->_bias, random_halves(l->_kn, -0.2f, 0.2f));
+  if (l->_bn) {
+    push(h, l->_bn->_scale, random_halves(l->_kn, 0.5f, 1.5f));
+    push(h, l->_bn->_mean_rolling, random_halves(l->_kn, -0.3f, 0.3f));
+    push(h, l->_bn->_var_rolling, random_halves(l->_kn, 0.5f, 2.0f));
+  }
+}
+
+inline void randomize_network(ORVA::Network& net) {
+  for (int i = 0; i < net.getLayerCount(); ++i)
+    if (ORVA::ConvolutionLayer* l = conv_at(net, i)) randomize_conv(l);
+}
+
+inline void copy_conv(ORVA::ConvolutionLayer* from, ORVA::ConvolutionLayer* to) {
+  void* hf = from->_gpu_handle;
+  void* ht = to->_gpu_handle;
+  push(ht, to->_weight, pull(hf, from->_weight, from->_weights));
+  push(ht, to->_bias, pull(hf, from->_bias, from->_kn));
+  if (from->_bn && to->_bn) {
+    push(ht, to->_bn->_scale, pull(hf, from->_bn->_scale, from->_kn));
+    push(ht, to->_bn->_mean_rolling, pull(hf, from->_bn->_mean_rolling, from->_kn));
+    push(ht, to->_bn->_var_rolling, pull(hf, from->_bn->_var_rolling, from->_kn));
+  }
+}
+
+inline std::vector<float> predict_copy(ORVA::Network& net, std::vector<float> input, int batch) {
+  const float* out = net.predict(input.data(), batch);
+  const int n = std::min(batch, net.getBatch());
+  return std::vector<float>(out, out + (size_t)n * net.getOutputs());
+}
+
+inline double reference_activation(int type, double x) {
+  switch (type) {
+    case 0: return 1.0 / (1.0 + std::exp(-x));                    // logistic
+    case 1: return x > 0 ? x : 0;                                  // relu
+    case 7: return x > 0 ? x : 0.0999755859375 * x;                // leaky, the half slope
+    default: return x;                                             // linear and none
+  }
+}
+
+// One convolution layer in float64 from its current parameters: inference semantics
+// (running statistics) unless `batch_mean`/`batch_var` are given.
+inline std::vector<double> reference_conv(ORVA::ConvolutionLayer* l, const std::vector<double>& in, int batch) {
+  void* h = l->_gpu_handle;
+  const std::vector<double> w = to_doubles(pull(h, l->_weight, l->_weights));
+  const std::vector<double> bias = to_doubles(pull(h, l->_bias, l->_kn));
+  std::vector<double> scale, mean, var;
+  if (l->_bn) {
+    scale = to_doubles(pull(h, l->_bn->_scale, l->_kn));
+    mean = to_doubles(pull(h, l->_bn->_mean_rolling, l->_kn));
+    var = to_doubles(pull(h, l->_bn->_var_rolling, l->_kn));
+  }
+  const int cpg = l->_in_c / l->_groups, fpg = l->_kn / l->_groups;
+  std::vector<double> out((size_t)batch * l->_outputs);
+  for (int b = 0; b < batch; ++b)
+    for (int f = 0; f < l->_kn; ++f)
+      for (int y = 0; y < l->_out_h; ++y)
+        for (int x = 0; x < l->_out_w; ++x) {
+          const int g = f / fpg;
+          double sum = 0;
+          for (int c = 0; c < cpg; ++c)
+            for (int ky = 0; ky < l->_size; ++ky)
+              for (int kx = 0; kx < l->_size; ++kx) {
+                const int iy = y * l->_stride - l->_pad + ky * l->_dilation;
+                const int ix = x * l->_stride - l->_pad + kx * l->_dilation;
+                if (iy < 0 || iy >= l->_in_h || ix < 0 || ix >= l->_in_w) continue;
+                const int ic = g * cpg + c;
+                sum += w[((size_t)(f * cpg + c) * l->_size + ky) * l->_size + kx] *
+                       in[(((size_t)b * l->_in_c + ic) * l->_in_h + iy) * l->_in_w + ix];
+              }
+          double v = sum;
+          if (l->_bn)
+            v = (v - mean[f]) / std::sqrt(var[f] + 0.00001) * scale[f] + bias[f];
+          else if (l->_activation)
+            v += bias[f];
+          out[(((size_t)b * l->_kn + f) * l->_out_h + y) * l->_out_w + x] = reference_activation(l->_acttype, v);
+        }
+  return out;
+}
+
+}  // namespace orva_test
