@@ -44,6 +44,82 @@ void for_each_index(size_t n, Body body) {
   });
 }
 
+// Eight halves widened to float: the streaming kernels compute on Lanes and round back once
+// per half op, F16C doing eight conversions per instruction where the compiler targets it.
+#if defined(__F16C__)
+using Lanes = __m256;
+inline Lanes load8(const Ftype* p) { return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
+inline __m128i pack8(Lanes v) { return _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT); }
+inline void store8(Ftype* p, Lanes v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), pack8(v)); }
+inline Lanes round8(Lanes v) { return _mm256_cvtph_ps(pack8(v)); }
+inline Lanes splat8(float a) { return _mm256_set1_ps(a); }
+inline Lanes mul8(Lanes a, Lanes b) { return _mm256_mul_ps(a, b); }
+inline Lanes add8(Lanes a, Lanes b) { return _mm256_add_ps(a, b); }
+inline Lanes sub8(Lanes a, Lanes b) { return _mm256_sub_ps(a, b); }
+inline Lanes div8(Lanes a, Lanes b) { return _mm256_div_ps(a, b); }
+#else
+struct Lanes {
+  float v[8];
+};
+template <typename Op>
+inline Lanes each8(Op op) {
+  Lanes r;
+  for (int k = 0; k < 8; ++k) r.v[k] = op(k);
+  return r;
+}
+inline Lanes load8(const Ftype* p) { return each8([&](int k) { return h2f(p[k]); }); }
+inline void store8(Ftype* p, Lanes v) {
+  for (int k = 0; k < 8; ++k) p[k] = f2h(v.v[k]);
+}
+inline Lanes round8(Lanes v) { return each8([&](int k) { return h2f(f2h(v.v[k])); }); }
+inline Lanes splat8(float a) { return each8([&](int) { return a; }); }
+inline Lanes mul8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] * b.v[k]; }); }
+inline Lanes add8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] + b.v[k]; }); }
+inline Lanes sub8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] - b.v[k]; }); }
+inline Lanes div8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] / b.v[k]; }); }
+#endif
+
+// float(x) * a + b with one rounding, as the device's fused multiply-add. Without FMA hardware
+// std::fma is a slow library routine, so the product is formed exactly in double instead.
+inline float fused(float x, float a, float b) {
+#if defined(__FMA__)
+  return std::fma(x, a, b);
+#else
+  return (float)((double)x * a + b);
+#endif
+}
+
+#if defined(__F16C__)
+inline Lanes fused8(Lanes x, float a, float b) {
+#if defined(__FMA__)
+  return _mm256_fmadd_ps(x, splat8(a), splat8(b));
+#else
+  const __m256d a4 = _mm256_set1_pd(a), b4 = _mm256_set1_pd(b);
+  const __m128 lo = _mm256_castps256_ps128(x), hi = _mm256_extractf128_ps(x, 1);
+  const __m128 rlo = _mm256_cvtpd_ps(_mm256_add_pd(_mm256_mul_pd(_mm256_cvtps_pd(lo), a4), b4));
+  const __m128 rhi = _mm256_cvtpd_ps(_mm256_add_pd(_mm256_mul_pd(_mm256_cvtps_pd(hi), a4), b4));
+  return _mm256_set_m128(rhi, rlo);
+#endif
+}
+#else
+inline Lanes fused8(Lanes x, float a, float b) { return each8([&](int k) { return fused(x.v[k], a, b); }); }
+#endif
+
+// Runs eight(i) on blocks [i, i + 8) and one(i) on the tail of [begin, end).
+template <typename Eight, typename One>
+void in_lanes(size_t begin, size_t end, Eight eight, One one) {
+  size_t i = begin;
+  for (; i + 8 <= end; i += 8) eight(i);
+  for (; i < end; ++i) one(i);
+}
+
+// Parallel streaming loop over [0, n) in blocks of eight.
+template <typename Eight, typename One>
+void for_each_lane(size_t n, Eight eight, One one) {
+  tbb::parallel_for(tbb::blocked_range<size_t>(0, n, kGrain),
+                    [&](const tbb::blocked_range<size_t>& r) { in_lanes(r.begin(), r.end(), eight, one); });
+}
+
 // Sum over batch and spatial positions of filter f, in the device block's order: partial t
 // collects positions s = t, t + 512, ... of each batch item in batch order; the partials are
 // then added in index order. term(index) gives the half to add at a tensor index.
@@ -219,15 +295,22 @@ void copy(void* handle, int N, const Ftype* X, Ftype* Y) { memmove(Y, X, (size_t
 void fill(void* handle, int N, Ftype alpha, Ftype* X) { std::fill(X, X + N, alpha); }
 
 void scale(void* handle, int N, Ftype alpha, Ftype* X) {
-  for_each_index(N, [&](size_t i) { X[i] = hmul(X[i], alpha); });
+  const Lanes a8 = splat8(h2f(alpha));
+  for_each_lane(
+      N, [&](size_t i) { store8(X + i, mul8(load8(X + i), a8)); }, [&](size_t i) { X[i] = hmul(X[i], alpha); });
 }
 
 void scale_add(void* handle, int N, float alpha, float beta, Ftype* X) {
-  for_each_index(N, [&](size_t i) { X[i] = f2h(std::fma(h2f(X[i]), alpha, beta)); });
+  for_each_lane(
+      N, [&](size_t i) { store8(X + i, fused8(load8(X + i), alpha, beta)); },
+      [&](size_t i) { X[i] = f2h(fused(h2f(X[i]), alpha, beta)); });
 }
 
 void axpy(void* handle, int N, Ftype alpha, const Ftype* X, Ftype* Y) {
-  for_each_index(N, [&](size_t i) { Y[i] = hadd(Y[i], hmul(alpha, X[i])); });
+  const Lanes a8 = splat8(h2f(alpha));
+  for_each_lane(
+      N, [&](size_t i) { store8(Y + i, add8(load8(Y + i), round8(mul8(a8, load8(X + i))))); },
+      [&](size_t i) { Y[i] = hadd(Y[i], hmul(alpha, X[i])); });
 }
 
 void constrain(void* handle, int N, Ftype alpha, Ftype* X) {
@@ -251,14 +334,19 @@ float sum(void* handle, int N, const Ftype* X) {
 void add_bias(void* handle, Ftype* output, const Ftype* bias, int batch, int n, int size) {
   for_each_plane(batch, n, [&](int b, int f) {
     Ftype* o = output + ((size_t)b * n + f) * size;
-    for (int i = 0; i < size; ++i) o[i] = hadd(o[i], bias[f]);
+    const Lanes b8 = splat8(h2f(bias[f]));
+    in_lanes(
+        0, size, [&](size_t i) { store8(o + i, add8(load8(o + i), b8)); }, [&](size_t i) { o[i] = hadd(o[i], bias[f]); });
   });
 }
 
 void scale_bias(void* handle, Ftype* output, const Ftype* scale, int batch, int n, int size) {
   for_each_plane(batch, n, [&](int b, int f) {
     Ftype* o = output + ((size_t)b * n + f) * size;
-    for (int i = 0; i < size; ++i) o[i] = hmul(o[i], scale[f]);
+    const Lanes s8 = splat8(h2f(scale[f]));
+    in_lanes(
+        0, size, [&](size_t i) { store8(o + i, mul8(load8(o + i), s8)); },
+        [&](size_t i) { o[i] = hmul(o[i], scale[f]); });
   });
 }
 
@@ -266,7 +354,10 @@ void scale_add_bias(void* handle, Ftype* output, const Ftype* scales, const Ftyp
                     int size) {
   for_each_plane(batch, n, [&](int b, int f) {
     Ftype* o = output + ((size_t)b * n + f) * size;
-    for (int i = 0; i < size; ++i) o[i] = hadd(hmul(o[i], scales[f]), bias[f]);
+    const Lanes s8 = splat8(h2f(scales[f])), b8 = splat8(h2f(bias[f]));
+    in_lanes(
+        0, size, [&](size_t i) { store8(o + i, add8(round8(mul8(load8(o + i), s8)), b8)); },
+        [&](size_t i) { o[i] = hadd(hmul(o[i], scales[f]), bias[f]); });
   });
 }
 
@@ -303,9 +394,14 @@ void variance(void* handle, const Ftype* x, const Ftype* mean, int batch, int fi
 }
 
 void normalize(void* handle, Ftype* x, const Ftype* mean, const Ftype* var, int batch, int filters, int spatial) {
-  for_each_index((size_t)batch * filters * spatial, [&](size_t i) {
-    const int f = (int)((i / spatial) % filters);
-    x[i] = f2h(h2f(hsub(x[i], mean[f])) / sqrtf(h2f(var[f]) + kNormEpsilon));
+  for_each_plane(batch, filters, [&](int b, int f) {
+    Ftype* o = x + ((size_t)b * filters + f) * spatial;
+    // sqrtf is correctly rounded, so one root per filter equals one per element.
+    const float root = sqrtf(h2f(var[f]) + kNormEpsilon);
+    const Lanes m8 = splat8(h2f(mean[f])), r8 = splat8(root);
+    in_lanes(
+        0, spatial, [&](size_t i) { store8(o + i, div8(round8(sub8(load8(o + i), m8)), r8)); },
+        [&](size_t i) { o[i] = f2h(h2f(hsub(o[i], mean[f])) / root); });
   });
 }
 
