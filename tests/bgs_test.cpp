@@ -134,13 +134,6 @@ TEST(MedianBGS, MismatchedFramesChangeNothing) {
   EXPECT_EQ(cv::countNonZero(before != m.model()), 0);
   EXPECT_EQ(m.alpha(), alphaBefore);
 
-  // The interface alone does nothing.
-  ORVA::BGS base(16, 8, 1);
-  EXPECT_FALSE(base.init(ok, 3));
-  EXPECT_FALSE(base.update(ok, 0.f));
-  EXPECT_TRUE(base.getBackground().empty());
-  EXPECT_TRUE(base.getForeground(ok).empty());
-
   // Unsupported geometry is refused at init.
   MedianBGS four(4, 4, 4);
   cv::Mat f4(4, 4, CV_8UC4);

@@ -125,18 +125,6 @@ TEST_F(TrackerTest, GateComparesOneMinusCostWithTheThreshold) {
   }
 }
 
-TEST_F(TrackerTest, NewTrackIsReportedFromItsFirstMatch) {
-  Tracker t(3, 0, 0.3f);
-  run(t, {det(10, 10, 40, 40)});
-  // A second object appears: with minHit 0 it is still not reported in its birth frame.
-  DetectObjList out = run(t, {det(10, 10, 40, 40), det(300, 300, 40, 40)});
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].oid, 0);
-  out = run(t, {det(10, 10, 40, 40), det(300, 300, 40, 40)});
-  ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out[1].oid, 1);
-}
-
 TEST_F(TrackerTest, IdentitiesWrapToZeroAndResetRestarts) {
   TrackerProbe t(3, 1, 0.3f);
   t.setNextId(0x7FFFFFFF);
