@@ -2,6 +2,7 @@
 // bias pass against a float64 reference on each backend.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <vector>

@@ -2,6 +2,7 @@
 // backend.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
