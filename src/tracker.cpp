@@ -28,8 +28,8 @@ int round_even(float v) { return std::isfinite(v) ? (int)std::nearbyint(v) : 0; 
 
 float area(const cv::Rect_<float>& b) { return b.width * b.height; }
 
-// 1 - IoU shifted by 1e-5 so that no cost is zero: the solver needs costs strictly above 0
-// to tell a perfect overlap from "no overlap at all" after reduction.
+// 1 - IoU, shifted by 1e-5 so that every cost is strictly positive; the gate in process()
+// sees the shift.
 float overlap_cost(const cv::Rect_<float>& p, const cv::Rect_<float>& d) {
   float left = std::max(p.x, d.x), top = std::max(p.y, d.y);
   float right = std::min(p.x + p.width, d.x + d.width);
@@ -48,13 +48,13 @@ float overlap_cost(const cv::Rect_<float>& p, const cv::Rect_<float>& d) {
 Tracker::KalmanTracker::KalmanTracker(int id, DetectObj& det)
     : active(false), miss(0), hit(0), _kf(kStateSize, kMeasureSize, 0, CV_32F), _cid(det.cid), _oid(id),
       _prob(det.prob) {
-  _kf.transitionMatrix = (cv::Mat_<float>(kStateSize, kStateSize) <<  //
-                              1, 0, 0, 0, 1, 0, 0,                    //
-                          0, 1, 0, 0, 0, 1, 0,                        //
-                          0, 0, 1, 0, 0, 0, 1,                        //
-                          0, 0, 0, 1, 0, 0, 0,                        //
-                          0, 0, 0, 0, 1, 0, 0,                        //
-                          0, 0, 0, 0, 0, 1, 0,                        //
+  // Constant velocity for centre and area; the aspect ratio has no velocity.
+  _kf.transitionMatrix = (cv::Mat_<float>(kStateSize, kStateSize) << 1, 0, 0, 0, 1, 0, 0,
+                          0, 1, 0, 0, 0, 1, 0,
+                          0, 0, 1, 0, 0, 0, 1,
+                          0, 0, 0, 1, 0, 0, 0,
+                          0, 0, 0, 0, 1, 0, 0,
+                          0, 0, 0, 0, 0, 1, 0,
                           0, 0, 0, 0, 0, 0, 1);
   cv::setIdentity(_kf.measurementMatrix);
   cv::setIdentity(_kf.processNoiseCov, cv::Scalar::all(1e-2));
@@ -177,8 +177,8 @@ void Tracker::process(cv::Mat& frame, DetectObjList& objs) {
       if (j >= 0) unmatchedDets.erase(j);
   }
 
-  // The gate reads 1 - cost, i.e. IoU minus the 1e-5 offset; kept as is so that a threshold
-  // equal to an exact overlap rejects it, as deployed configurations expect.
+  // The gate deliberately reads 1 - cost (the IoU less the 1e-5 shift), not the IoU itself:
+  // an overlap exactly equal to the threshold is rejected.
   for (int i = 0; i < N; i++) {
     int j = assignment[i];
     if (j < 0) continue;
