@@ -1,0 +1,148 @@
+// Layer registry, construction from a description, the accessors, resize and predict.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "network_test_util.h"
+
+using namespace orva_test;
+
+namespace {
+
+TEST(LayerRegistry, NamesAndIds) {
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(ORVA::LayerType::create("network", 0, nullptr, nullptr), nullptr);
+  EXPECT_EQ(ORVA::LayerType::create("train", 0, nullptr, nullptr), nullptr);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(ORVA::LayerType::create("Convolution", 0, nullptr, nullptr), nullptr);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), ">>> Unkown Layer: Convolution\n");
+  for (int id : {1, 5, 7, 10, 12, 15, 20, 32, -1}) EXPECT_EQ(ORVA::LayerType::create(id, 0, nullptr, nullptr), nullptr);
+
+  const std::pair<const char*, int> table[] = {
+      {"convolution", 0}, {"fconn", 2},    {"maxpool", 3},   {"softmax", 4},   {"dropout", 6},   {"route", 8},
+      {"cost", 9},        {"avgpool", 11}, {"shortcut", 13}, {"activation", 14}, {"batchnorm", 19}, {"region", 21},
+      {"reorg", 22},      {"upsample", 23}, {"spresize", 24}, {"scalemap", 25}, {"attention", 26}, {"dynact", 27},
+      {"smerge", 28},     {"qregion", 29}, {"heatmap", 30},  {"detobj", 31}};
+  for (const auto& e : table) EXPECT_EQ(ORVA::LayerType::type(e.first), e.second) << e.first;
+
+  CudaHandle h{};
+  create_handle(&h, -1);
+  ORVA::Layer* conv = ORVA::LayerType::create(0, ORVA::TEST, nullptr, &h);
+  ASSERT_NE(conv, nullptr);
+  EXPECT_EQ(conv->type, 0);
+  EXPECT_EQ(conv->cost, -1);
+  delete conv;
+  destroy_handle(&h);
+}
+
+TEST(NetworkBuild, DescriptionKeysAndAccessors) {
+  const std::string cfg = temp_path("net.cfg");
+  write_file(cfg,
+             "[network]\nwidth=8\nheight=6\nchannels=3\nprecision=fp16\nsiamese=2\n"
+             "[convolution]\nfilters=4\nsize=3\n[nosuchlayer]\n[convolution]\nfilters=2\nsize=1\nstride=2\n");
+  ORVA::Network net(ORVA::TEST, 4, -1);
+  ::testing::internal::CaptureStdout();
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), ">>> Unkown Layer: nosuchlayer\n");
+  EXPECT_EQ(net.getPrecision(), ORVA::FP16);
+  ASSERT_EQ(net.getLayerCount(), 2);
+  EXPECT_EQ(net.getLayer(0)->_batch, 8);
+  EXPECT_EQ(net.getLayer(-1), net.getLayer(1));
+  EXPECT_EQ(net.getOutputLayer(), net.getLayer(1));
+  EXPECT_EQ(net.getLayer(2), nullptr);
+  EXPECT_EQ(net.getOutputs(), 4 * 3 * 2);
+  EXPECT_EQ(net.oW, 4);
+  EXPECT_STREQ(net.getVersion(), "");
+
+  write_file(cfg, "[network]\nwidth=8\nheight=6\nchannels=3\nprecision=FP16\n[convolution]\nfilters=1\n");
+  ORVA::setMsgLevel(WARNING);
+  ::testing::internal::CaptureStderr();
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("Couldn't find precision FP16, going with fp32"),
+            std::string::npos);
+  ORVA::setMsgLevel(ALERT);
+  EXPECT_EQ(net.getPrecision(), ORVA::FP32);
+  EXPECT_EQ(net.getLayerCount(), 1);
+
+  net.resize(12, 10);
+  EXPECT_EQ(net.getInputs(), 10 * 10 * 3);
+  EXPECT_EQ(net.getLayer(0)->_in_w, 12);
+  EXPECT_EQ(net.getLayer(0)->_out_h, 10);
+
+  write_file(cfg, "[convolution]\nfilters=1\n");
+  EXPECT_EQ(net.load(cfg.c_str(), nullptr), -1);
+  EXPECT_THROW(net.load(temp_path("missing.cfg").c_str(), nullptr), std::runtime_error);
+  write_file(cfg, "[network]\nwidth=4\nheight=4\nchannels=1\nthis line is malformed\n");
+  EXPECT_THROW(net.load(cfg.c_str(), nullptr), std::runtime_error);
+}
+
+TEST(NetworkBuildDeathTest, MissingInputSizeEndsTheProcess) {
+  const std::string cfg = temp_path("noinput.cfg");
+  write_file(cfg, "[network]\nwidth=8\n[convolution]\nfilters=1\n");
+  EXPECT_EXIT(
+      {
+        ORVA::Network net(ORVA::TEST, 1, -1);
+        net.load(cfg.c_str(), nullptr);
+      },
+      ::testing::ExitedWithCode(255), "ERROR: No input parameters supplied");
+}
+
+TEST(NetworkPredict, BatchIsClampedAndThePointerStays) {
+  ORVA::Network net(ORVA::TEST, 4, -1);
+  ASSERT_EQ(net.load(data_path("conv_small.cfg").c_str(), nullptr), 0);
+  randomize_network(net);
+  std::vector<float> input = random_floats(4 * 6 * 5 * 3, 0.f, 1.f);
+  input.resize(100 * 6 * 5 * 3, 0.5f);  // room for what a careless caller claims
+  const float* first = net.predict(input.data(), 4);
+  const std::vector<float> four(first, first + 4 * net.getOutputs());
+  const float* second = net.predict(input.data(), 100);
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(std::vector<float>(second, second + 4 * net.getOutputs()), four);
+}
+
+// Input planes as the conversion writes them: byte / 255, channel order reversed.
+std::vector<float> planes_of(const cv::Mat& m) {
+  const int c = m.channels(), npix = m.rows * m.cols;
+  std::vector<float> p((size_t)c * npix);
+  for (int k = 0; k < c; ++k)
+    for (int i = 0; i < npix; ++i) p[(size_t)k * npix + i] = m.data[(size_t)i * c + (c - 1 - k)] / 255.f;
+  return p;
+}
+
+cv::Mat random_mat(int rows, int cols, int type) {
+  cv::Mat m(rows, cols, type);
+  for (size_t i = 0; i < m.total() * m.elemSize(); ++i) m.data[i] = (unsigned char)(rng()() & 0xFF);
+  return m;
+}
+
+TEST(NetworkPredict, SiameseImagesAndStackedMasksFillTheInput) {
+  ORVA::Network net(ORVA::TEST, 1, -1);
+  ASSERT_EQ(net.load(data_path("siamese_mask.cfg").c_str(), nullptr), 0);
+  ASSERT_EQ(net.getSiamese(), 2);
+  const int inputs = 5 * 4 * 4;
+  auto input_planes = [&]() { return to_floats(pull(net.getHandle(), net.getInput(), 2 * inputs)); };
+
+  cv::Mat pair[2] = {random_mat(4, 5, CV_8UC4), random_mat(4, 5, CV_8UC4)};
+  net.predict(pair, 1);
+  std::vector<float> expected = planes_of(pair[0]);
+  const std::vector<float> second = planes_of(pair[1]);
+  expected.insert(expected.end(), second.begin(), second.end());
+  EXPECT_TRUE(NearL2(std::vector<double>(expected.begin(), expected.end()), input_planes(), kHalfRounding));
+
+  std::vector<cv::Mat> lists[2];
+  for (auto& list : lists) list = {random_mat(4, 5, CV_8UC3), random_mat(4, 5, CV_8UC1)};
+  net.predict(lists, 1);
+  expected.clear();
+  for (auto& list : lists)
+    for (const cv::Mat& m : list) {
+      const std::vector<float> p = planes_of(m);
+      expected.insert(expected.end(), p.begin(), p.end());
+    }
+  EXPECT_TRUE(NearL2(std::vector<double>(expected.begin(), expected.end()), input_planes(), kHalfRounding));
+
+  cv::Mat wrong[2] = {random_mat(4, 5, CV_8UC3), random_mat(4, 5, CV_8UC3)};
+  EXPECT_THROW(net.predict(wrong, 1), std::invalid_argument);
+}
+
+}  // namespace
