@@ -85,18 +85,6 @@ TEST(ImageConversion, ValuesNarrowClampedAndTruncated) {
   EXPECT_EQ(m.at<cv::Vec3b>(0, 1), cv::Vec3b(0, 204, 102));
 }
 
-TEST(ImageConversion, BytesSurviveTheRoundTripThroughTheImage) {
-  for (int type : {CV_8UC1, CV_8UC3}) {
-    cv::Mat src = random_bytes(33, 17, type);
-    OwnedImage img;
-    cvt_cv2image(src, img.img);
-    cv::Mat back;
-    cvt_image2cv(img.img, back);
-    ASSERT_EQ(back.type(), type);
-    EXPECT_EQ(cv::countNonZero(src.reshape(1) != back.reshape(1)), 0);
-  }
-}
-
 TEST(ImageConversionDeathTest, FourChannelImageEndsTheProcess) {
   std::vector<float> data(4 * 2 * 2, 0.5f);
   ORVA::Image img;
