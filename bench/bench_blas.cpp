@@ -3,7 +3,8 @@
 // throughput per shape; the element-wise kernels report bytes read and written per second
 // beside a plain memcpy of the same traffic.
 //
-//   build-blas/bench/bench_blas [--benchmark_filter=...]
+//   build-blas/bench/bench_blas --benchmark_filter=Gemm --benchmark_repetitions=5
+//   (with repetitions the summary uses the median of each shape)
 #include <benchmark/benchmark.h>
 #include <cblas.h>
 
@@ -90,9 +91,17 @@ void BM_GemmFloatOpenBLAS(benchmark::State& state) {
   set_gemm_counters(state, s);
 }
 
-constexpr int kShapeCount = sizeof(kShapes) / sizeof(kShapes[0]);
-BENCHMARK(BM_GemmHalfHost)->DenseRange(0, kShapeCount - 1)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GemmFloatOpenBLAS)->DenseRange(0, kShapeCount - 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+// Registered shape by shape, half then float, so that both see the same load of the machine.
+void register_gemm_pairs() {
+  const int count = sizeof(kShapes) / sizeof(kShapes[0]);
+  for (int i = 0; i < count; ++i) {
+    benchmark::RegisterBenchmark("BM_GemmHalfHost", BM_GemmHalfHost)->Arg(i)->Unit(benchmark::kMillisecond)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_GemmFloatOpenBLAS", BM_GemmFloatOpenBLAS)
+        ->Arg(i)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+  }
+}
 
 // --- element-wise: bytes moved per element as the kernels read and write them ------------
 
@@ -162,7 +171,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (const Run& r : runs) {
       const std::string name = r.benchmark_name();
       auto it = r.counters.find("GFLOP/s");
-      if (it == r.counters.end() || r.run_type != Run::RT_Iteration) continue;
+      // With --benchmark_repetitions the median stands for the shape; otherwise the one run.
+      const bool median = r.run_type == Run::RT_Aggregate && r.aggregate_name == "median";
+      if (it == r.counters.end() || !(median || (r.run_type == Run::RT_Iteration && r.repetitions <= 1))) continue;
       const bool half = name.find("GemmHalfHost") != std::string::npos;
       (half ? _half : _float)[r.report_label] = it->second.value;
     }
@@ -187,6 +198,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
+  register_gemm_pairs();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;

@@ -5,6 +5,7 @@
 #include <cblas.h>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -197,14 +198,31 @@ void narrow(const float* src, Ftype* dst, size_t n) {
 // Scratch slots of the host matrix product (the backend's grow-only buffers).
 enum GemmScratch { kScratchA = 0, kScratchB = 1, kScratchC = 2 };
 
-// Column panels of C keep the widened slice of B small enough to stay in cache between its
-// conversion and its use, so the half operand is read from memory once, at two bytes each.
+// Tiles of C. With enough column panels, each thread widens its own panel of op(B) right
+// before using it, so the panel stays in cache and the half operand is read from memory once,
+// at two bytes per element. With few panels (small N), op(B) is widened once, shared, and the
+// rows of C are split among the threads instead.
 constexpr size_t kPanelBytes = 512 * 1024;
 constexpr int kMinPanel = 256;
+constexpr int kMinTileRows = 32;
 
-int panel_width(int N, int K) {
-  const int fit = (int)(kPanelBytes / (sizeof(float) * (size_t)K)) & ~15;
-  return std::min(N, std::max(kMinPanel, fit));
+struct GemmTiling {
+  bool shared_b;  // op(B) widened whole before the tiles run
+  int nb, panels, mb, row_tiles;
+};
+
+GemmTiling gemm_tiling(int M, int N, int K, int threads) {
+  GemmTiling t;
+  const int fit = std::max(kMinPanel, (int)(kPanelBytes / (sizeof(float) * (size_t)K)));
+  int panels = (N + fit - 1) / fit;
+  t.shared_b = panels < 2 * threads;
+  if (!t.shared_b) panels = (panels + threads - 1) / threads * threads;  // equal shares per thread
+  t.nb = std::min(N, ((N + panels - 1) / panels + 15) & ~15);
+  t.panels = (N + t.nb - 1) / t.nb;
+  const int row_tiles = t.shared_b ? std::min(2 * threads, std::max(1, M / kMinTileRows)) : 1;
+  t.mb = (M + row_tiles - 1) / row_tiles;
+  t.row_tiles = (M + t.mb - 1) / t.mb;
+  return t;
 }
 
 // C = BETA * C without a product (K = 0); BETA = 0 writes zeros without reading C.
@@ -216,38 +234,84 @@ void scale_rows(int M, int N, float BETA, Ftype* C, int ldc) {
     }
 }
 
+// Widens `rows` rows of `cols` halves (row length `ld`) into a packed float matrix.
+void widen_rows(const Ftype* src, int ld, int rows, int cols, float* dst) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, rows, 16), [&](const tbb::blocked_range<int>& r) {
+    for (int i = r.begin(); i != r.end(); ++i) widen(src + (size_t)i * ld, dst + (size_t)i * cols, cols);
+  });
+}
+
+// OpenBLAS runs single-threaded while the tiles run in TBB's threads: its own pool spinning on
+// the same cores would starve them. The setting is process-wide, so it is restored on return.
+class SingleThreadedBlas {
+ public:
+  SingleThreadedBlas() : _threads(openblas_get_num_threads()) {
+    if (_threads > 1) openblas_set_num_threads(1);
+  }
+  ~SingleThreadedBlas() {
+    if (_threads > 1) openblas_set_num_threads(_threads);
+  }
+  SingleThreadedBlas(const SingleThreadedBlas&) = delete;
+  SingleThreadedBlas& operator=(const SingleThreadedBlas&) = delete;
+
+ private:
+  int _threads;
+};
+
 }  // namespace
 
 void gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, const Ftype* A, int lda, const Ftype* B,
           int ldb, float BETA, Ftype* C, int ldc) {
   if (K == 0) return scale_rows(M, N, BETA, C, ldc);
   ORVA::Backend* backend = ORVA::backend_of(handle);
-  // A is widened whole into a packed row-major copy (stored K x M when transposed).
-  const int a_rows = TA ? K : M, a_cols = TA ? M : K;
+  const int threads = tbb::this_task_arena::max_concurrency();
+  const GemmTiling t = gemm_tiling(M, N, K, threads);
+  // Stored shapes: A is K x M when transposed, B is N x K when transposed.
+  const int a_rows = TA ? K : M, a_cols = TA ? M : K, b_rows = TB ? N : K, b_cols = TB ? K : N;
+  const size_t b_floats = t.shared_b ? (size_t)b_rows * b_cols : (size_t)K * t.nb * threads;
+  const size_t c_tile = (size_t)t.mb * t.nb;
   float* a = static_cast<float*>(backend->scratch(kScratchA, sizeof(float) * (size_t)a_rows * a_cols));
-  const int nb = panel_width(N, K);
-  float* b = static_cast<float*>(backend->scratch(kScratchB, sizeof(float) * (size_t)K * nb));
-  float* c = static_cast<float*>(backend->scratch(kScratchC, sizeof(float) * (size_t)M * nb));
+  float* b = static_cast<float*>(backend->scratch(kScratchB, sizeof(float) * b_floats));
+  float* c = static_cast<float*>(backend->scratch(kScratchC, sizeof(float) * c_tile * threads));
   if (!a || !b || !c) {
     ORVA_ERROR("blas_gemm: no host scratch for M = %d, N = %d, K = %d", M, N, K);
     return;
   }
-  for (int i = 0; i < a_rows; ++i) widen(A + (size_t)i * lda, a + (size_t)i * a_cols, a_cols);
-  for (int j0 = 0; j0 < N; j0 += nb) {
-    const int w = std::min(nb, N - j0);
-    // Panel of op(B): K x w when B is K x N, w x K rows when B is stored N x K.
-    if (TB) {
-      for (int j = 0; j < w; ++j) widen(B + (size_t)(j0 + j) * ldb, b + (size_t)j * K, K);
-    } else {
-      for (int k = 0; k < K; ++k) widen(B + (size_t)k * ldb + j0, b + (size_t)k * w, w);
+  widen_rows(A, lda, a_rows, a_cols, a);
+  if (t.shared_b) widen_rows(B, ldb, b_rows, b_cols, b);
+  SingleThreadedBlas single;
+  tbb::parallel_for(tbb::blocked_range<int>(0, t.panels * t.row_tiles, 1), [&](const tbb::blocked_range<int>& r) {
+    const int slot = tbb::this_task_arena::current_thread_index();
+    float* cp = c + c_tile * slot;
+    for (int task = r.begin(); task != r.end(); ++task) {
+      const int j0 = (task / t.row_tiles) * t.nb, w = std::min(t.nb, N - j0);
+      const int i0 = (task % t.row_tiles) * t.mb, h = std::min(t.mb, M - i0);
+      const float* bp;
+      int ldbp;
+      if (t.shared_b) {
+        bp = TB ? b + (size_t)j0 * K : b + j0;
+        ldbp = b_cols;
+      } else {
+        // This thread's panel of op(B): K x w when B is K x N, w rows of K when stored N x K.
+        float* own = b + (size_t)K * t.nb * slot;
+        if (TB) {
+          for (int j = 0; j < w; ++j) widen(B + (size_t)(j0 + j) * ldb, own + (size_t)j * K, K);
+        } else {
+          for (int k = 0; k < K; ++k) widen(B + (size_t)k * ldb + j0, own + (size_t)k * w, w);
+        }
+        bp = own;
+        ldbp = TB ? K : w;
+      }
+      if (BETA != 0.f)
+        for (int i = 0; i < h; ++i) widen(C + (size_t)(i0 + i) * ldc + j0, cp + (size_t)i * w, w);
+      const float* ap = TA ? a + i0 : a + (size_t)i0 * a_cols;
+      cblas_sgemm(CblasRowMajor, TA ? CblasTrans : CblasNoTrans, TB ? CblasTrans : CblasNoTrans, h, w, K, ALPHA, ap,
+                  a_cols, bp, ldbp, BETA, cp, w);
+      for (int i = 0; i < h; ++i) narrow(cp + (size_t)i * w, C + (size_t)(i0 + i) * ldc + j0, w);
     }
-    if (BETA != 0.f)
-      for (int i = 0; i < M; ++i) widen(C + (size_t)i * ldc + j0, c + (size_t)i * w, w);
-    cblas_sgemm(CblasRowMajor, TA ? CblasTrans : CblasNoTrans, TB ? CblasTrans : CblasNoTrans, M, w, K, ALPHA, a,
-                a_cols, b, TB ? K : w, BETA, c, w);
-    for (int i = 0; i < M; ++i) narrow(c + (size_t)i * w, C + (size_t)i * ldc + j0, w);
-  }
+  });
 }
+
 void im2col(void* handle, const Ftype* im, int channels, int height, int width, int ksize, int stride, int pad,
             Ftype* data_col) {
   const int height_col = (height + 2 * pad - ksize) / stride + 1;

@@ -64,10 +64,14 @@ TEST(BlasGemm, TransposesAndLeadingDimensions) {
   check_gemm({1, 0, 4, 10, 3, 7, 13, 12, 1.f, 0.5f});
 }
 
-TEST(BlasGemm, PanelsWiderThanOneBlock) {
-  // Larger than one column panel of the host product, with a ragged last panel.
-  check_gemm({0, 0, 24, 1100, 300, 300, 1100, 1100, 1.f, 0.f});
-  check_gemm({0, 1, 17, 700, 150, 150, 150, 703, 0.5f, 1.f});
+TEST(BlasGemm, TiledShapes) {
+  // The host product tiles C: few column panels share one widened B and split the rows
+  // (first two cases), many panels each widen their own slice of B (last two), with ragged
+  // last tiles.
+  check_gemm({0, 0, 70, 1100, 300, 300, 1100, 1100, 1.f, 0.f});
+  check_gemm({1, 0, 70, 600, 200, 75, 600, 600, 1.f, 0.5f});
+  check_gemm({0, 1, 17, 4000, 150, 150, 150, 4003, 0.5f, 1.f});
+  check_gemm({0, 0, 8, 4001, 300, 300, 4005, 4001, 1.f, 0.f});
 }
 
 TEST(BlasGemm, ZeroBetaNeverReadsC) {
