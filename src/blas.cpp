@@ -58,8 +58,9 @@ void blas_gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, F
     if (K < 0) ORVA_ERROR("%s: K = %d must not be negative", fn, K);
     return;
   }
-  // Row-major: the leading dimension is the stored row length of each operand.
-  const int a_cols = TA ? M : K, b_cols = TB ? K : N;
+  // Row-major: the leading dimension is at least the stored row length of each operand (and
+  // at least 1, which cuBLAS demands even for an empty K).
+  const int a_cols = std::max(1, TA ? M : K), b_cols = std::max(1, TB ? K : N);
   if (!(at_least(fn, "lda", lda, TA ? "M" : "K", a_cols) & at_least(fn, "ldb", ldb, TB ? "K" : "N", b_cols) &
         at_least(fn, "ldc", ldc, "N", N)))
     return;
