@@ -216,7 +216,8 @@ GemmTiling gemm_tiling(int M, int N, int K, int threads) {
   const int fit = std::max(kMinPanel, (int)(kPanelBytes / (sizeof(float) * (size_t)K)));
   int panels = (N + fit - 1) / fit;
   t.shared_b = panels < 2 * threads;
-  if (!t.shared_b) panels = (panels + threads - 1) / threads * threads;  // equal shares per thread
+  if (t.shared_b) panels = 1;  // whole rows of C: fewer, larger products
+  else panels = (panels + threads - 1) / threads * threads;  // equal shares per thread
   t.nb = std::min(N, ((N + panels - 1) / panels + 15) & ~15);
   t.panels = (N + t.nb - 1) / t.nb;
   const int row_tiles = t.shared_b ? std::min(2 * threads, std::max(1, M / kMinTileRows)) : 1;
