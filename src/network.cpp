@@ -126,16 +126,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
     nBatch = std::max(1, cfg.findInt(ts, "batch", nBatch, true));
   }
 
-  InputParams params;
-  params.batch = _siamese * nBatch;
-  params.inputs = _inputs;
-  params.h = iH;
-  params.w = iW;
-  params.c = iC;
-  params.quant = quant;
-  params.fast = fast;
-  params.net = this;
-  ORVA_MSG(INFO, "LAYER      FILTER     SIZE          INPUT                 OUTPUT        FLOPS\n");
+  InputParams params = _firstInputParams(nBatch, iH, iW, iC, quant, fast);
   size_t workspace = 0, qinput = 0;
   Layer* prev = nullptr;
   for (int s = 0; s < cfg.getSectionSize(); ++s) {
@@ -239,6 +230,21 @@ void Network::_forward(int batch) {
     params.input = l->_output;
     params.batch = _siamese * batch;
   }
+}
+
+// Shape handed to the first layer, and the summary table's header, for both ways of building.
+InputParams Network::_firstInputParams(int nBatch, int iH, int iW, int iC, bool quant, bool fast) {
+  InputParams params;
+  params.batch = _siamese * nBatch;
+  params.inputs = _inputs;
+  params.h = iH;
+  params.w = iW;
+  params.c = iC;
+  params.quant = quant;
+  params.fast = fast;
+  params.net = this;
+  ORVA_MSG(INFO, "LAYER      FILTER     SIZE          INPUT                 OUTPUT        FLOPS\n");
+  return params;
 }
 
 template <typename FillInput>
@@ -427,16 +433,7 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
     throw std::runtime_error(why);
   }
   _inputs = iH * iW * iC;
-  InputParams params;
-  params.batch = nBatch * _siamese;
-  params.inputs = _inputs;
-  params.h = iH;
-  params.w = iW;
-  params.c = iC;
-  params.quant = quant;
-  params.fast = fast;
-  params.net = this;
-  ORVA_MSG(INFO, "LAYER      FILTER     SIZE            INPUT                 OUTPUT      FLOPS\n");
+  InputParams params = _firstInputParams(nBatch, iH, iW, iC, quant, fast);
   if (count < 1) {
     _makeNetwork(0, 0);
     return;

@@ -93,6 +93,7 @@ class Network {
   // brings the output to the host.
   template <typename FillInput>
   float* _predict(int batch, FillInput fill_input);
+  InputParams _firstInputParams(int nBatch, int iH, int iW, int iC, bool quant, bool fast);
 
   std::vector<Layer*> _layers;
   Layer* _loutput = nullptr;
