@@ -37,6 +37,12 @@ inline bool status_ok(curandStatus_t s) { return s == CURAND_STATUS_SUCCESS; }
 #define CHECK_LAUNCH() ((void)0)
 #endif
 
+// Every kernel launch in the project: ORVA_LAUNCH(kernel, grid, block, shmem, stream)(args...).
+// Under nvcc it is the triple-chevron launch; the emulated build routes it to its emulator.
+#ifndef ORVA_LAUNCH
+#define ORVA_LAUNCH(kernel, grid, block, shmem, stream) kernel<<<(grid), (block), (shmem), (stream)>>>
+#endif
+
 // Element-wise launch shape and flat index over the two-dimensional grid.
 #define ORVA_BLOCK 512
 #define ORVA_GRID(n) gridsize3(n)

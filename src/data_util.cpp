@@ -78,8 +78,7 @@ void cvt_cv2image(cv::Mat& m, ORVA::Image& img) {
 
 void cvt_image2cv(ORVA::Image& img, cv::Mat& m) {
   if (img.c != 1 && img.c != 3) {
-    ORVA_ERROR("channel of image must be 1 or 3");
-    exit(-1);
+    ORVA_FATAL("channel of image must be 1 or 3");
   }
   const int w = img.w, h = img.h, c = img.c;
   if (w < 0 || h < 0) {

@@ -99,8 +99,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
   iC = cfg.findInt(ns, "channels", 0, true);
   _inputs = cfg.findInt(ns, "inputs", iW * iH * iC, true);
   if (_inputs == 0 && (!iW || !iH || !iC)) {
-    ORVA_ERROR("No input parameters supplied");
-    exit(-1);
+    ORVA_FATAL("No input parameters supplied");
   }
   const char* precision = cfg.findStr(ns, "precision", "fp32", true);
   if (strcmp(precision, "fp32") == 0) {
@@ -115,8 +114,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
   }
   _siamese = cfg.findInt(ns, "siamese", 1, true);
   if (_siamese < 1 || _siamese > kMaxSiamese) {
-    ORVA_ERROR("network: siamese %d out of range 1..%d", _siamese, kMaxSiamese);
-    exit(-1);
+    ORVA_FATAL("network: siamese %d out of range 1..%d", _siamese, kMaxSiamese);
   }
   const int ts = cfg.findSection("train", 0);
   if (ts >= 0) {

@@ -19,16 +19,39 @@ const char* _source_path(const char* file) {
   return file;
 }
 
-void _print_error(const char* file, const char* func, int line, const char* fmt, ...) {
+static void print_error_v(const char* file, const char* func, int line, const char* text) {
   // One fprintf for the whole line keeps lines from two threads apart.
+  size_t len = strlen(text);
+  fprintf(stderr, "[%s %s:%d] ERROR: %s%s", _source_path(file), func, line, text,
+          (len && text[len - 1] == '\n') ? "" : "\n");
+}
+
+void _print_error(const char* file, const char* func, int line, const char* fmt, ...) {
   char text[1024];
   va_list ap;
   va_start(ap, fmt);
   vsnprintf(text, sizeof(text), fmt, ap);
   va_end(ap);
-  size_t len = strlen(text);
-  fprintf(stderr, "[%s %s:%d] ERROR: %s%s", _source_path(file), func, line, text,
-          (len && text[len - 1] == '\n') ? "" : "\n");
+  print_error_v(file, func, line, text);
+}
+
+static std::atomic<bool> fatal_throws{false};
+void setFatalThrows(bool on) { fatal_throws.store(on); }
+bool fatalThrows() { return fatal_throws.load(); }
+
+void _fatal(const char* file, const char* func, int line, const char* fmt, ...) {
+  char text[1024];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(text, sizeof(text), fmt, ap);
+  va_end(ap);
+  print_error_v(file, func, line, text);
+  if (fatal_throws.load()) {
+    size_t len = strlen(text);
+    if (len && text[len - 1] == '\n') text[len - 1] = 0;
+    throw FatalError(text);
+  }
+  exit(-1);
 }
 }  // namespace ORVA
 

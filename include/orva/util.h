@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <stdexcept>
 
 enum MsgLevel { DEBUG = 0, INFO = 1, WARNING = 2, ALERT = 3 };
 
@@ -15,9 +16,23 @@ void _print_error(const char* file, const char* func, int line, const char* fmt,
     __attribute__((format(printf, 4, 5)));
 // Source path relative to the source root.
 const char* _source_path(const char* file);
+
+// What a fatal fault throws when setFatalThrows(true) is in force.
+struct FatalError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// A fatal fault in a description or a layer's configuration: prints the error line, then
+// ends the process with status -1 (the default), or throws ORVA::FatalError carrying the
+// same text when the application chose that with setFatalThrows(true). Library-wide.
+[[noreturn]] void _fatal(const char* file, const char* func, int line, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+void setFatalThrows(bool on);
+bool fatalThrows();
 }  // namespace ORVA
 
 #define ORVA_ERROR(...) ORVA::_print_error(__FILE__, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__)
+#define ORVA_FATAL(...) ORVA::_fatal(__FILE__, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__)
 // A line of severity `level`, printed when the process-wide level allows it.
 #define ORVA_MSG(level, ...)                                  \
   do {                                                        \

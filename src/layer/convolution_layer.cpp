@@ -70,8 +70,7 @@ void ConvolutionLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
   _in_c = params.c;
   _batch = params.batch;
   if (!_in_h || !_in_w || !_in_c) {
-    ORVA_ERROR("Layer before convolutional layer must output image.");
-    exit(-1);
+    ORVA_FATAL("Layer before convolutional layer must output image.");
   }
   const int ns = params.nsect;
   _kn = cfg.findInt(ns, "filters", 1);
@@ -85,8 +84,7 @@ void ConvolutionLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
   Layer::parseConfig(cfg, params);
   const std::string fault = _checkConfig();
   if (!fault.empty()) {
-    ORVA_ERROR("%s", fault.c_str());
-    exit(-1);
+    ORVA_FATAL("%s", fault.c_str());
   }
   _makeLayer(params.quant, params.fast);
 }
@@ -164,8 +162,7 @@ void ConvolutionLayer::resize(InputParams& params) {
   _in_w = params.w;
   const std::string fault = _checkConfig();
   if (!fault.empty()) {
-    ORVA_ERROR("%s", fault.c_str());
-    exit(-1);
+    ORVA_FATAL("%s", fault.c_str());
   }
   _makeLayer(params.quant, params.fast);
 }
