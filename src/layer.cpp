@@ -4,6 +4,10 @@
 
 #include "conv_kernel.h"
 #include "layer/convolution_layer.h"
+#include "layer/detobj_layer.h"
+#include "layer/heatmap_layer.h"
+#include "layer/qregion_layer.h"
+#include "layer/region_layer.h"
 #include "orva/cuda.h"
 #include "orva/orva.h"
 #include "orva/util.h"
@@ -68,7 +72,7 @@ const RegistryEntry kRegistry[] = {
     {"shortcut", LAYER_SHORTCUT, nullptr},
     {"activation", LAYER_ACTIVATION, nullptr},
     {"batchnorm", LAYER_BATCHNORM, nullptr},
-    {"region", LAYER_REGION, nullptr},
+    {"region", LAYER_REGION, make_layer<RegionLayer>},
     {"reorg", LAYER_REORG, nullptr},
     {"upsample", LAYER_UPSAMPLE, nullptr},
     {"spresize", LAYER_SPRESIZE, nullptr},
@@ -76,9 +80,9 @@ const RegistryEntry kRegistry[] = {
     {"attention", LAYER_ATTENTION, nullptr},
     {"dynact", LAYER_DYNACT, nullptr},
     {"smerge", LAYER_SMERGE, nullptr},
-    {"qregion", LAYER_QREGION, nullptr},
-    {"heatmap", LAYER_HEATMAP, nullptr},
-    {"detobj", LAYER_DETOBJ, nullptr},
+    {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
+    {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
+    {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},
 };
 }  // namespace
 
