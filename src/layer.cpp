@@ -5,7 +5,11 @@
 #include "conv_kernel.h"
 #include "layer/avgpool_layer.h"
 #include "layer/convolution_layer.h"
+#include "layer/detobj_layer.h"
+#include "layer/heatmap_layer.h"
 #include "layer/maxpool_layer.h"
+#include "layer/qregion_layer.h"
+#include "layer/region_layer.h"
 #include "layer/reorg_layer.h"
 #include "layer/route_layer.h"
 #include "layer/shortcut_layer.h"
@@ -76,7 +80,7 @@ const RegistryEntry kRegistry[] = {
     {"shortcut", LAYER_SHORTCUT, make_layer<ShortcutLayer>},
     {"activation", LAYER_ACTIVATION, nullptr},
     {"batchnorm", LAYER_BATCHNORM, nullptr},
-    {"region", LAYER_REGION, nullptr},
+    {"region", LAYER_REGION, make_layer<RegionLayer>},
     {"reorg", LAYER_REORG, make_layer<ReorgLayer>},
     {"upsample", LAYER_UPSAMPLE, make_layer<UpsizennLayer>},
     {"spresize", LAYER_SPRESIZE, make_layer<UpsizespLayer>},
@@ -84,9 +88,9 @@ const RegistryEntry kRegistry[] = {
     {"attention", LAYER_ATTENTION, nullptr},
     {"dynact", LAYER_DYNACT, nullptr},
     {"smerge", LAYER_SMERGE, nullptr},
-    {"qregion", LAYER_QREGION, nullptr},
-    {"heatmap", LAYER_HEATMAP, nullptr},
-    {"detobj", LAYER_DETOBJ, nullptr},
+    {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
+    {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
+    {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},
 };
 }  // namespace
 
