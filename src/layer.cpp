@@ -4,6 +4,7 @@
 
 #include "conv_kernel.h"
 #include "layer/convolution_layer.h"
+#include "layer/cost_layer.h"
 #include "orva/cuda.h"
 #include "orva/orva.h"
 #include "orva/util.h"
@@ -63,7 +64,7 @@ const RegistryEntry kRegistry[] = {
     {"softmax", LAYER_SOFTMAX, nullptr},
     {"dropout", LAYER_DROPOUT, nullptr},
     {"route", LAYER_ROUTE, nullptr},
-    {"cost", LAYER_COST, nullptr},
+    {"cost", LAYER_COST, make_layer<CostLayer>},
     {"avgpool", LAYER_AVGPOOL, nullptr},
     {"shortcut", LAYER_SHORTCUT, nullptr},
     {"activation", LAYER_ACTIVATION, nullptr},
