@@ -38,6 +38,10 @@ float Network::train(TData& d) {
 }
 
 void Network::_tforward() {
+  // The loss layers write their gradient during the forward pass, so the gradients are
+  // cleared before it rather than at the start of the backward pass.
+  for (Layer* l : _layers)
+    if (l->_delta) blas_fill(_gpu_handle, nBatch * _siamese * l->_outputs, 0.f, l->_delta);
   _forward(nBatch);
   float sum = 0.f;
   int count = 0;
@@ -51,8 +55,6 @@ void Network::_tforward() {
 
 void Network::_tbackward() {
   const int batch = nBatch * _siamese;
-  for (Layer* l : _layers)
-    if (l->_delta) blas_fill(_gpu_handle, batch * l->_outputs, 0.f, l->_delta);
   NetworkParams params;
   params.workspace = static_cast<Ftype*>(_workspace);
   params.qinput = static_cast<char*>(_qinput);
