@@ -5,6 +5,7 @@
 #include "conv_kernel.h"
 #include "layer/avgpool_layer.h"
 #include "layer/convolution_layer.h"
+#include "layer/cost_layer.h"
 #include "layer/detobj_layer.h"
 #include "layer/heatmap_layer.h"
 #include "layer/maxpool_layer.h"
@@ -75,7 +76,7 @@ const RegistryEntry kRegistry[] = {
     {"softmax", LAYER_SOFTMAX, make_layer<SoftmaxLayer>},
     {"dropout", LAYER_DROPOUT, nullptr},
     {"route", LAYER_ROUTE, make_layer<RouteLayer>},
-    {"cost", LAYER_COST, nullptr},
+    {"cost", LAYER_COST, make_layer<CostLayer>},
     {"avgpool", LAYER_AVGPOOL, make_layer<AvgpoolLayer>},
     {"shortcut", LAYER_SHORTCUT, make_layer<ShortcutLayer>},
     {"activation", LAYER_ACTIVATION, nullptr},

@@ -8,6 +8,7 @@
 #include "orva/data.h"
 #include "orva/float16.h"
 #include "orva/layer.h"
+#include "orva/train.h"
 #include "orva/util.h"
 
 #define ORVA_MAJOR_VERSION 4
@@ -53,6 +54,9 @@ class Network {
   virtual float* predict(cv::Mat* img, int batch);
   // batch x siamese lists; the matrices of a list are stacked along the channel axis.
   virtual float* predict(std::vector<cv::Mat>* img_vec, int batch);
+  // One pass of stochastic gradient descent over every row of d (a multiple of the batch);
+  // returns the mean cost per sample.
+  virtual float train(TData& d);
 
   virtual void resize(int w, int h);
   // i < 0: the output layer; null outside the layer list.
@@ -74,6 +78,10 @@ class Network {
   Ftype* getInput() { return static_cast<Ftype*>(_input); }
   void* getHandle() { return _gpu_handle; }
   BackendKind getBackend() const { return handle_kind(_gpu_handle); }
+  typedef ::TrainParams TrainParams;
+  TrainParams& getTrainParams() { return _tparams; }
+  int getTruths() const { return _truths; }
+  float getCost() const { return _cost; }
 
   int version = 0;
   int mode;
@@ -118,8 +126,14 @@ class Network {
   float* _input_f32 = nullptr;
   float _cost = 0;
   size_t _seen = 0;
+  TrainParams _tparams;
 
  private:
+  void _tforward();
+  void _tbackward();
+  void _tupdate();
+  float _getCurrentRate();
+
   CudaHandle _handle;
 };
 
