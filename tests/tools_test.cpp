@@ -226,6 +226,9 @@ activation=leaky
 size=2
 stride=2
 
+[dropout]
+probability=0.3
+
 [convolutional]
 filters=2
 size=1
@@ -258,7 +261,7 @@ TEST(DarknetImport, SectionsKeysDefaultsAndWeightOrder) {
   EXPECT_STREQ(r.findStr(c2, "activation", "", true), "logistic");  // the dialect's default
   EXPECT_EQ(r.findInt(c2, "pad", -1, true), 0);
   EXPECT_EQ(r.findInt(r.findSection("maxpool", 0), "pad", -1, true), 0);
-  EXPECT_STREQ(r.findStr(r.findSection("route", 0), "layers", "", true), "2,1");  // made absolute
+  EXPECT_STREQ(r.findStr(r.findSection("route", 0), "layers", "", true), "2,1");  // absolute, past the dropped dropout
   EXPECT_EQ(r.findInt(r.findSection("fconn", 0), "output", 0, true), 3);
   EXPECT_EQ(r.findSection("train", 0), -1);
   ASSERT_EQ(m.shapes.size(), 6u);

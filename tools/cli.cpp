@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
 #include "model_build.h"
@@ -36,22 +37,32 @@ void addModelOptions(CLI::App& app, ModelOptions& o) {
       ->capture_default_str();
   app.add_option("-b,--batch", o.batch, "frames per pass")->capture_default_str()->check(CLI::Range(1, 64));
   app.add_flag("--int8", o.quant, "use the layers' 8-bit paths");
+  app.add_flag_callback("-v,--verbose", [] { ORVA::setMsgLevel(INFO); }, "the engine's messages and layer lines");
 }
 
 namespace {
 
-// Sends what the engine writes to stdout to stderr for as long as it lives.
-struct StdoutToStderr {
-  int saved;
-  StdoutToStderr() {
+// Holds back what the engine writes to stdout while it lives, then passes it to stderr,
+// less the checksum line a model file's load always prints.
+struct EngineStdout {
+  FILE* held = tmpfile();
+  int saved = -1;
+  EngineStdout() {
+    if (!held) return;
     fflush(stdout);
     saved = dup(1);
-    dup2(2, 1);
+    dup2(fileno(held), 1);
   }
-  ~StdoutToStderr() {
+  ~EngineStdout() {
+    if (!held) return;
     fflush(stdout);
     dup2(saved, 1);
     close(saved);
+    rewind(held);
+    char line[1024];
+    while (fgets(line, sizeof line, held))
+      if (strncmp(line, "CHECKSUM: ", 10) != 0 || ORVA::_msg_level <= INFO) fputs(line, stderr);
+    fclose(held);
   }
 };
 
@@ -61,7 +72,7 @@ void loadNetwork(ORVA::Network& net, const ModelOptions& o) {
   namespace fs = std::filesystem;
   if (!fs::is_regular_file(o.model)) throw std::runtime_error(o.model + ": no such file");
   const bool description = !o.weights.empty() || fs::path(o.model).extension() == ".cfg";
-  StdoutToStderr redirect;
+  EngineStdout held;
   try {
     if (description) {
       if (!o.weights.empty() && !fs::is_regular_file(o.weights))
@@ -75,7 +86,8 @@ void loadNetwork(ORVA::Network& net, const ModelOptions& o) {
     throw std::runtime_error(o.model + ": " + e.what());
   } catch (const std::runtime_error& e) {
     const std::string what = e.what();
-    if (what.compare(0, o.model.size(), o.model) == 0 || what.compare(0, o.weights.size(), o.weights) == 0) throw;
+    const auto starts = [&](const std::string& p) { return !p.empty() && what.compare(0, p.size(), p) == 0; };
+    if (starts(o.model) || starts(o.weights)) throw;
     throw std::runtime_error(o.model + ": " + what);
   }
   if (net.getLayerCount() == 0) throw std::runtime_error(o.model + ": the network has no layers");

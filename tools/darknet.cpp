@@ -188,7 +188,11 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
     cfg << "\n\n";
   }
 
-  std::vector<LayerShape> shapes;  // per layer, for route and shortcut
+  std::vector<LayerShape> shapes;  // per layer of the dialect, for route and shortcut
+  // Per layer of the dialect, the engine layer holding its output: a dropout section adds
+  // no engine layer (it is the identity when running), so later indexes shift.
+  std::vector<int> engine_index;
+  int engine_layers = 0;
   for (size_t si = 1; si < sections.size(); ++si) {
     const DarknetSection& s = sections[si];
     Keys k(s, cfg_path);
@@ -286,7 +290,7 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
           if (src.w != out.w || src.h != out.h) k.fail("layers", "the layers differ in width or height");
           out.c += src.c;
         }
-        abs += (first ? "" : ",") + std::to_string(v);
+        abs += (first ? "" : ",") + std::to_string(engine_index[v]);
         first = false;
       }
       o << "[route]\nlayers=" << abs << "\n";
@@ -299,7 +303,7 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
       const float alpha = k.f("alpha", 1), beta = k.f("beta", 1);
       for (const char* key : {"weights_type", "weights_normalization"})
         if (k.str(key, "none") != "none") k.fail(key, "only none can be expressed");
-      o << "[shortcut]\nfrom=" << from << "\nactivation=" << act << "\nalpha=" << alpha << "\nbeta=" << beta << "\n";
+      o << "[shortcut]\nfrom=" << engine_index[from] << "\nactivation=" << act << "\nalpha=" << alpha << "\nbeta=" << beta << "\n";
     } else if (n == "upsample") {
       need_image();
       const int stride = k.i("stride", 2);
@@ -356,7 +360,11 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
       const float p = k.f("probability", 0.5f);
       if (p < 0 || p >= 1) k.fail("probability", "must lie in [0, 1)");
       k.neutral("dropblock", 0);
-      o << "[dropout]\nprobability=" << p << "\n";
+      if (engine_layers == 0) throw ConvertError(k.header() + "a dropout section cannot come first");
+      k.finish();
+      shapes.push_back(cur);
+      engine_index.push_back(engine_layers - 1);
+      continue;
     } else if (n == "cost") {
       const std::string type = k.str("type", "sse");
       const char* engine = type == "sse" ? "L2" : type == "L1" ? "L1" : type == "smooth" ? "L1s" : nullptr;
@@ -375,6 +383,7 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
     m.origin.push_back(where);
     m.shapes.push_back(out);
     shapes.push_back(out);
+    engine_index.push_back(engine_layers++);
     if (out.w >= 0) {
       cur = out;
       inputs = cur.w * cur.h * cur.c;

@@ -7,6 +7,7 @@
 namespace {
 
 const orvacli::Command kCommands[] = {
+    {"detect", "find objects in images, folders, video files or cameras", cmd_detect},
     {"info", "layers, parameters, operations, input size and classes of a model", cmd_info},
     {"bench", "per-layer times and frames per second", cmd_bench},
     {"convert", "description + weights, darknet or face-api models to one model file", cmd_convert},
@@ -33,8 +34,10 @@ int main(int argc, char** argv) {
     std::cout << "orva " << ORVA_MAJOR_VERSION << "." << ORVA_MINOR_VERSION << "\n";
     return orvacli::kOk;
   }
-  // Faults in descriptions and model files end up as messages naming the file.
+  // Faults in descriptions and model files end up as messages naming the file; the
+  // engine's own lines only with --verbose.
   ORVA::setFatalThrows(true);
+  ORVA::setMsgLevel(ALERT + 1);
   for (const auto& c : kCommands)
     if (name == c.name) {
       try {
