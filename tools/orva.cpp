@@ -8,6 +8,7 @@ namespace {
 
 const orvacli::Command kCommands[] = {
     {"detect", "find objects in images, folders, video files or cameras", cmd_detect},
+    {"classify", "name the best classes of pictures", cmd_classify},
     {"info", "layers, parameters, operations, input size and classes of a model", cmd_info},
     {"bench", "per-layer times and frames per second", cmd_bench},
     {"convert", "description + weights, darknet or face-api models to one model file", cmd_convert},
