@@ -113,12 +113,12 @@ __global__ void add_bias_activate_kernel(int type, __half* output, const __half*
 namespace gpu {
 
 void activate(void* handle, int type, Ftype* x, int n) {
-  activate_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>(type, (__half*)x, n);
+  ORVA_LAUNCH(activate_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(type, (__half*)x, n);
   CHECK_LAUNCH();
 }
 
 void gradient(void* handle, int type, Ftype* x, int n, Ftype* delta) {
-  gradient_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>(type, (const __half*)x, n, (__half*)delta);
+  ORVA_LAUNCH(gradient_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(type, (const __half*)x, n, (__half*)delta);
   CHECK_LAUNCH();
 }
 
@@ -129,7 +129,7 @@ void add_bias_activate(void* handle, int type, Ftype* output, Ftype* bias, int b
     return;
   }
   const dim3 grid((size - 1) / ORVA_BLOCK + 1, n, batch);
-  add_bias_activate_kernel<<<grid, ORVA_BLOCK, 0, stream_of(handle)>>>(type, (__half*)output,
+  ORVA_LAUNCH(add_bias_activate_kernel, grid, ORVA_BLOCK, 0, stream_of(handle))(type, (__half*)output,
                                                                         (const __half*)bias, n, size);
   CHECK_LAUNCH();
 }
