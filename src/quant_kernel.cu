@@ -58,7 +58,7 @@ __global__ void get_qerror_kernel(const __half* src, int n, float scale, float s
   float sum = 0.f;
   for (int i = threadIdx.x; i < n; i += blockDim.x) {
     const float x = __half2float(src[i]);
-    sum += fabsf(x - to_steps(x * scale, -127.f, 127.f) * step);
+    sum += fabsf(__fsub_rn(x, __fmul_rn(to_steps(x * scale, -127.f, 127.f), step)));
   }
   partial[threadIdx.x] = sum;
   __syncthreads();
