@@ -6,7 +6,6 @@
 
 #include "activation_kernel.h"
 #include "cuda_check.h"
-#include "orva/util.h"
 
 namespace {
 
@@ -112,14 +111,11 @@ __global__ void gradient_kernel(int type, const __half* x, int n, __half* delta)
   if (i < (size_t)n) delta[i] = hmul(delta[i], gradient_func[type](x[i]));
 }
 
-__global__ void add_bias_activate_kernel(int type, __half* output, const __half* bias, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x;
-  const int f = blockIdx.y;
-  const int b = blockIdx.z;
-  if (i < size) {
-    const size_t k = ((size_t)b * n + f) * size + i;
-    output[k] = activate_func[type](hadd(output[k], bias[f]));
-  }
+// Flat over the elements: filters and batch items are not grid dimensions (y and z stop at
+// 65535, and a connected layer has one element per filter).
+__global__ void add_bias_activate_kernel(int type, size_t N, __half* output, const __half* bias, int n, int size) {
+  const size_t i = ORVA_INDEX();
+  if (i < N) output[i] = activate_func[type](hadd(output[i], bias[i / size % n]));
 }
 
 }  // namespace
@@ -137,14 +133,9 @@ void gradient(void* handle, int type, Ftype* x, int n, Ftype* delta) {
 }
 
 void add_bias_activate(void* handle, int type, Ftype* output, Ftype* bias, int batch, int n, int size) {
-  // Filters and batch ride on the grid's y and z, which stop at 65535.
-  if (n > 65535 || batch > 65535) {
-    ORVA_ERROR("add_bias_activate: filters %d or batch %d exceeds the grid limit 65535", n, batch);
-    return;
-  }
-  const dim3 grid((size - 1) / ORVA_BLOCK + 1, n, batch);
-  ORVA_LAUNCH(add_bias_activate_kernel, grid, ORVA_BLOCK, 0, stream_of(handle))(type, (__half*)output,
-                                                                        (const __half*)bias, n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(add_bias_activate_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(
+      type, N, (__half*)output, (const __half*)bias, n, size);
   CHECK_LAUNCH();
 }
 

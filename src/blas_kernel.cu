@@ -41,9 +41,6 @@ inline __half as_device(Ftype h) { return __ushort_as_half(h.__x); }
 inline const __half* as_device(const Ftype* p) { return reinterpret_cast<const __half*>(p); }
 inline __half* as_device(Ftype* p) { return reinterpret_cast<__half*>(p); }
 
-// Launch shape of the per-channel element kernels: x over the plane, y the filter, z the item.
-inline dim3 bias_grid(int batch, int n, int size) { return dim3((size - 1) / ORVA_BLOCK + 1, n, batch); }
-
 }  // namespace
 
 // --- im2col / col2im ---------------------------------------------------------------------
@@ -133,25 +130,24 @@ __global__ void sum_kernel(int N, const __half* X, float* result) {
 
 // --- per channel -------------------------------------------------------------------------
 
-__global__ void add_bias_kernel(__half* output, const __half* bias, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x, f = blockIdx.y, b = blockIdx.z;
-  if (i >= size) return;
-  __half& o = output[((size_t)b * n + f) * size + i];
-  o = hadd(o, bias[f]);
+// One thread per element over the flat grid: filters and batch items are not grid
+// dimensions, whose y and z stop at 65535 (a connected layer has one element per filter).
+__global__ void add_bias_kernel(size_t N, __half* output, const __half* bias, int n, int size) {
+  const size_t i = ORVA_INDEX();
+  if (i < N) output[i] = hadd(output[i], bias[i / size % n]);
 }
 
-__global__ void scale_bias_kernel(__half* output, const __half* scale, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x, f = blockIdx.y, b = blockIdx.z;
-  if (i >= size) return;
-  __half& o = output[((size_t)b * n + f) * size + i];
-  o = hmul(o, scale[f]);
+__global__ void scale_bias_kernel(size_t N, __half* output, const __half* scale, int n, int size) {
+  const size_t i = ORVA_INDEX();
+  if (i < N) output[i] = hmul(output[i], scale[i / size % n]);
 }
 
-__global__ void scale_add_bias_kernel(__half* output, const __half* scales, const __half* bias, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x, f = blockIdx.y, b = blockIdx.z;
-  if (i >= size) return;
-  __half& o = output[((size_t)b * n + f) * size + i];
-  o = hadd(hmul(o, scales[f]), bias[f]);
+__global__ void scale_add_bias_kernel(size_t N, __half* output, const __half* scales, const __half* bias, int n,
+                                      int size) {
+  const size_t i = ORVA_INDEX();
+  if (i >= N) return;
+  const size_t f = i / size % n;
+  output[i] = hadd(hmul(output[i], scales[f]), bias[f]);
 }
 
 namespace {
@@ -420,20 +416,23 @@ float sum(void* handle, int N, const Ftype* X) {
 }
 
 void add_bias(void* handle, Ftype* output, const Ftype* bias, int batch, int n, int size) {
-  ORVA_LAUNCH(add_bias_kernel, bias_grid(batch, n, size), ORVA_BLOCK, 0, stream_of(handle))(as_device(output),
-                                                                                   as_device(bias), n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(add_bias_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(output), as_device(bias),
+                                                                             n, size);
   CHECK_LAUNCH();
 }
 
 void scale_bias(void* handle, Ftype* output, const Ftype* scale, int batch, int n, int size) {
-  ORVA_LAUNCH(scale_bias_kernel, bias_grid(batch, n, size), ORVA_BLOCK, 0, stream_of(handle))(as_device(output),
-                                                                                     as_device(scale), n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(scale_bias_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(output),
+                                                                               as_device(scale), n, size);
   CHECK_LAUNCH();
 }
 
 void scale_add_bias(void* handle, Ftype* output, const Ftype* scales, const Ftype* bias, int batch, int n, int size) {
-  ORVA_LAUNCH(scale_add_bias_kernel, bias_grid(batch, n, size), ORVA_BLOCK, 0, stream_of(handle))(
-      as_device(output), as_device(scales), as_device(bias), n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(scale_add_bias_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(
+      N, as_device(output), as_device(scales), as_device(bias), n, size);
   CHECK_LAUNCH();
 }
 
