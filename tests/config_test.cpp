@@ -6,6 +6,7 @@
 #include <string>
 
 #include "orva/config.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -13,9 +14,8 @@ class ConfigFile : public ::testing::Test {
  protected:
   std::string path;
   void SetUp() override {
-    path = ::testing::TempDir() + "orva_cfg_" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".cfg";
+    path = orva_test::temp_path("description.cfg");
   }
-  void TearDown() override { std::remove(path.c_str()); }
   int load(const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
     return cfg.load(path.c_str());

@@ -11,6 +11,7 @@
 #include "harness.h"
 #include "orva/cuda.h"
 #include "orva/util.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ class TensorFile : public orva_test::OnEachBackend {
   std::string path;
   void SetUp() override {
     OnEachBackend::SetUp();
-    path = ::testing::TempDir() + "orva_tensor_" + std::to_string(GetParam()) + ".bin";
+    path = orva_test::temp_path("tensor.bin");
   }
   void TearDown() override {
     std::remove(path.c_str());
@@ -70,8 +71,9 @@ class TensorFile : public orva_test::OnEachBackend {
   }
 };
 
+// Sizes above 65536 elements cross the pieces the transfers are staged in.
 TEST_P(TensorFile, HalfTensorsTravelAsFloatsAndComeBackExact) {
-  const size_t n = 3001;
+  const size_t n = 70001;
   std::vector<Ftype> values = orva_test::random_halves(n, -100.f, 100.f);
   orva_test::Tensor src(handle(), values), dst(handle(), n);
   FILE* f = fopen(path.c_str(), "wb");
@@ -95,7 +97,7 @@ TEST_P(TensorFile, HalfTensorsTravelAsFloatsAndComeBackExact) {
 }
 
 TEST_P(TensorFile, RawTensorsKeepTheirBytes) {
-  std::vector<int> values(777);
+  std::vector<int> values(70001);
   for (size_t i = 0; i < values.size(); ++i) values[i] = (int)(i * 2654435761u);
   orva_test::Buffer<int> src(handle(), values), dst(handle(), values.size());
   FILE* f = fopen(path.c_str(), "wb");
@@ -109,11 +111,11 @@ TEST_P(TensorFile, RawTensorsKeepTheirBytes) {
 }
 
 TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
-  const size_t n = 100;
+  const size_t n = 70000, whole = 66000;
   std::vector<float> floats(n);
-  for (size_t i = 0; i < n; ++i) floats[i] = (float)i - 50.5f;
+  for (size_t i = 0; i < n; ++i) floats[i] = (float)(i % 100) - 50.5f;
   FILE* f = fopen(path.c_str(), "wb");
-  fwrite(floats.data(), 1, 4 * 40 + 2, f);  // 40 whole floats and half of one more
+  fwrite(floats.data(), 1, 4 * whole + 2, f);  // whole floats and half of one more
   fclose(f);
   orva_test::Tensor dst(handle(), n);
   f = fopen(path.c_str(), "rb");
@@ -121,21 +123,29 @@ TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
     cuda_fread(handle(), dst.get(), n, f);
     ADD_FAILURE() << "no exception";
   } catch (size_t got) {
-    EXPECT_EQ(got, 40u);
+    EXPECT_EQ(got, whole);
   }
   fclose(f);
   // the prefix that was read arrived
   std::vector<Ftype> back = dst.download();
-  for (size_t i = 0; i < 40; ++i) ASSERT_EQ(half2float_cpu(back[i].__x), floats[i]) << i;
+  for (size_t i = 0; i < whole; ++i) ASSERT_EQ(half2float_cpu(back[i].__x), floats[i]) << i;
 
   // a raw read and the host reads report the same way
   f = fopen(path.c_str(), "rb");
-  std::vector<unsigned char> bytes(200);
+  std::vector<unsigned char> bytes(4 * n);
   try {
-    chk_fread(bytes.data(), 4, 50, f);
+    chk_fread(bytes.data(), 4, n, f);
     ADD_FAILURE() << "no exception";
   } catch (size_t got) {
-    EXPECT_EQ(got, 40u);
+    EXPECT_EQ(got, whole);
+  }
+  orva_test::Buffer<int> raw(handle(), n);
+  rewind(f);
+  try {
+    cuda_fread(handle(), raw.get(), 4, n, f);
+    ADD_FAILURE() << "no exception";
+  } catch (size_t got) {
+    EXPECT_EQ(got, whole);
   }
   fclose(f);
 }
@@ -179,7 +189,7 @@ TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
 ORVA_ON_EACH_BACKEND(TensorFile);
 
 TEST(HostFileIO, HalvesKeepTheirWidthAndWriteFailuresThrow) {
-  const std::string path = ::testing::TempDir() + "orva_chk.bin";
+  const std::string path = orva_test::temp_path("chk.bin");
   std::vector<_half> h = {fp_1, fp_2, fp_6};
   FILE* f = fopen(path.c_str(), "wb");
   chk_fwrite(h.data(), h.size(), f);
