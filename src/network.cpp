@@ -200,6 +200,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
     // The training parameters proper belong to the training loop; the batch is what
     // construction needs from them.
     mode = TRAIN;
+    parse_train_options(_tparams, cfg);
     nBatch = std::max(1, cfg.findInt(ts, "batch", nBatch, true));
   }
   const int64_t sample = std::max<int64_t>(_inputs, product);
