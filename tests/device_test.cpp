@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -94,20 +96,19 @@ TEST_P(TensorFile, HalfTensorsTravelAsFloatsAndComeBackExact) {
   std::vector<Ftype> back = dst.download();
   for (size_t i = 0; i < n; ++i) ASSERT_EQ(back[i].__x, values[i].__x) << i;
   EXPECT_TRUE(dst.guard_intact());
-}
 
-TEST_P(TensorFile, RawTensorsKeepTheirBytes) {
-  std::vector<int> values(70001);
-  for (size_t i = 0; i < values.size(); ++i) values[i] = (int)(i * 2654435761u);
-  orva_test::Buffer<int> src(handle(), values), dst(handle(), values.size());
-  FILE* f = fopen(path.c_str(), "wb");
-  cuda_fwrite(handle(), src.get(), sizeof(int), values.size(), f);
+  // raw tensors keep their bytes
+  std::vector<int> ints(n);
+  for (size_t i = 0; i < n; ++i) ints[i] = (int)(i * 2654435761u);
+  orva_test::Buffer<int> isrc(handle(), ints), idst(handle(), n);
+  f = fopen(path.c_str(), "wb");
+  cuda_fwrite(handle(), isrc.get(), sizeof(int), n, f);
   fclose(f);
-  EXPECT_EQ(file_size(), (long)(values.size() * sizeof(int)));
+  EXPECT_EQ(file_size(), (long)(n * sizeof(int)));
   f = fopen(path.c_str(), "rb");
-  cuda_fread(handle(), dst.get(), sizeof(int), values.size(), f);
+  cuda_fread(handle(), idst.get(), sizeof(int), n, f);
   fclose(f);
-  EXPECT_EQ(dst.download(), values);
+  EXPECT_EQ(idst.download(), ints);
 }
 
 TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
@@ -148,6 +149,23 @@ TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
     EXPECT_EQ(got, whole);
   }
   fclose(f);
+
+  // host halves keep their width; a write that fails throws its count
+  const std::vector<_half> h = {fp_1, fp_2, fp_6};
+  f = fopen(path.c_str(), "wb");
+  chk_fwrite(h.data(), h.size(), f);
+  fclose(f);
+  EXPECT_EQ(file_size(), 6);
+  std::vector<_half> hback(3);
+  f = fopen(path.c_str(), "rb");
+  chk_fread(hback.data(), hback.size(), f);
+  fclose(f);
+  for (size_t i = 0; i < h.size(); ++i) EXPECT_EQ(hback[i].__x, h[i].__x);
+  if (FILE* full = fopen("/dev/full", "wb")) {
+    setvbuf(full, nullptr, _IONBF, 0);
+    EXPECT_THROW(chk_fwrite(h.data(), 2, 3, full), size_t);
+    fclose(full);
+  }
 }
 
 TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
@@ -170,6 +188,11 @@ TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
   EXPECT_EQ(b[10], a[10]);
   cuda_free(handle(), d1);
   cuda_free(handle(), d2);
+  // an allocation that fails is reported and thrown, never handed out
+  ::testing::internal::CaptureStderr();
+  EXPECT_THROW(cuda_malloc(handle(), SIZE_MAX / 2), std::bad_alloc);
+  EXPECT_THROW(cuda_calloc(handle(), SIZE_MAX / 2, 4), std::bad_alloc);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("can't allocate"), std::string::npos);
 
   float* r = static_cast<float*>(cuda_malloc(handle(), 4096 * 4));
   cuda_random(handle(), r, 4096);
@@ -187,27 +210,5 @@ TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
 }
 
 ORVA_ON_EACH_BACKEND(TensorFile);
-
-TEST(HostFileIO, HalvesKeepTheirWidthAndWriteFailuresThrow) {
-  const std::string path = orva_test::temp_path("chk.bin");
-  std::vector<_half> h = {fp_1, fp_2, fp_6};
-  FILE* f = fopen(path.c_str(), "wb");
-  chk_fwrite(h.data(), h.size(), f);
-  fclose(f);
-  f = fopen(path.c_str(), "rb");
-  std::vector<_half> back(3);
-  chk_fread(back.data(), back.size(), f);
-  fclose(f);
-  for (size_t i = 0; i < h.size(); ++i) EXPECT_EQ(back[i].__x, h[i].__x);
-  std::remove(path.c_str());
-
-  f = fopen(path.c_str(), "rb");  // gone: open /dev/full instead to force a write failure
-  if (f) fclose(f);
-  FILE* full = fopen("/dev/full", "wb");
-  if (!full) GTEST_SKIP() << "/dev/full not available";
-  setvbuf(full, nullptr, _IONBF, 0);
-  EXPECT_THROW(chk_fwrite(h.data(), 2, 3, full), size_t);
-  fclose(full);
-}
 
 }  // namespace
