@@ -8,10 +8,15 @@
 #include "layer/avgpool_layer.h"
 #include "layer/batchnorm_layer.h"
 #include "layer/convolution_layer.h"
+#include "layer/cost_layer.h"
+#include "layer/detobj_layer.h"
 #include "layer/dropout_layer.h"
 #include "layer/dynactivation_layer.h"
 #include "layer/fullconnect_layer.h"
+#include "layer/heatmap_layer.h"
 #include "layer/maxpool_layer.h"
+#include "layer/qregion_layer.h"
+#include "layer/region_layer.h"
 #include "layer/reorg_layer.h"
 #include "layer/route_layer.h"
 #include "layer/scalemap_layer.h"
@@ -79,12 +84,12 @@ const RegistryEntry kRegistry[] = {
     {"softmax", LAYER_SOFTMAX, make_layer<SoftmaxLayer>},
     {"dropout", LAYER_DROPOUT, make_layer<DropoutLayer>},
     {"route", LAYER_ROUTE, make_layer<RouteLayer>},
-    {"cost", LAYER_COST, nullptr},
+    {"cost", LAYER_COST, make_layer<CostLayer>},
     {"avgpool", LAYER_AVGPOOL, make_layer<AvgpoolLayer>},
     {"shortcut", LAYER_SHORTCUT, make_layer<ShortcutLayer>},
     {"activation", LAYER_ACTIVATION, make_layer<ActivationLayer>},
     {"batchnorm", LAYER_BATCHNORM, make_layer<BatchnormLayer>},
-    {"region", LAYER_REGION, nullptr},
+    {"region", LAYER_REGION, make_layer<RegionLayer>},
     {"reorg", LAYER_REORG, make_layer<ReorgLayer>},
     {"upsample", LAYER_UPSAMPLE, make_layer<UpsizennLayer>},
     {"spresize", LAYER_SPRESIZE, make_layer<UpsizespLayer>},
@@ -92,9 +97,9 @@ const RegistryEntry kRegistry[] = {
     {"attention", LAYER_ATTENTION, make_layer<AttentionLayer>},
     {"dynact", LAYER_DYNACT, make_layer<DynActivationLayer>},
     {"smerge", LAYER_SMERGE, make_layer<SiamMergeLayer>},
-    {"qregion", LAYER_QREGION, nullptr},
-    {"heatmap", LAYER_HEATMAP, nullptr},
-    {"detobj", LAYER_DETOBJ, nullptr},
+    {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
+    {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
+    {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},
 };
 }  // namespace
 
