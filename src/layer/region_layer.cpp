@@ -37,7 +37,9 @@ void RegionLayer::_freeLayer() {
   free(_anchor);
   free(_output_cpu);
   free(_delta_cpu);
+  free(_delta_stage);
   _anchor = _output_cpu = _delta_cpu = nullptr;
+  _delta_stage = nullptr;
 }
 
 void RegionLayer::parseConfig(ConfigReader& cfg, InputParams& params) { _parseRegion(cfg, params); }
@@ -168,6 +170,7 @@ void RegionLayer::_makeLayer(bool quant, bool fast) {
     _delta = alloc_tensor(_gpu_handle, total);
     _output_cpu = static_cast<float*>(calloc(total, sizeof(float)));
     _delta_cpu = static_cast<float*>(calloc(total, sizeof(float)));
+    _delta_stage = static_cast<Ftype*>(calloc(total, sizeof(Ftype)));
   }
   ORVA_MSG(INFO, "%s\n", _kind());
 }
@@ -336,6 +339,10 @@ void RegionLayer::_trainingPass(int batch, const float* truth) {
   }
   const float norm = mag_array(_delta_cpu, _batch * _outputs);
   cost = norm * norm;
+  // The gradient goes to the device tensor here, so that backward finds it whoever runs it.
+  float2half_cpu(_delta_cpu, _delta_stage, (size_t)_batch * _outputs);
+  cuda_push(_gpu_handle, _delta, _delta_stage, (size_t)_batch * _outputs * sizeof(Ftype));
+  cuda_sync(_gpu_handle);
   printf("%s IOU: %.2f, Class: %.2f, Obj: %.2f, No-Obj: %f, Recall: %.2f, count: %d\n", _statsName(),
          iou_sum / count, class_sum / count, obj_sum / count, bg_sum / ((double)wh * _anchors * _batch),
          (double)recalled / count, count);

@@ -54,6 +54,8 @@ class RegionLayer : public Layer {
   float* _anchor = nullptr;
   float* _output_cpu = nullptr;
   float* _delta_cpu = nullptr;
+  // Half copy of _delta_cpu on its way to the device (training only).
+  Ftype* _delta_stage = nullptr;
 
  protected:
   // What tells the family apart. Name in messages and the summary line.
