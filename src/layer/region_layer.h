@@ -81,8 +81,6 @@ class RegionLayer : public Layer {
   void _parseRegion(ConfigReader& cfg, InputParams& params);
   void _loadRegion(FILE* fp, InputParams& params);
   void _trainingPass(int batch, const float* truth);
-  // Score and best class of anchor n at cell loc; objectness at obj_entry.
-  void _bestClass(const float* out, int n, int loc, float* prob, int* cls) const;
 };
 
 }  // namespace ORVA
