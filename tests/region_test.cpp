@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <memory>
+#include <tuple>
 
 #include "layer/heatmap_layer.h"
 #include "layer/region_layer.h"
@@ -23,6 +24,7 @@ struct Head {
   float scale_xy;
   int softmax;
   int w, h;
+  bool without_anchors = false;
   bool heatmap() const { return std::string(section) == "heatmap"; }
   bool detobj() const { return std::string(section) == "detobj"; }
   bool squared() const { return std::string(section) == "region" && loc_type == 1; }
@@ -35,7 +37,7 @@ struct Head {
     std::string k = "classes=" + std::to_string(classes) + "\nnum=" + std::to_string(anchors) +
                     "\nsoftmax=" + std::to_string(softmax) + "\nloc_type=" + std::to_string(loc_type) +
                     "\nscale_xy=" + std::to_string(scale_xy) + "\n";
-    if (heatmap()) return k;
+    if (heatmap() || without_anchors) return k;
     k += "anchors=";
     for (int i = 0; i < 2 * anchors; ++i) k += (i ? "," : "") + std::to_string(anchor(i));
     return k + "\n";
@@ -57,8 +59,9 @@ std::string name_of(const Head& h) {
   return std::string(h.section) + " classes " + std::to_string(h.classes) + " loc_type " + std::to_string(h.loc_type);
 }
 
+// channels < 0: the count the head needs.
 std::unique_ptr<ORVA::Layer> make_head(void* handle, int mode, const Head& h, int batch,
-                                       const std::string& extra = "") {
+                                       const std::string& extra = "", int channels = -1) {
   const std::string path = temp_path("head.cfg");
   write_file(path, "[" + std::string(h.section) + "]\n" + h.keys() + extra);
   ConfigReader cfg;
@@ -67,12 +70,12 @@ std::unique_ptr<ORVA::Layer> make_head(void* handle, int mode, const Head& h, in
   params.batch = batch;
   params.h = h.h;
   params.w = h.w;
-  params.c = h.channels();
-  params.inputs = h.w * h.h * h.channels();
+  params.c = channels < 0 ? h.channels() : channels;
+  params.inputs = h.w * h.h * params.c;
   params.nsect = 0;
-  ORVA::Layer* l = ORVA::LayerType::create(h.section, mode, nullptr, handle);
+  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create(h.section, mode, nullptr, handle));
   l->parseConfig(cfg, params);
-  return std::unique_ptr<ORVA::Layer>(l);
+  return l;
 }
 
 double sigmoid(double v) { return 1 / (1 + std::exp(-v)); }
@@ -294,13 +297,6 @@ struct FrozenLoss {
   }
 };
 
-double ref_iou(const BBox& a, const BBox& b) {
-  const double ow = std::min(a.x + a.w / 2.0, b.x + b.w / 2.0) - std::max(a.x - a.w / 2.0, b.x - b.w / 2.0);
-  const double oh = std::min(a.y + a.h / 2.0, b.y + b.h / 2.0) - std::max(a.y - a.h / 2.0, b.y - b.h / 2.0);
-  const double inter = ow >= 0 && oh >= 0 ? ow * oh : 0;
-  return inter / ((double)a.w * a.h + (double)b.w * b.h - inter);
-}
-
 TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
   // Region with the exponential sizes, detobj, and a heat map; softmax classes throughout.
   const Head heads[] = {{"region", 3, 2, 0, 1.f, 1, 3, 2}, {"detobj", 3, 2, 0, 1.f, 1, 3, 2},
@@ -344,11 +340,11 @@ TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
         for (int a = 0; a < h.anchors; ++a) {
           BBox pred = ref_decode(h, img, a, i, j).box;
           pred.x = pred.y = 0;
-          const double iou = ref_iou(pred, BBox{0, 0, tr[2], tr[3]});
+          const double iou = ORVA::box_iou(pred, BBox{0, 0, tr[2], tr[3]});
           if (iou > best) best = iou, best_n = a;
         }
         loss.matched[b * 2 + t] = best_n;
-        loss.target[b * 2 + t] = ref_iou(ref_decode(h, img, best_n, i, j).box, BBox{tr[0], tr[1], tr[2], tr[3]});
+        loss.target[b * 2 + t] = ORVA::box_iou(ref_decode(h, img, best_n, i, j).box, BBox{tr[0], tr[1], tr[2], tr[3]});
       }
     std::vector<double> want(n);
     std::vector<double> xp = x;
@@ -403,53 +399,26 @@ TEST(RegionHeads, DescriptionFaultsAreFatal) {
   CudaHandle ctx{};
   create_handle(&ctx, -1);
   ORVA::setFatalThrows(true);
-  const Head region = kHeads[0];
-  const struct {
-    Head head;
-    int channels;
-    const char* extra;
-    const char* message;
-  } faults[] = {
-      {region, 0, "", "Layer before region layer must output image."},
-      {{"qregion", 3, 2, 0, 1.f, 1, 4, 3}, 0, "", "Layer before qregion layer must output image."},
-      {{"detobj", 3, 2, 0, 1.f, 1, 4, 3}, 0, "", "Layer before region layer must output image."},
-      {{"heatmap", 3, 4, 0, 1.f, 1, 4, 3}, 0, "", "Layer before heatmap layer must output image."},
-      {region, 17, "", "Layer input & output are mismatched."},
-      {kHeads[5], 17, "", "Layer input & output are mismatched."},
-  };
-  for (const auto& f : faults) {
-    const std::string path = temp_path("bad.cfg");
-    write_file(path, "[" + std::string(f.head.section) + "]\n" + f.head.keys() + f.extra);
-    ConfigReader cfg;
-    ASSERT_EQ(cfg.load(path.c_str()), 0);
-    ORVA::InputParams params;
-    params.batch = 1;
-    params.h = f.head.h;
-    params.w = f.head.w;
-    params.c = f.channels;
-    params.nsect = 0;
-    std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create(f.head.section, ORVA::TEST, nullptr, &ctx));
+  const Head qregion = {"qregion", 3, 2, 0, 1.f, 1, 4, 3}, detobj = {"detobj", 3, 2, 0, 1.f, 1, 4, 3};
+  Head no_anchors = kHeads[0];
+  no_anchors.without_anchors = true;
+  const std::tuple<Head, int, const char*> faults[] = {
+      {kHeads[0], 0, "Layer before region layer must output image."},
+      {qregion, 0, "Layer before qregion layer must output image."},
+      {detobj, 0, "Layer before region layer must output image."},
+      {kHeads[5], 0, "Layer before heatmap layer must output image."},
+      {kHeads[0], 17, "Layer input & output are mismatched."},
+      {kHeads[5], 17, "Layer input & output are mismatched."},
+      {no_anchors, -1, "Anchors must be defined"}};
+  for (const auto& [head, channels, message] : faults) {
     try {
-      l->parseConfig(cfg, params);
-      ADD_FAILURE() << f.message;
+      make_head(&ctx, ORVA::TEST, head, 1, "", channels);
+      ADD_FAILURE() << message;
     } catch (const ORVA::FatalError& e) {
-      EXPECT_STREQ(e.what(), f.message);
+      EXPECT_STREQ(e.what(), message);
     }
   }
-  // Anchors are the one required key.
-  const std::string path = temp_path("noanchors.cfg");
-  write_file(path, "[region]\nclasses=1\nnum=1\n");
-  ConfigReader cfg;
-  ASSERT_EQ(cfg.load(path.c_str()), 0);
-  ORVA::InputParams params;
-  params.batch = 1;
-  params.h = params.w = 2;
-  params.c = 6;
-  params.nsect = 0;
-  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create("region", ORVA::TEST, nullptr, &ctx));
-  EXPECT_THROW(l->parseConfig(cfg, params), ORVA::FatalError);
   ORVA::setFatalThrows(false);
-  l.reset();
   destroy_handle(&ctx);
 }
 
