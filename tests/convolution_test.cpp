@@ -130,6 +130,9 @@ TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
       {"filters=5\nsize=1\n", 7, 6, 5},
       {"filters=4\nsize=1\nstride=2\nactivation=linear\n", 3, 7, 7},
       {"filters=4\nsize=2\npad=1\ndilation=3\nbatch_normalize=1\nactivation=leaky\n", 2, 7, 9},
+      // Wide enough for the host's eight-wide gathers and for column panels that cross from
+      // one sample into the next.
+      {"filters=4\nsize=3\nstride=2\nactivation=leaky\n", 8, 111, 113},
   };
   const int batch = 2;
   for (const Geometry& g : cases) {
