@@ -97,7 +97,10 @@ inline void store8(Ftype* p, Lanes v) {
 inline Lanes round8(Lanes v) { return _mm256_cvtph_ps(_mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT)); }
 inline Lanes splat8(_half h) { return _mm256_set1_ps(h2f(h)); }
 // Lanes of `a` where `mask` is set, else of `b`. NaN compares false everywhere, as in the twins.
-inline Lanes pick8(Lanes mask, Lanes a, Lanes b) { return _mm256_blendv_ps(b, a, mask); }
+// Bitwise rather than vblendvps, which GCC lowers lane by lane here.
+inline Lanes pick8(Lanes mask, Lanes a, Lanes b) {
+  return _mm256_or_ps(_mm256_and_ps(mask, a), _mm256_andnot_ps(mask, b));
+}
 inline Lanes gt8(Lanes x, _half h) { return _mm256_cmp_ps(x, splat8(h), _CMP_GT_OQ); }
 inline Lanes lt8(Lanes x, _half h) { return _mm256_cmp_ps(x, splat8(h), _CMP_LT_OQ); }
 inline Lanes scaled8(Lanes x, _half h) { return round8(_mm256_mul_ps(x, splat8(h))); }

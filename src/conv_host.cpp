@@ -8,6 +8,7 @@
 #include <tbb/task_arena.h>
 
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "backend.h"
@@ -91,7 +92,7 @@ void narrow_span(const float* src, Ftype* dst, int n) {
 }
 
 // Scratch slots of the forward product (the backend's grow-only buffers).
-enum ForwardScratch { kScratchWeights = 0, kScratchColumns = 1, kScratchTiles = 2 };
+enum ForwardScratch { kScratchWeights = 0, kScratchColumns = 1, kScratchTiles = 2, kScratchRows = 3 };
 
 // Tiles over the columns of all samples of a pass side by side (batch * out_h * out_w), so
 // that small late layers still give the product wide operands. With enough column panels each
@@ -133,6 +134,150 @@ void for_sample_pieces(long long J, int w, int N, F f) {
   }
 }
 
+
+// 3x3 stride-1 kernels with many channels take the Winograd F(2x2, 3x3) product: each 2x2
+// block of outputs from a 4x4 input tile with 16 multiplications per channel pair instead
+// of 36, as 16 independent products U_t (filters x channels) V_t (channels x tiles). The
+// transforms are additions and halvings in float; the output is rounded once, as the direct
+// product's is. The transformed weights (16 x filters x channels floats) are kept in the
+// plan with a copy of the half weights they came from, and rebuilt when those change.
+class HostConvPlan : public ConvPlan {
+ public:
+  using ConvPlan::ConvPlan;
+  std::vector<float> wino_u;
+  std::vector<Ftype> wino_source;
+  const Ftype* wino_from = nullptr;
+};
+
+bool takes_winograd(const ConvShape& s) {
+  return s.size == 3 && s.stride == 1 && s.dilation == 1 && s.groups == 1 && !s.train && s.in_c >= 32 &&
+         s.out_c >= 32;
+}
+
+void winograd_weights(HostConvPlan* p, const Ftype* weight) {
+  const ConvShape& s = p->shape;
+  const size_t n = (size_t)s.out_c * s.in_c * 9, mc = (size_t)s.out_c * s.in_c;
+  if (p->wino_from == weight && !p->wino_source.empty() && memcmp(p->wino_source.data(), weight, n * sizeof(Ftype)) == 0)
+    return;
+  p->wino_source.assign(weight, weight + n);
+  p->wino_from = weight;
+  float* u = p->wino_u.data();
+  tbb::parallel_for(tbb::blocked_range<size_t>(0, mc, 256), [&](const tbb::blocked_range<size_t>& r) {
+    for (size_t fc = r.begin(); fc != r.end(); ++fc) {
+      float g[9], t[4][3];
+      for (int k = 0; k < 9; ++k) g[k] = h2f(weight[fc * 9 + k]);
+      for (int j = 0; j < 3; ++j) {  // G g
+        t[0][j] = g[j];
+        t[1][j] = 0.5f * (g[j] + g[3 + j] + g[6 + j]);
+        t[2][j] = 0.5f * (g[j] - g[3 + j] + g[6 + j]);
+        t[3][j] = g[6 + j];
+      }
+      for (int i = 0; i < 4; ++i) {  // (G g) G^T
+        const float v[4] = {t[i][0], 0.5f * (t[i][0] + t[i][1] + t[i][2]), 0.5f * (t[i][0] - t[i][1] + t[i][2]),
+                            t[i][2]};
+        for (int j = 0; j < 4; ++j) u[(size_t)(i * 4 + j) * mc + fc] = v[j];
+      }
+    }
+  });
+}
+
+void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const Ftype* input, const Ftype* weight,
+                      Ftype* output) {
+  const ConvShape& s = p->shape;
+  const int C = s.in_c, M = s.out_c;
+  const int th = (s.out_h + 1) / 2, tw = (s.out_w + 1) / 2;
+  const size_t tiles = (size_t)th * tw, T = tiles * batch;
+  const int threads = tbb::this_task_arena::max_concurrency();
+  const int row_len = 2 * tw + 2;  // a padded input row of the tiles; also holds two output rows
+  float* v = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * 16 * C * T));
+  float* m = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * 16 * M * T));
+  float* rows_all = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * 4 * row_len * threads));
+  if (!v || !m || !rows_all) {
+    ORVA_ERROR("conv_forward: no host scratch for %d x %d x %zu transformed tiles", M, C, T);
+    return;
+  }
+  winograd_weights(p, weight);
+  // Input tiles: V = B^T d B, rows of the padded image widened once per tile row.
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * C), [&](const tbb::blocked_range<int>& r) {
+    float* rows = rows_all + (size_t)4 * row_len * tbb::this_task_arena::current_thread_index();
+    for (int bc = r.begin(); bc != r.end(); ++bc) {
+      const int b = bc / C, c = bc % C;
+      const Ftype* plane = input + ((size_t)b * C + c) * s.in_h * s.in_w;
+      for (int ty = 0; ty < th; ++ty) {
+        for (int i = 0; i < 4; ++i) {
+          float* row = rows + (size_t)i * row_len;
+          const int iy = 2 * ty - s.pad + i;
+          std::fill(row, row + row_len, 0.f);
+          if (iy < 0 || iy >= s.in_h) continue;
+          const int x0 = std::max(0, s.pad), x1 = std::min(row_len, s.in_w + s.pad);  // row[x] = image[x - pad]
+          if (x1 > x0) widen_strided(plane + (size_t)iy * s.in_w + (x0 - s.pad), 1, x1 - x0, row + x0);
+        }
+        const float *d0 = rows, *d1 = d0 + row_len, *d2 = d1 + row_len, *d3 = d2 + row_len;
+        float* out = v + (size_t)c * T + (size_t)b * tiles + (size_t)ty * tw;
+        const size_t step = (size_t)C * T;
+        for (int tx = 0; tx < tw; ++tx) {
+          float t[4][4];
+          for (int j = 0; j < 4; ++j) {
+            const int x = 2 * tx + j;
+            t[0][j] = d0[x] - d2[x];
+            t[1][j] = d1[x] + d2[x];
+            t[2][j] = d2[x] - d1[x];
+            t[3][j] = d1[x] - d3[x];
+          }
+          for (int i = 0; i < 4; ++i) {
+            float* o = out + (size_t)(i * 4) * step + tx;
+            o[0] = t[i][0] - t[i][2];
+            o[step] = t[i][1] + t[i][2];
+            o[2 * step] = t[i][2] - t[i][1];
+            o[3 * step] = t[i][1] - t[i][3];
+          }
+        }
+      }
+    }
+  });
+  // Sixteen products, split by filters too when there are more threads than products.
+  const int row_tiles = std::max(1, std::min(M / kMinTileRows, (2 * threads + 15) / 16));
+  const int mb = (M + row_tiles - 1) / row_tiles;
+  const float* u = p->wino_u.data();
+  blas_single_threaded([&] {
+    tbb::parallel_for(0, 16 * row_tiles, [&](int task) {
+      const int t = task / row_tiles, i0 = (task % row_tiles) * mb, h = std::min(mb, M - i0);
+      if (h <= 0) return;
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, h, (int)T, C, 1.f, u + ((size_t)t * M + i0) * C, C,
+                  v + (size_t)t * C * T, (int)T, 0.f, m + ((size_t)t * M + i0) * T, (int)T);
+    });
+  });
+  // Output tiles: Y = A^T m A, the odd last row and column dropped.
+  const size_t step = (size_t)M * T;
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * M), [&](const tbb::blocked_range<int>& r) {
+    float* rows = rows_all + (size_t)4 * row_len * tbb::this_task_arena::current_thread_index();
+    for (int bf = r.begin(); bf != r.end(); ++bf) {
+      const int b = bf / M, f = bf % M;
+      Ftype* plane = output + ((size_t)b * M + f) * s.out_h * s.out_w;
+      const float* src = m + (size_t)f * T + (size_t)b * tiles;
+      for (int ty = 0; ty < th; ++ty) {
+        float* y0 = rows;
+        float* y1 = y0 + 2 * tw;
+        for (int tx = 0; tx < tw; ++tx) {
+          const float* q = src + (size_t)ty * tw + tx;
+          float a[4][4];
+          for (int k = 0; k < 16; ++k) a[k / 4][k % 4] = q[k * step];
+          float t0[4], t1[4];
+          for (int j = 0; j < 4; ++j) {
+            t0[j] = a[0][j] + a[1][j] + a[2][j];
+            t1[j] = a[1][j] - a[2][j] - a[3][j];
+          }
+          y0[2 * tx] = t0[0] + t0[1] + t0[2];
+          y0[2 * tx + 1] = t0[1] - t0[2] - t0[3];
+          y1[2 * tx] = t1[0] + t1[1] + t1[2];
+          y1[2 * tx + 1] = t1[1] - t1[2] - t1[3];
+        }
+        narrow_span(y0, plane + (size_t)(2 * ty) * s.out_w, s.out_w);
+        if (2 * ty + 1 < s.out_h) narrow_span(y1, plane + (size_t)(2 * ty + 1) * s.out_w, s.out_w);
+      }
+    }
+  });
+}
 }  // namespace
 
 void conv_im2col(const Ftype* im, int channels, int height, int width, int size, int stride, int pad,
@@ -181,7 +326,8 @@ void conv_col2im_add(const Ftype* col, int channels, int height, int width, int 
 }
 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
-  ConvPlan* plan = new ConvPlan(s);
+  HostConvPlan* plan = new HostConvPlan(s);
+  if (takes_winograd(s)) plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
   // Only the backward passes use a column matrix; the forward pass gathers its panels into
   // the backend's scratch.
   plan->workspace_bytes = s.train && !reads_image_directly(s) ? col_elements(s) * sizeof(Ftype) : 0;
@@ -193,10 +339,11 @@ void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* 
   const ConvShape& s = plan->shape;
   const int cpg = s.in_c / s.groups, fpg = s.out_c / s.groups;
   const int K = cpg * s.size * s.size, N = s.out_h * s.out_w;
+  ORVA::Backend* backend = ORVA::backend_of(handle);
+  if (takes_winograd(s)) return winograd_forward(static_cast<HostConvPlan*>(plan), backend, batch, input, weight, output);
   const long long columns = (long long)batch * N;
   const int threads = tbb::this_task_arena::max_concurrency();
   const ForwardTiling t = forward_tiling(fpg, columns, K, threads);
-  ORVA::Backend* backend = ORVA::backend_of(handle);
   const size_t b_floats = t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
   const size_t c_tile = (size_t)t.mb * t.nb;
   float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * (size_t)s.out_c * K));

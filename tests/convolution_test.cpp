@@ -133,6 +133,9 @@ TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
       // Wide enough for the host's eight-wide gathers and for column panels that cross from
       // one sample into the next.
       {"filters=4\nsize=3\nstride=2\nactivation=leaky\n", 8, 111, 113},
+      // Enough channels for the host's Winograd product; odd output sides, a wider border.
+      {"filters=32\nsize=3\nactivation=leaky\n", 32, 9, 7},
+      {"filters=40\nsize=3\npad=2\nactivation=linear\n", 36, 6, 5},
   };
   const int batch = 2;
   for (const Geometry& g : cases) {
@@ -145,6 +148,10 @@ TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
     EXPECT_TRUE(NearL2(reference_conv(l.get(), to_doubles(x), 1), one, kLayerTol)) << g.keys;
     const std::vector<Ftype> both = run.forward(x, batch);
     EXPECT_TRUE(NearL2(reference_conv(l.get(), to_doubles(x), batch), both, kLayerTol)) << g.keys;
+    // Weights replaced in place are picked up by the next pass.
+    randomize_conv(l.get());
+    const std::vector<Ftype> again = run.forward(x, batch);
+    EXPECT_TRUE(NearL2(reference_conv(l.get(), to_doubles(x), batch), again, kLayerTol)) << g.keys;
     if (on_cuda()) count_cuda_comparison();
   }
 }
