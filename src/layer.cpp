@@ -3,7 +3,20 @@
 #include <cstring>
 
 #include "conv_kernel.h"
+#include "layer/avgpool_layer.h"
 #include "layer/convolution_layer.h"
+#include "layer/cost_layer.h"
+#include "layer/detobj_layer.h"
+#include "layer/heatmap_layer.h"
+#include "layer/maxpool_layer.h"
+#include "layer/qregion_layer.h"
+#include "layer/region_layer.h"
+#include "layer/reorg_layer.h"
+#include "layer/route_layer.h"
+#include "layer/shortcut_layer.h"
+#include "layer/softmax_layer.h"
+#include "layer/upsizenn_layer.h"
+#include "layer/upsizesp_layer.h"
 #include "orva/cuda.h"
 #include "orva/orva.h"
 #include "orva/util.h"
@@ -59,26 +72,26 @@ struct RegistryEntry {
 const RegistryEntry kRegistry[] = {
     {"convolution", LAYER_CONVOLUTION, make_layer<ConvolutionLayer>},
     {"fconn", LAYER_FCONN, nullptr},
-    {"maxpool", LAYER_MAXPOOL, nullptr},
-    {"softmax", LAYER_SOFTMAX, nullptr},
+    {"maxpool", LAYER_MAXPOOL, make_layer<MaxpoolLayer>},
+    {"softmax", LAYER_SOFTMAX, make_layer<SoftmaxLayer>},
     {"dropout", LAYER_DROPOUT, nullptr},
-    {"route", LAYER_ROUTE, nullptr},
-    {"cost", LAYER_COST, nullptr},
-    {"avgpool", LAYER_AVGPOOL, nullptr},
-    {"shortcut", LAYER_SHORTCUT, nullptr},
+    {"route", LAYER_ROUTE, make_layer<RouteLayer>},
+    {"cost", LAYER_COST, make_layer<CostLayer>},
+    {"avgpool", LAYER_AVGPOOL, make_layer<AvgpoolLayer>},
+    {"shortcut", LAYER_SHORTCUT, make_layer<ShortcutLayer>},
     {"activation", LAYER_ACTIVATION, nullptr},
     {"batchnorm", LAYER_BATCHNORM, nullptr},
-    {"region", LAYER_REGION, nullptr},
-    {"reorg", LAYER_REORG, nullptr},
-    {"upsample", LAYER_UPSAMPLE, nullptr},
-    {"spresize", LAYER_SPRESIZE, nullptr},
+    {"region", LAYER_REGION, make_layer<RegionLayer>},
+    {"reorg", LAYER_REORG, make_layer<ReorgLayer>},
+    {"upsample", LAYER_UPSAMPLE, make_layer<UpsizennLayer>},
+    {"spresize", LAYER_SPRESIZE, make_layer<UpsizespLayer>},
     {"scalemap", LAYER_SCALEMAP, nullptr},
     {"attention", LAYER_ATTENTION, nullptr},
     {"dynact", LAYER_DYNACT, nullptr},
     {"smerge", LAYER_SMERGE, nullptr},
-    {"qregion", LAYER_QREGION, nullptr},
-    {"heatmap", LAYER_HEATMAP, nullptr},
-    {"detobj", LAYER_DETOBJ, nullptr},
+    {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
+    {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
+    {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},
 };
 }  // namespace
 

@@ -121,6 +121,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
     // The training parameters proper belong to the training loop; the batch is what
     // construction needs from them.
     mode = TRAIN;
+    parse_train_options(_tparams, cfg);
     nBatch = std::max(1, cfg.findInt(ts, "batch", nBatch, true));
   }
 

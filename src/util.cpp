@@ -16,6 +16,9 @@ const char* _source_path(const char* file) {
   static const size_t root_len = strlen(ORVA_SOURCE_ROOT);
   if (strncmp(file, ORVA_SOURCE_ROOT, root_len) == 0) return file + root_len;
 #endif
+  // A compiler cache may hand the compiler paths relative to the build folder, which sits
+  // inside the source root: drop the climb back to it.
+  while (strncmp(file, "../", 3) == 0) file += 3;
   return file;
 }
 

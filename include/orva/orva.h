@@ -1,5 +1,11 @@
 // The network, task and worker classes.
 #pragma once
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <thread>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -8,6 +14,7 @@
 #include "orva/data.h"
 #include "orva/float16.h"
 #include "orva/layer.h"
+#include "orva/train.h"
 #include "orva/util.h"
 
 #define ORVA_MAJOR_VERSION 4
@@ -53,6 +60,9 @@ class Network {
   virtual float* predict(cv::Mat* img, int batch);
   // batch x siamese lists; the matrices of a list are stacked along the channel axis.
   virtual float* predict(std::vector<cv::Mat>* img_vec, int batch);
+  // One pass of stochastic gradient descent over every row of d (a multiple of the batch);
+  // returns the mean cost per sample.
+  virtual float train(TData& d);
 
   virtual void resize(int w, int h);
   // i < 0: the output layer; null outside the layer list.
@@ -74,6 +84,10 @@ class Network {
   Ftype* getInput() { return static_cast<Ftype*>(_input); }
   void* getHandle() { return _gpu_handle; }
   BackendKind getBackend() const { return handle_kind(_gpu_handle); }
+  typedef ::TrainParams TrainParams;
+  TrainParams& getTrainParams() { return _tparams; }
+  int getTruths() const { return _truths; }
+  float getCost() const { return _cost; }
 
   int version = 0;
   int mode;
@@ -118,9 +132,69 @@ class Network {
   float* _input_f32 = nullptr;
   float _cost = 0;
   size_t _seen = 0;
+  TrainParams _tparams;
 
  private:
+  void _tforward();
+  void _tbackward();
+  void _tupdate();
+  float _getCurrentRate();
+
   CudaHandle _handle;
+};
+
+// Base of the asynchronous tasks: one worker thread runs the network on queued inputs. Callers
+// on any thread feed the input queue and drain the output queue; a derived task decides what
+// the items are. run, stop and destruction belong to the thread that owns the task.
+class NetworkTask {
+ public:
+  // The flag is accepted for compatibility and has no effect.
+  NetworkTask(Network* net, bool flag = false);
+  // Stops the worker. Items still queued are the derived task's to release.
+  virtual ~NetworkTask();
+  NetworkTask(const NetworkTask&) = delete;
+  NetworkTask& operator=(const NetworkTask&) = delete;
+
+  // Queues one input; false when it was not taken. The base takes nothing.
+  virtual bool process(TaskInput& in) { return false; }
+  // Starts the worker unless one exists; always true.
+  bool run();
+  // Ends and joins the worker; inputs queued afterwards wait for the next run.
+  void stop();
+
+ protected:
+  // The worker's body: returns once _run is false.
+  virtual void _loopTask() {}
+
+  Network* _net;
+  std::unique_ptr<std::thread> _thread;
+  std::queue<void*> _qinput;
+  std::queue<void*> _qoutput;
+  // Never held together: the worker publishes results without blocking producers.
+  std::mutex _imutex;
+  std::mutex _omutex;
+  std::condition_variable _icv;  // input queued, or stop requested
+  std::condition_variable _ocv;  // a result queued
+  std::atomic<bool> _run{false};
+};
+
+// Detection on a worker thread: frames from any number of sources (TaskInput::id) are
+// letterboxed into the network input, detected in batches of up to the network batch, and
+// returned one result per accepted frame, in the order they were accepted. The source id is
+// the network's parameter key, so DetectNetwork::setParameter sets per-source thresholds.
+// The network must be a DetectNetwork, used by nobody else while the task runs.
+class DetectTask : public NetworkTask {
+ public:
+  DetectTask(Network* net, bool flag = false);
+  // Stops the worker and releases every frame and result still queued.
+  ~DetectTask() override;
+  // False, and the frame dropped, when 2 x batch frames are already waiting.
+  bool process(TaskInput& in) override;
+  // Never blocks: false when no result is waiting (out untouched).
+  bool getResult(DetectTaskResult& out);
+
+ protected:
+  void _loopTask() override;
 };
 
 }  // namespace ORVA

@@ -1,0 +1,288 @@
+// Detection end to end and the box helpers: an analytic detector whose output is known in
+// closed form, suppression against a plain all-pairs version, wrong top layers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <tuple>
+
+#include "network_test_util.h"
+#include "orva/networks.h"
+
+using namespace orva_test;
+using ORVA::BBox;
+
+namespace {
+
+// ---- Suppression -------------------------------------------------------------------------
+
+double ref_iou(const BBox& a, const BBox& b) {
+  const double ow = std::min(a.x + a.w / 2.0, b.x + b.w / 2.0) - std::max(a.x - a.w / 2.0, b.x - b.w / 2.0);
+  const double oh = std::min(a.y + a.h / 2.0, b.y + b.h / 2.0) - std::max(a.y - a.h / 2.0, b.y - b.h / 2.0);
+  const double inter = ow >= 0 && oh >= 0 ? ow * oh : 0;
+  return inter / ((double)a.w * a.h + (double)b.w * b.h - inter);
+}
+
+// Every candidate above thresh is tested against every better-scored one above thresh.
+// Candidates whose fate hangs on a comparison within float error of its bound are marked
+// in `unsure`.
+std::vector<float> ref_suppress(const std::vector<BBox>& box, std::vector<float> prob, float nms, float thresh,
+                                bool soft, std::vector<bool>& unsure) {
+  const std::vector<float> orig = prob;
+  unsure.assign(box.size(), false);
+  for (size_t j = 0; j < box.size(); ++j) {
+    if (!(orig[j] > thresh)) continue;
+    for (size_t i = 0; i < box.size(); ++i) {
+      if (!(orig[i] > orig[j]) || !(orig[i] > thresh)) continue;
+      const double o = ref_iou(box[i], box[j]);
+      const double margin = soft ? std::exp(-2 * o * o) * orig[j] - thresh : o - nms;
+      if (std::fabs(margin) < 1e-5) unsure[j] = true;
+      if (soft ? std::exp(-2 * o * o) * orig[j] < thresh : (nms < 1 && o > nms)) prob[j] = 0;
+    }
+  }
+  return prob;
+}
+
+struct Candidates {
+  std::vector<BBox> box;
+  std::vector<float> prob;
+};
+
+// Distinct scores (so the order is defined), boxes dense enough to overlap often.
+Candidates random_candidates(int n) {
+  Candidates c;
+  std::vector<float> scores = random_floats(n, 0.f, 1.f);
+  std::vector<float> pos = random_floats(4 * n, 0.f, 1.f);
+  for (int k = 0; k < n; ++k) {
+    c.box.push_back(BBox{pos[4 * k], pos[4 * k + 1], 0.05f + 0.3f * pos[4 * k + 2], 0.05f + 0.3f * pos[4 * k + 3]});
+    c.prob.push_back(scores[k]);
+  }
+  return c;
+}
+
+void expect_ranked(const std::vector<float>& prob, const std::vector<int>& rank) {
+  std::vector<int> sorted = rank;
+  std::sort(sorted.begin(), sorted.end());
+  for (size_t k = 0; k < sorted.size(); ++k) ASSERT_EQ(sorted[k], (int)k) << "rank is not a permutation";
+  for (size_t k = 1; k < rank.size(); ++k) EXPECT_GE(prob[rank[k - 1]], prob[rank[k]]) << "rank position " << k;
+}
+
+TEST(BoxSuppression, MatchesAllPairsHardAndSoft) {
+  // n = 300 leaves hundreds above the thresholds, so the parallel sweep is the one tested.
+  for (auto [nms, thresh] : {std::pair<float, float>{0.45f, 0.3f}, {0.1f, 0.05f}, {1.0f, 0.3f}, {1.5f, 0.3f},
+                             {0.f, 0.3f}, {0.f, 0.6f}}) {
+    Candidates c = random_candidates(300);
+    const bool soft = nms <= 0;
+    std::vector<bool> unsure;
+    std::vector<float> want = ref_suppress(c.box, c.prob, nms, thresh, soft, unsure);
+    std::vector<int> rank(c.box.size());
+    if (soft)
+      ORVA::box_nms_soft(c.box.data(), c.prob.data(), rank.data(), (int)rank.size(), thresh);
+    else
+      ORVA::box_nms(c.box.data(), c.prob.data(), rank.data(), (int)rank.size(), nms, thresh);
+    for (size_t k = 0; k < want.size(); ++k)
+      if (!unsure[k]) EXPECT_EQ(c.prob[k], want[k]) << "candidate " << k << ", nms " << nms << ", thresh " << thresh;
+    expect_ranked(c.prob, rank);
+  }
+}
+
+TEST(BoxSuppression, OutcomeIndependentOfInputOrderAndTies) {
+  Candidates c = random_candidates(300);
+  std::vector<int> perm(c.box.size());
+  std::iota(perm.begin(), perm.end(), 0);
+  std::shuffle(perm.begin(), perm.end(), rng());
+  Candidates p;
+  for (int k : perm) {
+    p.box.push_back(c.box[k]);
+    p.prob.push_back(c.prob[k]);
+  }
+  std::vector<int> rank(c.box.size());
+  ORVA::box_nms(c.box.data(), c.prob.data(), rank.data(), (int)rank.size(), 0.3f, 0.2f);
+  ORVA::box_nms(p.box.data(), p.prob.data(), rank.data(), (int)rank.size(), 0.3f, 0.2f);
+  for (size_t k = 0; k < perm.size(); ++k) EXPECT_EQ(p.prob[k], c.prob[perm[k]]);
+
+  // A chain P > Q > R where only neighbours overlap: a suppressed Q still removes R. Two equal
+  // scores that overlap: exactly one survives, whichever the sort put first.
+  std::vector<BBox> box = {{0.2f, 0.5f, 0.2f, 0.2f}, {0.3f, 0.5f, 0.2f, 0.2f}, {0.4f, 0.5f, 0.2f, 0.2f},
+                           {0.8f, 0.2f, 0.1f, 0.1f}, {0.81f, 0.2f, 0.1f, 0.1f}};
+  std::vector<float> prob = {0.9f, 0.8f, 0.7f, 0.6f, 0.6f};
+  rank.assign(box.size(), 0);
+  ORVA::box_nms(box.data(), prob.data(), rank.data(), 5, 0.3f, 0.1f);
+  EXPECT_EQ(prob[0], 0.9f);
+  EXPECT_EQ(prob[1], 0.f);
+  EXPECT_EQ(prob[2], 0.f);
+  EXPECT_EQ((prob[3] == 0.f) + (prob[4] == 0.f), 1);
+}
+
+TEST(BoxHelpers, OverlapMeasures) {
+  const BBox a{0.5f, 0.5f, 0.4f, 0.2f};
+  EXPECT_FLOAT_EQ(ORVA::box_iou(a, a), 1.f);
+  EXPECT_FLOAT_EQ(ORVA::box_iou(a, BBox{0.7f, 0.5f, 0.4f, 0.2f}), 1.f / 3.f);
+  EXPECT_EQ(ORVA::box_iou(a, BBox{0.1f, 0.9f, 0.1f, 0.1f}), 0.f);
+  // Half the width apart: IoU 1/3, enclosing box 0.6 x 0.2, distance 0.2.
+  EXPECT_NEAR(ORVA::box_iou_dist(a, BBox{0.7f, 0.5f, 0.4f, 0.2f}, 1.f), 1.0 / 3 - 0.04 / 0.40, 1e-6);
+  EXPECT_EQ(ORVA::box_iou_dist(a, BBox{0.9f, 0.5f, 0.4f, 0.2f}, 1.f), 0.f);
+}
+
+// ---- The analytic detector -----------------------------------------------------------------
+
+// A 1 x 1 convolution before a region head on a 16 x 12 input (grid = input). Anchor 0 lights
+// up where the frame is red, anchor 1 where it is blue; class 1 wins where it is also green.
+constexpr int kW = 16, kH = 12, kAnchors = 2, kClasses = 2;
+// Half sizes a 128th past the half cell keep every box edge off pixel boundaries.
+const float kAnchorSize[4] = {1.015625f, 2.515625f, 3.015625f, 1.015625f};
+
+const char* kDetectorCfg =
+    "[network]\nwidth=16\nheight=12\nchannels=3\n"
+    "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
+    "[region]\nclasses=2\nnum=2\nanchors=1.015625,2.515625, 3.015625,1.015625\n";
+
+struct Hot {
+  int i, j;
+  bool red, green, blue;
+};
+// (2, 6) and (2, 7) overlap with IoU 0.43 (hard 0.4 removes the lower one, soft does not); the rest stand apart.
+const Hot kHot[] = {{2, 2, 1, 0, 0}, {8, 5, 1, 1, 0}, {12, 9, 0, 0, 1}, {5, 9, 0, 1, 1}, {2, 6, 1, 1, 0}, {2, 7, 1, 0, 0}};
+
+void set_detector_weights(ORVA::Network& net) {
+  auto* conv = conv_at(net, 0);
+  std::vector<float> w(14 * 3, 0.f), b(14, 0.f);
+  for (int n = 0; n < kAnchors; ++n) {
+    const int base = n * 7;  // x, y, w, h, objectness, class 0, class 1
+    w[(base + 4) * 3 + (n == 0 ? 0 : 2)] = 8.f;  // plane 0 is red, plane 2 blue
+    b[base + 4] = -4.f;
+    b[base + 5] = 0.5f;
+    w[(base + 6) * 3 + 1] = 0.5f;
+    b[base + 6] = 0.25f;
+  }
+  push(net.getHandle(), conv->_weight, to_halves(w));
+  push(net.getHandle(), conv->_bias, to_halves(b));
+}
+
+cv::Mat detector_frame() {
+  cv::Mat m(kH, kW, CV_8UC3, cv::Scalar(0, 0, 0));
+  for (const Hot& h : kHot) m.at<cv::Vec3b>(h.j, h.i) = cv::Vec3b(h.blue * 255, h.green * 255, h.red * 255);
+  return m;
+}
+
+struct Expected {
+  int cid;
+  float prob;
+  cv::Rect rect;
+};
+
+// The frame was letterboxed, centred, into the 16 x 12 input; boxes go back to its pixels.
+std::vector<Expected> expected_objects(cv::Size frame, float thresh, float nms) {
+  const double obj = 1 / (1 + std::exp(-4.0));
+  const double scale = std::min((double)kW / frame.width, (double)kH / frame.height);
+  const double pad_x = (kW - frame.width * scale) / 2, pad_y = (kH - frame.height * scale) / 2;
+  std::vector<Expected> out;
+  for (const Hot& h : kHot) {
+    const int n = h.red ? 0 : 1;
+    const double p = (h.green ? 0.75 : 0.5) * obj;
+    if (p <= thresh) continue;
+    // The lower-scored one of the overlapping pair: hard suppression only.
+    if (h.i == 2 && h.j == 7 && nms > 0 && nms < 1) continue;
+    const double cx = (h.i + 0.5 - pad_x) / scale, cy = (h.j + 0.5 - pad_y) / scale;
+    const double hw = kAnchorSize[2 * n] / 2 / scale, hh = kAnchorSize[2 * n + 1] / 2 / scale;
+    for (double v : {cx - hw, cx + hw, cy - hh, cy + hh})
+      EXPECT_GT(std::fabs(v - std::round(v)), 1e-3) << "edge on a pixel boundary: the case is ill-posed";
+    const int left = std::max((int)(cx - hw), 0), top = std::max((int)(cy - hh), 0);
+    const int right = std::min((int)(cx + hw), frame.width - 1), bottom = std::min((int)(cy + hh), frame.height - 1);
+    out.push_back(Expected{h.green ? 1 : 0, (float)p, cv::Rect(left, top, right - left, bottom - top)});
+  }
+  return out;
+}
+
+void expect_objects(const ORVA::DetectObjList& got, std::vector<Expected> want, const std::string& what) {
+  ASSERT_EQ(got.size(), want.size()) << what;
+  for (size_t k = 1; k < got.size(); ++k) EXPECT_GE(got[k - 1].prob, got[k].prob) << what << ": not by descending score";
+  // Equal scores come in no defined order: match by rectangle.
+  for (const ORVA::DetectObj& o : got) {
+    auto it = std::find_if(want.begin(), want.end(), [&](const Expected& e) { return e.rect == o.bbox; });
+    ASSERT_NE(it, want.end()) << what << ": unexpected box " << o.bbox;
+    EXPECT_EQ(o.cid, it->cid) << what;
+    EXPECT_EQ(o.oid, -1);
+    // The head computes in half: one rounding of the logistic and one of the product.
+    EXPECT_NEAR(o.prob, it->prob, 2e-3 * it->prob) << what;
+    want.erase(it);
+  }
+}
+
+class DetectNetworkTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(DetectNetworkTest, AnalyticDetectorSingleAndBatch) {
+  const std::string cfg = temp_path("detector.cfg");
+  write_file(cfg, kDetectorCfg);
+  ORVA::DetectNetwork net(ORVA::TEST, 4, GetParam());
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  set_detector_weights(net);
+  EXPECT_EQ(net.getClassNum(), kClasses);
+  EXPECT_EQ(net._gridsz, kW * kH * kAnchors);
+  cv::Mat frame = detector_frame();
+
+  const cv::Size wide(640, 240), tall(180, 720), same(320, 240);
+  for (cv::Size size : {wide, tall, same}) {
+    ORVA::DetectObjList objs;
+    cv::Size s = size;
+    ASSERT_NE(net.detect(objs, frame, s, 0.3f, 0.4f), nullptr);
+    expect_objects(objs, expected_objects(size, 0.3f, 0.4f), "single " + std::to_string(size.width));
+  }
+
+  // Per-key parameters: hard, soft (nms 0), a high threshold without suppression, and a key
+  // never set (0.3 and 0.4).
+  net.setParameter(5, 0.3f, 0.4f);
+  net.setParameter(6, 0.3f, 0.f);
+  net.setParameter(7, 0.6f, 1.f);
+  unsigned int keys[4] = {5, 6, 7, 99};
+  cv::Size sizes[4] = {wide, tall, same, tall};
+  cv::Mat frames[4] = {frame, frame, frame, frame};
+  ORVA::DetectObjList lists[4];
+  ASSERT_NE(net.detect(lists, frames, sizes, keys, 4), nullptr);
+  const float params[4][2] = {{0.3f, 0.4f}, {0.3f, 0.f}, {0.6f, 1.f}, {0.3f, 0.4f}};
+  for (int k = 0; k < 4; ++k)
+    expect_objects(lists[k], expected_objects(sizes[k], params[k][0], params[k][1]), "batch image " + std::to_string(k));
+  EXPECT_EQ(net.detect(lists, frames, sizes, keys, 0), nullptr);
+
+  // Heat map of class 1 at twice the grid resolution: one pixel per winning candidate.
+  const float* out = net.predict(frames, 1);
+  cv::Mat map;
+  net.getHeatmap(const_cast<float*>(out), map, 1, 0.3f);
+  ASSERT_EQ(map.rows, 2 * kH);
+  ASSERT_EQ(map.cols, 2 * kW);
+  int lit = 0;
+  for (const Hot& h : kHot) {
+    if (!h.green) continue;
+    ++lit;
+    double peak;
+    cv::minMaxLoc(map(cv::Rect(2 * h.i, 2 * h.j, 2, 2)), nullptr, &peak);
+    EXPECT_EQ(peak, (int)(0.75 / (1 + std::exp(-4.0)) * 255)) << h.i << "," << h.j;
+  }
+  EXPECT_EQ(cv::countNonZero(map), lit);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, DetectNetworkTest, ::testing::ValuesIn(test_backends()), backend_param_name);
+
+TEST(DetectNetworkDeath, WrongTopLayerEndsTheProcess) {
+  const std::string cfg = temp_path("conv.cfg");
+  write_file(cfg, "[network]\nwidth=8\nheight=8\nchannels=3\n[convolution]\nfilters=2\nsize=1\n");
+  EXPECT_EXIT(
+      {
+        ORVA::DetectNetwork net(ORVA::TEST, 1, -1);
+        net.load(cfg.c_str(), nullptr);
+      },
+      ::testing::ExitedWithCode(255), "ERROR: top layer is not LayerType::Region");
+  EXPECT_EXIT(
+      {
+        ORVA::HeatmapNetwork net(ORVA::TEST, 1, -1);
+        net.load(cfg.c_str(), nullptr);
+      },
+      ::testing::ExitedWithCode(255), "ERROR: top layer is not LayerType::Heatmap");
+  ORVA::setFatalThrows(true);
+  ORVA::DetectNetwork net(ORVA::TEST, 1, -1);
+  EXPECT_THROW(net.load(cfg.c_str(), nullptr), ORVA::FatalError);
+  ORVA::setFatalThrows(false);
+}
+
+}  // namespace

@@ -1,0 +1,84 @@
+// Networks mixing the layer types: they build with the expected shapes, run on every
+// backend with the same result, and come back from a model file with identical output.
+#include <gtest/gtest.h>
+
+#include "layer_test_util.h"
+
+using namespace orva_test;
+
+namespace {
+
+// Outputs of one network: the host reference run against its own model-file copy, then CUDA
+// (when present) against the host.
+ORVA::Network* load_model(ORVA::Network& net, const std::string& path) {
+  ::testing::internal::CaptureStdout();  // the checksum line
+  const int status = net.load(path.c_str(), false, false);
+  ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(status, 0);
+  return &net;
+}
+
+// A model file of a randomised network, loaded (inference folds batch normalisation) and
+// saved again: the second copy must reproduce the first exactly on the host, and CUDA (when
+// present) must agree with the host.
+void check_round_trip(const std::string& text, int side_w, int side_h, int channels) {
+  const int batch = 2;
+  const std::vector<float> input = random_floats((size_t)batch * side_w * side_h * channels, 0.f, 1.f);
+  const std::string model = temp_path("mixed.orva"), again = temp_path("again.orva");
+  {
+    auto net = net_from_text(text, batch, -1);
+    randomize_network(*net);
+    net->save(model.c_str(), true);
+  }
+  ORVA::Network first(ORVA::TEST, batch, -1);
+  load_model(first, model);
+  const std::vector<float> expected = predict_copy(first, input, batch);
+  for (float v : expected) ASSERT_FALSE(std::isnan(v));
+  first.save(again.c_str(), true);
+  for (int gpu : test_backends()) {
+    ORVA::Network loaded(ORVA::TEST, batch, gpu);
+    load_model(loaded, again);
+    ASSERT_EQ(loaded.getLayerCount(), first.getLayerCount());
+    for (int i = 0; i < first.getLayerCount(); ++i) {
+      EXPECT_EQ(loaded.getLayer(i)->type, first.getLayer(i)->type) << i;
+      EXPECT_EQ(loaded.getLayer(i)->_outputs, first.getLayer(i)->_outputs) << i;
+    }
+    const std::vector<float> got = predict_copy(loaded, input, batch);
+    if (gpu < 0) {
+      EXPECT_EQ(got, expected);
+    } else {
+      EXPECT_TRUE(NearL2(std::vector<double>(expected.begin(), expected.end()), got, kHalfAccumulate));
+      count_cuda_comparison();
+    }
+  }
+}
+
+TEST(MixedNetwork, TinyYoloTrunkShapesAndRoundTrip) {
+  auto net = net_from_text(tiny_yolo_trunk(64), 1, -1);
+  ASSERT_EQ(net->getLayerCount(), 13);
+  const int sides[] = {64, 32, 32, 16, 16, 8, 8, 4, 4, 2, 2, 2, 2};
+  for (int i = 0; i < 13; ++i) EXPECT_EQ(net->getLayer(i)->_out_w, sides[i]) << i;
+  EXPECT_EQ(net->getOutputs(), 2 * 2 * 1024);
+  check_round_trip(tiny_yolo_trunk(64), 64, 64, 3);
+}
+
+TEST(MixedNetwork, ResidualTrunkRoundTrip) {
+  auto net = net_from_text(kResidualTrunk, 1, -1);
+  EXPECT_EQ(net->getLayer(5)->_in_w, 18);
+  EXPECT_EQ(net->getLayer(5)->_out_w, 9);
+  EXPECT_EQ(net->getOutputs(), 8);
+  check_round_trip(kResidualTrunk, 18, 14, 3);
+}
+
+TEST(MixedNetwork, BranchedTrunkRoundTrip) {
+  auto net = net_from_text(kBranchedTrunk, 1, -1);
+  const int c[] = {8, 8, 16, 16, 16, 64, 64, 88, 4};
+  const int w[] = {16, 8, 8, 5, 8, 4, 8, 8, 8};
+  for (int i = 0; i < 9; ++i) {
+    EXPECT_EQ(net->getLayer(i)->_out_c, c[i]) << i;
+    EXPECT_EQ(net->getLayer(i)->_out_w, w[i]) << i;
+  }
+  check_round_trip(kBranchedTrunk, 16, 12, 3);
+}
+
+}  // namespace
