@@ -56,8 +56,16 @@ std::vector<NetSpec> networks() {
        3,
        {conv(16, 3, 1), conv(32, 3, 2), conv(64, 3, 2), conv(128, 3, 2), conv(256, 3, 2), conv(512, 3, 2),
         conv(1024, 3, 1), conv(256, 1, 1), conv(125, 1, 1, false, "linear")}},
-      // Further networks (the tiny-YOLO trunk with max-pools, the face detector) join here as
-      // their layers exist on the host backend.
+      // The tiny-YOLO trunk: stride-1 convolutions between 2 x 2 max-pools, the last pool of
+      // stride 1; 7 GFLOP per image.
+      {"tiny-yolo",
+       416,
+       416,
+       3,
+       {conv(16, 3, 1), maxpool(2, 2), conv(32, 3, 1), maxpool(2, 2), conv(64, 3, 1), maxpool(2, 2), conv(128, 3, 1),
+        maxpool(2, 2), conv(256, 3, 1), maxpool(2, 2), conv(512, 3, 1), maxpool(2, 1), conv(1024, 3, 1),
+        conv(1024, 3, 1), conv(125, 1, 1, false, "linear")}},
+      // The face detector joins here once its layers exist on the host backend.
   };
 }
 
