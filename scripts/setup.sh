@@ -3,7 +3,8 @@
 # it only calls apt when something is missing.
 set -euo pipefail
 pkgs=(cmake g++ make pkg-config ccache libopencv-dev libtbb-dev libopenblas-dev
-      libgtest-dev libgmock-dev libbenchmark-dev)
+      libgtest-dev libgmock-dev libbenchmark-dev
+      python3-matplotlib)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
