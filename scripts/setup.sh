@@ -5,7 +5,9 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 pkgs=(cmake g++ make pkg-config ccache libopencv-dev libtbb-dev libopenblas-dev
-      libgtest-dev libgmock-dev libbenchmark-dev)
+      libgtest-dev libgmock-dev libbenchmark-dev
+      clang libclang-rt-dev llvm  # clang: sanitizer build and libFuzzer targets
+      python3-matplotlib)  # training curves
 # the orva program: argument parsing and JSON
 pkgs+=(libcli11-dev nlohmann-json3-dev)
 sudo_cmd=""

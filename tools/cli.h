@@ -56,3 +56,4 @@ int cmd_classify(int argc, char** argv);
 int cmd_info(int argc, char** argv);
 int cmd_bench(int argc, char** argv);
 int cmd_convert(int argc, char** argv);
+int cmd_train(int argc, char** argv);

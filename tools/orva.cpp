@@ -12,6 +12,7 @@ const orvacli::Command kCommands[] = {
     {"info", "layers, parameters, operations, input size and classes of a model", cmd_info},
     {"bench", "per-layer times and frames per second", cmd_bench},
     {"convert", "description + weights, darknet or face-api models to one model file", cmd_convert},
+    {"train", "teach a network from a list of labelled pictures", cmd_train},
 };
 
 void usage(std::ostream& out) {
