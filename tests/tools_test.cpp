@@ -321,6 +321,40 @@ TEST(DarknetImport, FaultsNameTheLineAndTheKey) {
   }
 }
 
+TEST(DarknetImport, EngineBuildsWhatItExpressesExactlyAndRefusesTheRest) {
+  // A 2 x 2 / 2 pool over an even size is the engine's pool; over an odd size the dialect
+  // keeps a last half window, which the engine's symmetric padding cannot.
+  for (int side : {8, 9}) {
+    const std::string text = "[net]\nwidth=" + std::to_string(side) + "\nheight=" + std::to_string(side) +
+                             "\nchannels=3\n[convolutional]\nfilters=2\nsize=3\npad=1\nactivation=linear\n"
+                             "[maxpool]\nsize=2\nstride=2\n";
+    const std::vector<float> w = orva_test::random_floats(2 + 2 * 27, -1, 1);
+    const ConvertedModel m = convert_darknet(text, &w);
+    const std::string out = temp_path("dn.orva");
+    if (side == 9) {
+      try {
+        orvacli::writeModel(m, out);
+        ADD_FAILURE() << "an odd pool was accepted";
+      } catch (const ConvertError& e) {
+        EXPECT_NE(std::string(e.what()).find("[maxpool] (line 10): the engine's layer gives 4 x 4 x 2, the source 5 x 5 x 2"),
+                  std::string::npos)
+            << e.what();
+      }
+      continue;
+    }
+    orvacli::writeModel(m, out);
+    ORVA::Network net(ORVA::TEST, 1, -1);
+    net.load(out.c_str());
+    ASSERT_EQ(net.getLayerCount(), 2);
+    EXPECT_EQ(net.getLayer(1)->_out_w, 4);
+    ORVA::ConvolutionLayer* conv = orva_test::conv_at(net, 0);
+    const std::vector<float> bias = orva_test::to_floats(orva_test::pull(conv->_gpu_handle, conv->_bias, 2));
+    const std::vector<float> filt = orva_test::to_floats(orva_test::pull(conv->_gpu_handle, conv->_weight, 54));
+    for (int i = 0; i < 2; ++i) EXPECT_NEAR(bias[i], w[i], 1e-3) << i;  // stored as half
+    for (int i = 0; i < 54; ++i) EXPECT_NEAR(filt[i], w[2 + i], 1e-3) << i;
+  }
+}
+
 // ---- the program ----
 
 struct ProgramRun {
