@@ -74,7 +74,7 @@ void run_layer(benchmark::State& state, const std::string& text) {
   for (auto _ : state) l->forward(params);
   state.SetBytesProcessed((int64_t)state.iterations() * bytes);
   state.counters["vs_copy"] = copy / layer;
-  state.SetLabel(std::to_string(l->_in_w) + "x" + std::to_string(l->_in_h) + "x" + std::to_string(l->_in_c) + " -> " +
+  state.SetLabel((l->_in_w ? std::to_string(l->_in_w) : std::string("sources")) + "x" + std::to_string(l->_in_h) + "x" + std::to_string(l->_in_c) + " -> " +
                  std::to_string(l->_out_w) + "x" + std::to_string(l->_out_h) + "x" + std::to_string(l->_out_c));
 }
 
@@ -122,7 +122,7 @@ void BM_TinyYoloTrunk(benchmark::State& state) {
       benchmark::Counter((double)flops * batch * 1e-9, benchmark::Counter::kIsIterationInvariantRate);
   state.counters["frames/s"] = benchmark::Counter((double)batch, benchmark::Counter::kIsIterationInvariantRate);
 }
-BENCHMARK(BM_TinyYoloTrunk)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_TinyYoloTrunk)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime()->MeasureProcessCPUTime();
 
 }  // namespace
 
