@@ -74,8 +74,10 @@ void run_layer(benchmark::State& state, const std::string& text) {
   for (auto _ : state) l->forward(params);
   state.SetBytesProcessed((int64_t)state.iterations() * bytes);
   state.counters["vs_copy"] = copy / layer;
-  state.SetLabel((l->_in_w ? std::to_string(l->_in_w) : std::string("sources")) + "x" + std::to_string(l->_in_h) + "x" + std::to_string(l->_in_c) + " -> " +
-                 std::to_string(l->_out_w) + "x" + std::to_string(l->_out_h) + "x" + std::to_string(l->_out_c));
+  auto shape = [](int w, int h, int c) { return std::to_string(w) + "x" + std::to_string(h) + "x" + std::to_string(c); };
+  // A route has sources rather than one input shape.
+  state.SetLabel((l->_in_w ? shape(l->_in_w, l->_in_h, l->_in_c) : std::string("sources")) + " -> " +
+                 shape(l->_out_w, l->_out_h, l->_out_c));
 }
 
 void BM_Maxpool2s2(benchmark::State& s) { run_layer(s, input_section(416, 416, 16) + "[maxpool]\nsize=2\nstride=2\n"); }
