@@ -78,6 +78,8 @@ TEST(PoolForward, MatchesReferenceOnEveryBackend) {
       {10, 9, 2, "[maxpool]\nsize=3\nstride=2\npad=0\n", kHalfRounding},
       {7, 6, 3, "[avgpool]\nsize=2\nstride=2\npad=1\n", kHalfChain},  // corner windows hold one value
       {5, 6, 2, "[avgpool]\nsize=3\nstride=1\n", kHalfChain},
+      {22, 4, 2, "[avgpool]\nsize=3\nstride=1\n", kHalfChain},
+      {17, 6, 2, "[avgpool]\nsize=2\nstride=2\n", kHalfChain},
       {7, 5, 4, "[avgpool]\n", kHalfAccumulate},
       {6, 5, 3, "[avgpool]\nsquare=1\n", kHalfAccumulate},
       {5, 5, 3, "[avgpool]\ntmin=2\ntmax=3\n", kHalfAccumulate},
