@@ -206,35 +206,6 @@ TEST(RegionHeads, DecodingMatchesIndependentDecoder) {
   destroy_handle(&ctx);
 }
 
-TEST(HeatmapHead, FineGridPlacementAndThreshold) {
-  CudaHandle ctx{};
-  create_handle(&ctx, -1);
-  const Head h = kHeads[5];  // 2 x 2 sub-cells on a 3 x 2 grid
-  auto l = make_head(&ctx, ORVA::TEST, h, 1);
-  auto* hm = static_cast<ORVA::HeatmapLayer*>(l.get());
-  ASSERT_EQ(hm->_subdiv, 2);
-  std::vector<float> out((size_t)h.channels() * h.w * h.h, 0.f);
-  // Cell (2, 1), anchor 3 (sub-cell column 1, row 1): row 3, column 5 of a 4 x 6 map.
-  out[h.at(0, 3, 0, 1 * h.w + 2)] = 0.5f;
-  out[h.at(0, 3, 2, 1 * h.w + 2)] = 0.8f;
-  // Cell (0, 0), anchor 1: score exactly at the threshold is kept.
-  out[h.at(0, 1, 0, 0)] = 0.5f;
-  out[h.at(0, 1, 1, 0)] = 0.5f;
-  std::vector<float> prob(hm->getHeatmapOutputNum());
-  std::vector<int> cls(prob.size());
-  hm->getHeatmap(out.data(), 0.25f, prob.data(), cls.data());
-  EXPECT_FLOAT_EQ(prob[3 * 6 + 5], 0.4f);
-  EXPECT_EQ(cls[3 * 6 + 5], 1);
-  EXPECT_FLOAT_EQ(prob[0 * 6 + 1], 0.25f);
-  int nonzero = 0;
-  for (float p : prob) nonzero += p != 0;
-  EXPECT_EQ(nonzero, 2);
-  hm->getHeatmap(out.data(), 0.2501f, prob.data(), cls.data());
-  EXPECT_EQ(prob[1], 0.f);
-  l.reset();
-  destroy_handle(&ctx);
-}
-
 // ---- Training gradients ------------------------------------------------------------------
 
 // Truths (x, y, w, h, class) of two images on distinct cells.
