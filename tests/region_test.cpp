@@ -116,20 +116,37 @@ ORVA::NetworkParams run_params(Ftype* input, int batch, Ftype* delta = nullptr, 
   return p;
 }
 
-TEST(RegionHeads, ForwardMatchesReferenceOnEveryBackend) {
+// Forward, then backward of a given gradient: the output and the gradient handed down,
+// concatenated.
+TEST(RegionHeads, ForwardAndBackwardMatchReferenceOnEveryBackend) {
   for (const Head& h : kHeads) {
     const int batch = 2;
-    const std::vector<Ftype> x = random_halves((size_t)batch * h.channels() * h.w * h.h, -4.f, 4.f);
-    // A logistic rounded to half, then the stretch rounded again; the softmax rounds once.
+    const size_t n = (size_t)batch * h.channels() * h.w * h.h;
+    const std::vector<Ftype> x = random_halves(n, -4.f, 4.f), dy = random_halves(n, -1.f, 1.f);
+    const std::vector<double> y = reference_forward(h, to_doubles(x), batch);
+    std::vector<double> want = y, dx = to_doubles(dy);
+    for (int b = 0; b < batch; ++b)
+      for (int a = 0; a < h.anchors; ++a)
+        for (int e = 0; e < h.entries(); ++e) {
+          const bool logistic = h.heatmap() ? e == 0 : (h.detobj() ? e < 5 : e < 2 || e == 4);
+          for (int loc = 0; logistic && loc < h.w * h.h; ++loc) dx[h.at(b, a, e, loc)] *= y[h.at(b, a, e, loc)] * (1 - y[h.at(b, a, e, loc)]);
+        }
+    want.insert(want.end(), dx.begin(), dx.end());
+    // A logistic rounded to half, then the stretch rounded again; the softmax rounds once;
+    // the gradient takes three half products.
     check_on_backends(
         [&](void* handle) {
-          auto l = make_head(handle, ORVA::TEST, h, batch);
-          Buffer<Ftype> in(handle, x);
-          ORVA::NetworkParams p = run_params(in, batch);
+          auto l = make_head(handle, ORVA::TRAIN, h, batch);
+          Buffer<Ftype> in(handle, x), down(handle, std::vector<Ftype>(n, Ftype{0}));
+          ORVA::NetworkParams p = run_params(in, batch, down);
           l->forward(p);
-          return pull(handle, l->_output, x.size());
+          push(handle, l->_delta, dy);
+          l->backward(p);
+          std::vector<Ftype> got = pull(handle, l->_output, n), grad = down.download();
+          got.insert(got.end(), grad.begin(), grad.end());
+          return got;
         },
-        reference_forward(h, to_doubles(x), batch), kHalfChain, kHalfRounding, name_of(h).c_str());
+        want, kHalfChain, kHalfRounding, name_of(h).c_str());
   }
 }
 
