@@ -115,6 +115,7 @@ TEST(NetworkBuild, BadDescriptionsEndInErrorsNamingKeyAndValue) {
       {net + "[convolution]\nfilters=1000000000\n", "filters 1000000000"},
       {net + "[convolution]\nsize=2147483647\n", "size 2147483647"},
       {net + "[convolution]\ngroups=2\n", "groups 2 must divide channels 3"},
+      {"[network]\ninputs=12\n[convolution]\n", "Layer before convolutional layer must output image."},
       // a few bytes that would ask for a column workspace of many gigabytes
       {"[network]\nwidth=4096\nheight=4096\nchannels=16\n[convolution]\nsize=31\n", "needs a workspace"},
   };
