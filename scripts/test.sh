@@ -25,7 +25,7 @@ cmake --build "$emu" -j "$jobs" --target orva_tests
 # adds the emulated CUDA backend at the cost of one more full build. ORVA_SKIP_HARDENING=1
 # leaves this block out.
 if [ "${ORVA_SKIP_HARDENING:-0}" != 1 ]; then
-  ORVA_SANITIZE_BACKENDS=${ORVA_SANITIZE_BACKENDS:-host} "$root/scripts/sanitize.sh"
+  "$root/scripts/sanitize.sh"
   for target in description network model weights; do
     "$root/scripts/fuzz.sh" "$target" "${ORVA_CI_FUZZ_SECONDS:-30}"
   done
