@@ -327,7 +327,10 @@ void conv_col2im_add(const Ftype* col, int channels, int height, int width, int 
 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
   HostConvPlan* plan = new HostConvPlan(s);
-  if (takes_winograd(s)) plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
+  if (takes_winograd(s)) {
+    plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
+    plan->wino_source.reserve((size_t)9 * s.out_c * s.in_c);
+  }
   // Only the backward passes use a column matrix; the forward pass gathers its panels into
   // the backend's scratch.
   plan->workspace_bytes = s.train && !reads_image_directly(s) ? col_elements(s) * sizeof(Ftype) : 0;
