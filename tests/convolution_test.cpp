@@ -67,6 +67,7 @@ TEST(ConvolutionStack, MatchesReferenceLayerByLayerAndEndToEnd) {
   std::vector<float> host_out;
   std::unique_ptr<ORVA::Network> host;
   for (int gpu : test_backends()) {
+    if (cudnn_missing(gpu)) continue;
     auto net = std::make_unique<ORVA::Network>(ORVA::TEST, batch, gpu);
     ASSERT_EQ(net->load(data_path("conv_stack.cfg").c_str(), nullptr, false, false), 0);
     ASSERT_EQ(net->getLayerCount(), 5);
@@ -99,6 +100,7 @@ TEST(ConvolutionStack, FoldedBatchnormMatchesUnfoldedInference) {
   const std::string weights = temp_path("stack.weights");
   std::vector<float> input = random_floats(16 * 12 * 4, 0.f, 1.f);
   for (int gpu : test_backends()) {
+    if (cudnn_missing(gpu)) continue;
     ORVA::Network unfolded(ORVA::TEST, 1, gpu);
     ASSERT_EQ(unfolded.load(data_path("conv_stack.cfg").c_str(), nullptr), 0);
     randomize_network(unfolded);
@@ -122,6 +124,7 @@ struct Geometry {
 class ConvolutionForward : public OnEachBackend {};
 
 TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
+  if (cudnn_missing()) GTEST_SKIP() << ORVA_NO_CUDNN_REASON;
   const Geometry cases[] = {
       {"filters=6\nsize=3\nactivation=leaky\n", 4, 9, 11},
       {"filters=4\nsize=3\nstride=2\npad=0\nactivation=relu\n", 3, 10, 9},
