@@ -1,8 +1,30 @@
 #!/usr/bin/env bash
-# One command on a fresh machine: install, build, run the whole test suite.
+# One command on a fresh machine: install, build, run the whole test suite on the host
+# backend; then build the emulated CUDA backend (build-emu/, the kernels run on the host)
+# and run the suite again there, comparing every kernel with its host twin; then check the
+# kernels' PTX for multiply-adds the device compiler fused on its own.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+jobs=${ORVA_JOBS:-2}
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" -DORVA_BUILD_BENCH=ON
-cd "${ORVA_BUILD_DIR:-$root/build}"
-ctest --output-on-failure -j "${ORVA_JOBS:-2}" --timeout 900
+(cd "${ORVA_BUILD_DIR:-$root/build}" && ctest --output-on-failure -j "$jobs" --timeout 900)
+
+# Emulated CUDA: threads and blocks in a shuffled order (the seed is printed) so that a
+# result depending on the order shows up as a difference from the host twin.
+emu=${ORVA_EMU_BUILD_DIR:-$root/build-emu}
+cmake -S "$root" -B "$emu" -DCMAKE_BUILD_TYPE=${ORVA_BUILD_TYPE:-Release} -DORVA_CUDA=EMULATE >/dev/null
+cmake --build "$emu" -j "$jobs" --target orva_tests
+(cd "$emu" && ORVA_EMU_ORDER=${ORVA_EMU_ORDER:-shuffle} ctest --output-on-failure -j "$jobs" --timeout 900)
+
+"$root/scripts/check_ptx.sh"
+
+# --- Hardening: the suite again under AddressSanitizer and UndefinedBehaviorSanitizer, then
+# each fuzz target for a bounded time (ORVA_CI_FUZZ_SECONDS each, 60 by default) on its corpus.
+# ORVA_SKIP_HARDENING=1 leaves this block out.
+if [ "${ORVA_SKIP_HARDENING:-0}" != 1 ]; then
+  "$root/scripts/sanitize.sh"
+  for target in description network model weights; do
+    "$root/scripts/fuzz.sh" "$target" "${ORVA_CI_FUZZ_SECONDS:-60}"
+  done
+fi

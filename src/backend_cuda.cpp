@@ -6,6 +6,7 @@
 #include "cuda_check.h"
 
 bool cuda_compiled() { return true; }
+bool cuda_emulated() { return ORVA_CUDA_EMULATED; }
 
 int cuda_device_count() {
   int n = 0;
@@ -81,7 +82,8 @@ class CudaBackend final : public Backend {
  public:
   CudaBackend(CudaHandle* h, int device) : _h(h), _device(device) {}
   BackendKind kind() const override { return BackendKind::CUDA; }
-  const char* name() const override { return "cuda"; }
+  // The emulated build says so wherever a backend is named, so it never passes for a GPU.
+  const char* name() const override { return ORVA_CUDA_EMULATED ? "cuda-emulated" : "cuda"; }
   void* alloc(size_t bytes) override {
     void* p = nullptr;
     if (cudaMalloc(&p, bytes ? bytes : 1) != cudaSuccess) {

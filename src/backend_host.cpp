@@ -59,6 +59,7 @@ namespace ORVA {
 Backend* make_cuda_backend(CudaHandle*, int) { return nullptr; }
 }  // namespace ORVA
 bool cuda_compiled() { return false; }
+bool cuda_emulated() { return false; }
 int cuda_device_count() { return 0; }
 void cuda_set_device(int) {}
 int cuda_get_device() { return 0; }

@@ -32,10 +32,10 @@ namespace gpu {
 void batchnorm_fold(void* handle, Ftype* weight, Ftype* bias, Ftype* scale, Ftype* mean_rolling,
                     Ftype* var_rolling, int n, int size) {
   cudaStream_t s = stream_of(handle);
-  scale_bias_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, s>>>(n, dev(bias), dev(scale), dev(mean_rolling), dev(var_rolling));
+  ORVA_LAUNCH(scale_bias_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, s)(n, dev(bias), dev(scale), dev(mean_rolling), dev(var_rolling));
   CHECK_LAUNCH();
   const size_t count = (size_t)n * size;
-  scale_weight_kernel<<<ORVA_GRID(count), ORVA_BLOCK, 0, s>>>(count, size, dev(weight), dev(scale), dev(var_rolling));
+  ORVA_LAUNCH(scale_weight_kernel, ORVA_GRID(count), ORVA_BLOCK, 0, s)(count, size, dev(weight), dev(scale), dev(var_rolling));
   CHECK_LAUNCH();
 }
 

@@ -15,6 +15,7 @@
 
 #include "backend.h"
 #include "blas_kernel.h"
+#include "conv_kernel.h"
 #include "half_math.h"
 #include "orva/util.h"
 
@@ -260,6 +261,11 @@ class SingleThreadedBlas {
 };
 
 }  // namespace
+
+void blas_single_threaded(const std::function<void()>& body) {
+  SingleThreadedBlas single;
+  body();
+}
 
 void gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, const Ftype* A, int lda, const Ftype* B,
           int ldb, float BETA, Ftype* C, int ldc) {

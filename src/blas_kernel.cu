@@ -41,9 +41,6 @@ inline __half as_device(Ftype h) { return __ushort_as_half(h.__x); }
 inline const __half* as_device(const Ftype* p) { return reinterpret_cast<const __half*>(p); }
 inline __half* as_device(Ftype* p) { return reinterpret_cast<__half*>(p); }
 
-// Launch shape of the per-channel element kernels: x over the plane, y the filter, z the item.
-inline dim3 bias_grid(int batch, int n, int size) { return dim3((size - 1) / ORVA_BLOCK + 1, n, batch); }
-
 }  // namespace
 
 // --- im2col / col2im ---------------------------------------------------------------------
@@ -133,25 +130,24 @@ __global__ void sum_kernel(int N, const __half* X, float* result) {
 
 // --- per channel -------------------------------------------------------------------------
 
-__global__ void add_bias_kernel(__half* output, const __half* bias, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x, f = blockIdx.y, b = blockIdx.z;
-  if (i >= size) return;
-  __half& o = output[((size_t)b * n + f) * size + i];
-  o = hadd(o, bias[f]);
+// One thread per element over the flat grid: filters and batch items are not grid
+// dimensions, whose y and z stop at 65535 (a connected layer has one element per filter).
+__global__ void add_bias_kernel(size_t N, __half* output, const __half* bias, int n, int size) {
+  const size_t i = ORVA_INDEX();
+  if (i < N) output[i] = hadd(output[i], bias[i / size % n]);
 }
 
-__global__ void scale_bias_kernel(__half* output, const __half* scale, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x, f = blockIdx.y, b = blockIdx.z;
-  if (i >= size) return;
-  __half& o = output[((size_t)b * n + f) * size + i];
-  o = hmul(o, scale[f]);
+__global__ void scale_bias_kernel(size_t N, __half* output, const __half* scale, int n, int size) {
+  const size_t i = ORVA_INDEX();
+  if (i < N) output[i] = hmul(output[i], scale[i / size % n]);
 }
 
-__global__ void scale_add_bias_kernel(__half* output, const __half* scales, const __half* bias, int n, int size) {
-  const int i = blockIdx.x * blockDim.x + threadIdx.x, f = blockIdx.y, b = blockIdx.z;
-  if (i >= size) return;
-  __half& o = output[((size_t)b * n + f) * size + i];
-  o = hadd(hmul(o, scales[f]), bias[f]);
+__global__ void scale_add_bias_kernel(size_t N, __half* output, const __half* scales, const __half* bias, int n,
+                                      int size) {
+  const size_t i = ORVA_INDEX();
+  if (i >= N) return;
+  const size_t f = i / size % n;
+  output[i] = hadd(hmul(output[i], scales[f]), bias[f]);
 }
 
 namespace {
@@ -363,7 +359,7 @@ void im2col(void* handle, const Ftype* im, int channels, int height, int width, 
             Ftype* data_col) {
   const int height_col = (height + 2 * pad - ksize) / stride + 1, width_col = (width + 2 * pad - ksize) / stride + 1;
   const int n = channels * height_col * width_col;
-  im2col_kernel<<<(n + ORVA_BLOCK - 1) / ORVA_BLOCK, ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(im2col_kernel, (n + ORVA_BLOCK - 1) / ORVA_BLOCK, ORVA_BLOCK, 0, stream_of(handle))(
       n, as_device(im), height, width, ksize, pad, stride, height_col, width_col, as_device(data_col));
   CHECK_LAUNCH();
 }
@@ -372,7 +368,7 @@ void col2im(void* handle, const Ftype* data_col, int channels, int height, int w
             Ftype* data_im) {
   const int height_col = (height + 2 * pad - ksize) / stride + 1, width_col = (width + 2 * pad - ksize) / stride + 1;
   const int n = channels * height * width;
-  col2im_kernel<<<(n + ORVA_BLOCK - 1) / ORVA_BLOCK, ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(col2im_kernel, (n + ORVA_BLOCK - 1) / ORVA_BLOCK, ORVA_BLOCK, 0, stream_of(handle))(
       n, as_device(data_col), height, width, ksize, pad, stride, height_col, width_col, as_device(data_im));
   CHECK_LAUNCH();
 }
@@ -382,27 +378,27 @@ void copy(void* handle, int N, const Ftype* X, Ftype* Y) {
 }
 
 void fill(void* handle, int N, Ftype alpha, Ftype* X) {
-  fill_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(alpha), as_device(X));
+  ORVA_LAUNCH(fill_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(alpha), as_device(X));
   CHECK_LAUNCH();
 }
 
 void scale(void* handle, int N, Ftype alpha, Ftype* X) {
-  scale_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(alpha), as_device(X));
+  ORVA_LAUNCH(scale_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(alpha), as_device(X));
   CHECK_LAUNCH();
 }
 
 void scale_add(void* handle, int N, float alpha, float beta, Ftype* X) {
-  scale_add_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, alpha, beta, as_device(X));
+  ORVA_LAUNCH(scale_add_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, alpha, beta, as_device(X));
   CHECK_LAUNCH();
 }
 
 void axpy(void* handle, int N, Ftype alpha, const Ftype* X, Ftype* Y) {
-  axpy_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(alpha), as_device(X), as_device(Y));
+  ORVA_LAUNCH(axpy_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(alpha), as_device(X), as_device(Y));
   CHECK_LAUNCH();
 }
 
 void constrain(void* handle, int N, Ftype alpha, Ftype* X) {
-  constrain_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(alpha), as_device(X));
+  ORVA_LAUNCH(constrain_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(alpha), as_device(X));
   CHECK_LAUNCH();
 }
 
@@ -411,7 +407,7 @@ float sum(void* handle, int N, const Ftype* X) {
   float* result = nullptr;
   float host_result = 0.f;
   CHECK_CUDA(cudaMalloc(&result, sizeof(float)));
-  sum_kernel<<<1, REDUCE_THREADS, 0, stream>>>(N, as_device(X), result);
+  ORVA_LAUNCH(sum_kernel, 1, REDUCE_THREADS, 0, stream)(N, as_device(X), result);
   CHECK_LAUNCH();
   CHECK_CUDA(cudaMemcpyAsync(&host_result, result, sizeof(float), cudaMemcpyDeviceToHost, stream));
   CHECK_CUDA(cudaStreamSynchronize(stream));
@@ -420,65 +416,68 @@ float sum(void* handle, int N, const Ftype* X) {
 }
 
 void add_bias(void* handle, Ftype* output, const Ftype* bias, int batch, int n, int size) {
-  add_bias_kernel<<<bias_grid(batch, n, size), ORVA_BLOCK, 0, stream_of(handle)>>>(as_device(output),
-                                                                                   as_device(bias), n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(add_bias_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(output), as_device(bias),
+                                                                             n, size);
   CHECK_LAUNCH();
 }
 
 void scale_bias(void* handle, Ftype* output, const Ftype* scale, int batch, int n, int size) {
-  scale_bias_kernel<<<bias_grid(batch, n, size), ORVA_BLOCK, 0, stream_of(handle)>>>(as_device(output),
-                                                                                     as_device(scale), n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(scale_bias_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(output),
+                                                                               as_device(scale), n, size);
   CHECK_LAUNCH();
 }
 
 void scale_add_bias(void* handle, Ftype* output, const Ftype* scales, const Ftype* bias, int batch, int n, int size) {
-  scale_add_bias_kernel<<<bias_grid(batch, n, size), ORVA_BLOCK, 0, stream_of(handle)>>>(
-      as_device(output), as_device(scales), as_device(bias), n, size);
+  const size_t N = (size_t)batch * n * size;
+  ORVA_LAUNCH(scale_add_bias_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(
+      N, as_device(output), as_device(scales), as_device(bias), n, size);
   CHECK_LAUNCH();
 }
 
 void backward_bias(void* handle, Ftype* bias_update, const Ftype* delta, int batch, int n, int size) {
-  backward_bias_kernel<<<n, REDUCE_THREADS, 0, stream_of(handle)>>>(as_device(bias_update), as_device(delta), batch,
+  ORVA_LAUNCH(backward_bias_kernel, n, REDUCE_THREADS, 0, stream_of(handle))(as_device(bias_update), as_device(delta), batch,
                                                                      n, size);
   CHECK_LAUNCH();
 }
 
 void backward_scale(void* handle, const Ftype* x_norm, const Ftype* delta, int batch, int n, int size,
                     Ftype* scale_updates) {
-  backward_scale_kernel<<<n, REDUCE_THREADS, 0, stream_of(handle)>>>(as_device(x_norm), as_device(delta), batch, n,
+  ORVA_LAUNCH(backward_scale_kernel, n, REDUCE_THREADS, 0, stream_of(handle))(as_device(x_norm), as_device(delta), batch, n,
                                                                       size, as_device(scale_updates));
   CHECK_LAUNCH();
 }
 
 void mean(void* handle, const Ftype* x, int batch, int filters, int spatial, Ftype* mean) {
-  mean_kernel<<<filters, REDUCE_THREADS, 0, stream_of(handle)>>>(as_device(x), batch, filters, spatial,
+  ORVA_LAUNCH(mean_kernel, filters, REDUCE_THREADS, 0, stream_of(handle))(as_device(x), batch, filters, spatial,
                                                                   as_device(mean));
   CHECK_LAUNCH();
 }
 
 void variance(void* handle, const Ftype* x, const Ftype* mean, int batch, int filters, int spatial, Ftype* var) {
-  variance_kernel<<<filters, REDUCE_THREADS, 0, stream_of(handle)>>>(as_device(x), as_device(mean), batch, filters,
+  ORVA_LAUNCH(variance_kernel, filters, REDUCE_THREADS, 0, stream_of(handle))(as_device(x), as_device(mean), batch, filters,
                                                                       spatial, as_device(var));
   CHECK_LAUNCH();
 }
 
 void normalize(void* handle, Ftype* x, const Ftype* mean, const Ftype* var, int batch, int filters, int spatial) {
   const size_t N = (size_t)batch * filters * spatial;
-  normalize_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(x), as_device(mean),
+  ORVA_LAUNCH(normalize_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(x), as_device(mean),
                                                                         as_device(var), filters, spatial);
   CHECK_LAUNCH();
 }
 
 void mean_delta(void* handle, const Ftype* delta, const Ftype* var, int batch, int filters, int spatial,
                 Ftype* mean_delta) {
-  mean_delta_kernel<<<filters, REDUCE_THREADS, 0, stream_of(handle)>>>(as_device(delta), as_device(var), batch,
+  ORVA_LAUNCH(mean_delta_kernel, filters, REDUCE_THREADS, 0, stream_of(handle))(as_device(delta), as_device(var), batch,
                                                                         filters, spatial, as_device(mean_delta));
   CHECK_LAUNCH();
 }
 
 void variance_delta(void* handle, const Ftype* x, const Ftype* delta, const Ftype* mean, const Ftype* var, int batch,
                     int filters, int spatial, Ftype* var_delta) {
-  variance_delta_kernel<<<filters, REDUCE_THREADS, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(variance_delta_kernel, filters, REDUCE_THREADS, 0, stream_of(handle))(
       as_device(x), as_device(delta), as_device(mean), as_device(var), batch, filters, spatial, as_device(var_delta));
   CHECK_LAUNCH();
 }
@@ -486,7 +485,7 @@ void variance_delta(void* handle, const Ftype* x, const Ftype* delta, const Ftyp
 void normalize_delta(void* handle, const Ftype* x, const Ftype* mean, const Ftype* var, const Ftype* mean_delta,
                      const Ftype* var_delta, int batch, int filters, int spatial, Ftype* delta) {
   const size_t N = (size_t)batch * filters * spatial;
-  normalize_delta_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(normalize_delta_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(
       N, as_device(x), as_device(mean), as_device(var), as_device(mean_delta), as_device(var_delta), filters, spatial,
       (float)spatial * batch, as_device(delta));
   CHECK_LAUNCH();
@@ -497,7 +496,7 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
   const int minw = std::min(w1, w2), minh = std::min(h1, h2), minc = std::min(c1, c2);
   const int stride = std::max(w1 / w2, 1), sample = std::max(w2 / w1, 1);
   const size_t size = (size_t)batch * minw * minh * minc;
-  shortcut_kernel<<<ORVA_GRID(size), ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(shortcut_kernel, ORVA_GRID(size), ORVA_BLOCK, 0, stream_of(handle))(
       size, minw, minh, minc, stride, sample, batch, w1, h1, c1, as_device(add), w2, h2, c2, as_device(alpha),
       as_device(beta), as_device(out));
   CHECK_LAUNCH();
@@ -505,45 +504,45 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
 
 void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
   const size_t N = (size_t)w * h * c * batch;
-  reorg_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(x), w, h, c, batch, stride, forward,
+  ORVA_LAUNCH(reorg_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(x), w, h, c, batch, stride, forward,
                                                                     as_device(out));
   CHECK_LAUNCH();
 }
 
 void flatten(void* handle, const Ftype* x, int spatial, int layers, int batch, int forward, Ftype* out) {
   const size_t N = (size_t)spatial * layers * batch;
-  flatten_kernel<<<ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle)>>>(N, as_device(x), spatial, layers, forward,
+  ORVA_LAUNCH(flatten_kernel, ORVA_GRID(N), ORVA_BLOCK, 0, stream_of(handle))(N, as_device(x), spatial, layers, forward,
                                                                       as_device(out));
   CHECK_LAUNCH();
 }
 
 void softmax_strided(void* handle, const Ftype* input, int n, int batch, int batch_offset, int groups,
                      int group_offset, int stride, float temp, Ftype* output) {
-  softmax_kernel<<<ORVA_GRID((size_t)batch * groups), ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(softmax_kernel, ORVA_GRID((size_t)batch * groups), ORVA_BLOCK, 0, stream_of(handle))(
       as_device(input), n, batch, batch_offset, groups, group_offset, stride, temp, as_device(output));
   CHECK_LAUNCH();
 }
 
 void softmax_mapped(void* handle, const Ftype* input, int batch, int batch_offset, int groups, const int* gmap,
                     float temp, Ftype* output) {
-  softmax_map_kernel<<<ORVA_GRID((size_t)batch * groups), ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(softmax_map_kernel, ORVA_GRID((size_t)batch * groups), ORVA_BLOCK, 0, stream_of(handle))(
       as_device(input), batch, batch_offset, groups, gmap, temp, as_device(output));
   CHECK_LAUNCH();
 }
 
 void softmax2d(void* handle, const Ftype* input, int h, int w, Ftype* output) {
-  softmax2d_kernel<<<ORVA_GRID(h), ORVA_BLOCK, 0, stream_of(handle)>>>(as_device(input), h, w, as_device(output));
+  ORVA_LAUNCH(softmax2d_kernel, ORVA_GRID(h), ORVA_BLOCK, 0, stream_of(handle))(as_device(input), h, w, as_device(output));
   CHECK_LAUNCH();
 }
 
 void softmax_backward(void* handle, const Ftype* output, const Ftype* delta, int n, Ftype* odelta) {
-  softmax_backward_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>(as_device(output), as_device(delta), n,
+  ORVA_LAUNCH(softmax_backward_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(as_device(output), as_device(delta), n,
                                                                                as_device(odelta));
   CHECK_LAUNCH();
 }
 
 void softmax2d_backward(void* handle, const Ftype* output, const Ftype* delta, int h, int w, Ftype* odelta) {
-  softmax2d_backward_kernel<<<ORVA_GRID((size_t)h * w), ORVA_BLOCK, 0, stream_of(handle)>>>(
+  ORVA_LAUNCH(softmax2d_backward_kernel, ORVA_GRID((size_t)h * w), ORVA_BLOCK, 0, stream_of(handle))(
       as_device(output), as_device(delta), h, w, as_device(odelta));
   CHECK_LAUNCH();
 }

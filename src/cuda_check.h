@@ -1,6 +1,9 @@
 // Status checks for the CUDA backend. Debug builds report and abort on any failed call of
 // the runtime or a library; release builds keep the calls and drop the checks.
 #pragma once
+#ifndef ORVA_CUDA_EMULATED
+#define ORVA_CUDA_EMULATED 0
+#endif
 #include <cublas_v2.h>
 #include <cuda_runtime.h>
 #include <cudnn.h>
@@ -38,8 +41,9 @@ inline bool status_ok(curandStatus_t s) { return s == CURAND_STATUS_SUCCESS; }
 #endif
 
 // Every kernel launch in the project: ORVA_LAUNCH(kernel, grid, block, shmem, stream)(args...).
-// Under nvcc it is the triple-chevron launch; the emulated build routes it to its emulator.
-#ifndef ORVA_LAUNCH
+// Under nvcc it is the triple-chevron launch; the emulated build (src/emu/cuda_emu.h, included
+// ahead of every CUDA source there) routes it to its emulator.
+#if !ORVA_CUDA_EMULATED
 #define ORVA_LAUNCH(kernel, grid, block, shmem, stream) kernel<<<(grid), (block), (shmem), (stream)>>>
 #endif
 

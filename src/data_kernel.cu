@@ -62,11 +62,11 @@ void cv2data(void* handle, const unsigned char* src, Ftype* dst, unsigned char* 
   const size_t n = (size_t)npix * c * groups;
   CHECK_CUDA(cudaMemcpyAsync(raw, src, n, cudaMemcpyHostToDevice, stream));
   if (c == 1) {
-    cv2data_kernel_1<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream>>>(raw, (__half*)dst, n);
+    ORVA_LAUNCH(cv2data_kernel_1, ORVA_GRID(n), ORVA_BLOCK, 0, stream)(raw, (__half*)dst, n);
   } else if (groups == 1) {
-    cv2data_kernel_n<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream>>>(raw, (__half*)dst, npix, c);
+    ORVA_LAUNCH(cv2data_kernel_n, ORVA_GRID(n), ORVA_BLOCK, 0, stream)(raw, (__half*)dst, npix, c);
   } else {
-    cv2data_kernel_nb<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream>>>(raw, (__half*)dst, npix, c, groups);
+    ORVA_LAUNCH(cv2data_kernel_nb, ORVA_GRID(n), ORVA_BLOCK, 0, stream)(raw, (__half*)dst, npix, c, groups);
   }
   CHECK_LAUNCH();
 }
@@ -75,9 +75,9 @@ void data2cv(void* handle, const Ftype* src, unsigned char* dst, unsigned char* 
   cudaStream_t stream = stream_of(handle);
   const size_t n = (size_t)npix * c;
   if (c < 2) {
-    data2cv_kernel_1<<<ORVA_GRID(npix), ORVA_BLOCK, 0, stream>>>(raw, (const __half*)src, npix);
+    ORVA_LAUNCH(data2cv_kernel_1, ORVA_GRID(npix), ORVA_BLOCK, 0, stream)(raw, (const __half*)src, npix);
   } else {
-    data2cv_kernel_n<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream>>>(raw, (const __half*)src, npix, c);
+    ORVA_LAUNCH(data2cv_kernel_n, ORVA_GRID(n), ORVA_BLOCK, 0, stream)(raw, (const __half*)src, npix, c);
   }
   CHECK_LAUNCH();
   CHECK_CUDA(cudaMemcpyAsync(dst, raw, n, cudaMemcpyDeviceToHost, stream));

@@ -16,12 +16,12 @@ __global__ void half2float_kernel(float* y, const __half* x, int n) {
 namespace gpu {
 
 void float2half(void* handle, const float* src, _half* dst, size_t n) {
-  float2half_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>(src, (__half*)dst, (int)n);
+  ORVA_LAUNCH(float2half_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(src, (__half*)dst, (int)n);
   CHECK_LAUNCH();
 }
 
 void half2float(void* handle, float* dst, const _half* src, size_t n) {
-  half2float_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>(dst, (const __half*)src, (int)n);
+  ORVA_LAUNCH(half2float_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(dst, (const __half*)src, (int)n);
   CHECK_LAUNCH();
 }
 

@@ -58,7 +58,7 @@ __global__ void get_qerror_kernel(const __half* src, int n, float scale, float s
   float sum = 0.f;
   for (int i = threadIdx.x; i < n; i += blockDim.x) {
     const float x = __half2float(src[i]);
-    sum += fabsf(x - to_steps(x * scale, -127.f, 127.f) * step);
+    sum += fabsf(__fsub_rn(x, __fmul_rn(to_steps(x * scale, -127.f, 127.f), step)));
   }
   partial[threadIdx.x] = sum;
   __syncthreads();
@@ -74,24 +74,24 @@ __global__ void get_qerror_kernel(const __half* src, int n, float scale, float s
 namespace gpu {
 
 void quant_int8(void* handle, const Ftype* x, int n, float scale, signed char* q) {
-  quant_int8_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>((const __half*)x, q, n, scale);
+  ORVA_LAUNCH(quant_int8_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))((const __half*)x, q, n, scale);
   CHECK_LAUNCH();
 }
 
 void quant_uint8(void* handle, const Ftype* x, int n, float scale, unsigned char* q) {
-  quant_uint8_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>((const __half*)x, q, n, scale);
+  ORVA_LAUNCH(quant_uint8_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))((const __half*)x, q, n, scale);
   CHECK_LAUNCH();
 }
 
 void quant_float(void* handle, const unsigned char* q, bool is_unsigned, int n, float step, Ftype* x) {
-  quant_float_kernel<<<ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle)>>>(q, (__half*)x, n, step, is_unsigned);
+  ORVA_LAUNCH(quant_float_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(q, (__half*)x, n, step, is_unsigned);
   CHECK_LAUNCH();
 }
 
 void quant_thresh(void* handle, const Ftype* x, int n, float* max_abs, float* min_value) {
   cudaStream_t stream = stream_of(handle);
   float* result = (float*)cuda_malloc(handle, 2 * sizeof(float));
-  quant_thresh_kernel<<<1, ORVA_BLOCK, 0, stream>>>((const __half*)x, n, result);
+  ORVA_LAUNCH(quant_thresh_kernel, 1, ORVA_BLOCK, 0, stream)((const __half*)x, n, result);
   CHECK_LAUNCH();
   float host[2];
   CHECK_CUDA(cudaMemcpyAsync(host, result, sizeof(host), cudaMemcpyDeviceToHost, stream));
@@ -104,7 +104,7 @@ void quant_thresh(void* handle, const Ftype* x, int n, float* max_abs, float* mi
 double get_qerror(void* handle, const Ftype* x, int n, float scale, float step) {
   cudaStream_t stream = stream_of(handle);
   double* result = (double*)cuda_malloc(handle, sizeof(double));
-  get_qerror_kernel<<<1, ORVA_BLOCK, 0, stream>>>((const __half*)x, n, scale, step, result);
+  ORVA_LAUNCH(get_qerror_kernel, 1, ORVA_BLOCK, 0, stream)((const __half*)x, n, scale, step, result);
   CHECK_LAUNCH();
   double host = 0.0;
   CHECK_CUDA(cudaMemcpyAsync(&host, result, sizeof(host), cudaMemcpyDeviceToHost, stream));

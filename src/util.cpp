@@ -16,6 +16,8 @@ const char* _source_path(const char* file) {
   static const size_t root_len = strlen(ORVA_SOURCE_ROOT);
   if (strncmp(file, ORVA_SOURCE_ROOT, root_len) == 0) return file + root_len;
 #endif
+  // A compiler cache may hand the compiler paths relative to the build folder inside the tree.
+  while (strncmp(file, "../", 3) == 0 || strncmp(file, "./", 2) == 0) file += file[1] == '.' ? 3 : 2;
   return file;
 }
 
@@ -122,6 +124,7 @@ void* malloc_aligned(size_t size) {
 }
 
 void* calloc_aligned(size_t n, size_t size) {
+  if (size && n > SIZE_MAX / size) return nullptr;
   void* p = malloc_aligned(n * size);
   if (p) memset(p, 0, n * size);
   return p;

@@ -172,6 +172,27 @@ TEST_P(ActivationKernels, LinearFusedPassIsTheBiasAddition) {
   EXPECT_TRUE(fused.guard_intact());
 }
 
+// A connected layer's bias pass: one element per filter, more filters than a grid dimension
+// other than x can count.
+TEST(ActivationReference, FusedPassOverManyFilters) {
+  const int batch = 2, filters = 70000, size = 1, type = 7;
+  const size_t n = (size_t)batch * filters * size;
+  const std::vector<Ftype> x = orva_test::random_halves(n, -4, 4), bias = orva_test::random_halves(filters, -1, 1);
+  std::vector<double> sum(n);
+  for (size_t i = 0; i < n; ++i) sum[i] = half2float_cpu(x[i].__x) + half2float_cpu(bias[i % filters].__x);
+  std::vector<double> ref = orva_test::to_doubles(orva_test::to_halves(sum));
+  for (double& r : ref) r = ref_activate(type, r);
+  orva_test::check_on_backends(
+      [&](void* h) {
+        Tensor t(h, x), b(h, bias);
+        std::unique_ptr<Activation> a(ActivationType::create(type, h));
+        a->activate(t, b, batch, filters, size);
+        EXPECT_TRUE(t.guard_intact());
+        return t.download();
+      },
+      ref, orva_test::kHalfRounding, orva_test::kHalfRounding, "leaky fused over 70000 filters");
+}
+
 // Mostly the working range, plus a sprinkle reaching mish's softplus thresholds at +-20; few
 // enough that their size does not drown the relative error of the rest.
 std::vector<Ftype> activation_inputs(size_t n) {

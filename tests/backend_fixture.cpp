@@ -12,8 +12,15 @@ std::vector<int> test_backends() {
   return v;
 }
 
+bool cudnn_missing(int gpu_index) {
+  if (gpu_index < 0 || !cuda_emulated()) return false;
+  printf("  (emulated CUDA left out: " ORVA_NO_CUDNN_REASON ")\n");
+  return true;
+}
+
 std::string backend_param_name(const ::testing::TestParamInfo<int>& info) {
-  return info.param < 0 ? "host" : "cuda" + std::to_string(info.param);
+  if (info.param < 0) return "host";
+  return (cuda_emulated() ? "cudaemu" : "cuda") + std::to_string(info.param);
 }
 
 uint32_t test_seed() {
@@ -36,6 +43,7 @@ void OnEachBackend::SetUp() {
 TEST(Backends, CudaPresentWhenRequired) {
   if (!getenv("ORVA_REQUIRE_CUDA")) GTEST_SKIP() << "no GPU required in this run";
   ASSERT_TRUE(cuda_compiled()) << "the library was built without the CUDA backend";
+  ASSERT_FALSE(cuda_emulated()) << "the library's CUDA backend is the emulated one, not a GPU";
   ASSERT_GT(cuda_device_count(), 0) << "no CUDA device visible";
 }
 

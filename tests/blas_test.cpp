@@ -220,29 +220,38 @@ int filter_of(size_t i) { return (int)(i / kSpatial % kFilters); }
 }  // namespace
 
 TEST(BlasChannel, BiasAndScalePerFilter) {
-  const auto x = random_halves(kCount, -2, 2), bias = random_halves(kFilters, -1, 1),
-             scale = random_halves(kFilters, 0.5f, 2.f);
-  std::vector<double> add(kCount), mul(kCount), both(kCount);
-  for (size_t i = 0; i < kCount; ++i) {
-    const int f = filter_of(i);
-    add[i] = h(x, i) + h(bias, f);
-    mul[i] = h(x, i) * h(scale, f);
-    both[i] = h(x, i) * h(scale, f) + h(bias, f);
-  }
-  auto with = [&](const std::vector<Ftype>& p, auto op) {
-    return [&, op](void* ctx) {
-      Tensor t(ctx, x), tp(ctx, p), tb(ctx, bias);
-      op(ctx, t, tp, tb);
-      EXPECT_TRUE(t.guard_intact());
-      return t.download();
-    };
+  struct Shape {
+    int batch, filters, spatial;
   };
-  check_on_backends(with(bias, [](void* c, Ftype* t, Ftype* p, Ftype*) { blas_add_bias(c, t, p, kBatch, kFilters, kSpatial); }),
-                    add, kHalfRounding, kExact, "blas_add_bias");
-  check_on_backends(with(scale, [](void* c, Ftype* t, Ftype* p, Ftype*) { blas_scale_bias(c, t, p, kBatch, kFilters, kSpatial); }),
-                    mul, kHalfRounding, kExact, "blas_scale_bias");
-  check_on_backends(with(scale, [](void* c, Ftype* t, Ftype* p, Ftype* b) { blas_scale_add_bias(c, t, p, b, kBatch, kFilters, kSpatial); }),
-                    both, kHalfChain, kExact, "blas_scale_add_bias");
+  // The test shape, and a connected layer's: one element per filter, more filters than a
+  // grid dimension other than x can count.
+  for (const Shape sh : {Shape{kBatch, kFilters, kSpatial}, Shape{2, 70000, 1}}) {
+    const size_t count = (size_t)sh.batch * sh.filters * sh.spatial;
+    const auto x = random_halves(count, -2, 2), bias = random_halves(sh.filters, -1, 1),
+               scale = random_halves(sh.filters, 0.5f, 2.f);
+    std::vector<double> add(count), mul(count), both(count);
+    for (size_t i = 0; i < count; ++i) {
+      const size_t f = i / sh.spatial % sh.filters;
+      add[i] = h(x, i) + h(bias, f);
+      mul[i] = h(x, i) * h(scale, f);
+      both[i] = h(x, i) * h(scale, f) + h(bias, f);
+    }
+    auto with = [&](const std::vector<Ftype>& p, auto op) {
+      return [&, op](void* ctx) {
+        Tensor t(ctx, x), tp(ctx, p), tb(ctx, bias);
+        op(ctx, t, tp, tb);
+        EXPECT_TRUE(t.guard_intact());
+        return t.download();
+      };
+    };
+    const std::string n = " " + std::to_string(sh.filters) + " filters";
+    check_on_backends(with(bias, [sh](void* c, Ftype* t, Ftype* p, Ftype*) { blas_add_bias(c, t, p, sh.batch, sh.filters, sh.spatial); }),
+                      add, kHalfRounding, kExact, ("blas_add_bias" + n).c_str());
+    check_on_backends(with(scale, [sh](void* c, Ftype* t, Ftype* p, Ftype*) { blas_scale_bias(c, t, p, sh.batch, sh.filters, sh.spatial); }),
+                      mul, kHalfRounding, kExact, ("blas_scale_bias" + n).c_str());
+    check_on_backends(with(scale, [sh](void* c, Ftype* t, Ftype* p, Ftype* b) { blas_scale_add_bias(c, t, p, b, sh.batch, sh.filters, sh.spatial); }),
+                      both, kHalfChain, kExact, ("blas_scale_add_bias" + n).c_str());
+  }
 }
 
 TEST(BlasChannel, ReductionsPerFilter) {

@@ -4,6 +4,10 @@
 #include <cmath>
 #include <cstdlib>
 
+#if ORVA_CUDA_EMULATED
+#include "emu/emu_control.h"
+#endif
+
 namespace orva_test {
 
 std::mt19937& rng() {
@@ -117,7 +121,31 @@ std::vector<Ftype> Tensor::download() const {
 
 static std::atomic<int> cuda_comparisons{0};
 
-void count_cuda_comparison() { ++cuda_comparisons; }
+// Emulated comparisons don't count: a GPU run must compare on a GPU.
+void count_cuda_comparison() {
+  if (!cuda_emulated()) ++cuda_comparisons;
+}
+
+#if ORVA_CUDA_EMULATED
+namespace {
+// Runs `op` again with blocks and threads in reverse order: a correct kernel gives the same
+// bits, a kernel with a race (or an order-dependent reduction) does not.
+void check_order_independent(const BackendOp& op, void* handle, const std::vector<Ftype>& first, const char* what) {
+  const orva_emu::Order saved = orva_emu::order();
+  orva_emu::set_order(saved == orva_emu::Order::Reverse ? orva_emu::Order::Forward : orva_emu::Order::Reverse);
+  const std::vector<Ftype> again = op(handle);
+  orva_emu::set_order(saved);
+  ASSERT_EQ(first.size(), again.size()) << what;
+  for (size_t i = 0; i < first.size(); ++i)
+    if (first[i].__x != again[i].__x) {
+      ADD_FAILURE() << what << ": emulated CUDA result depends on thread order at element " << i << " of "
+                    << first.size() << " (" << half2float_cpu(first[i].__x) << " then "
+                    << half2float_cpu(again[i].__x) << ")";
+      return;
+    }
+}
+}  // namespace
+#endif
 
 void check_on_backends(const BackendOp& op, const std::vector<double>& reference, double host_tol, double cuda_tol,
                        const char* what) {
@@ -131,6 +159,9 @@ void check_on_backends(const BackendOp& op, const std::vector<double>& reference
       continue;
     }
     std::vector<Ftype> out = op(&ctx);
+#if ORVA_CUDA_EMULATED
+    if (gpu >= 0) check_order_independent(op, &ctx, out, what);
+#endif
     destroy_handle(&ctx);
     if (gpu < 0) {
       EXPECT_TRUE(NearL2(reference, out, host_tol)) << what << " on host vs float64 reference";
@@ -143,6 +174,13 @@ void check_on_backends(const BackendOp& op, const std::vector<double>& reference
 }
 
 namespace {
+#if ORVA_CUDA_EMULATED
+// Whatever the emulator reports (a refused launch, a barrier reached by part of a block, a
+// copy outside device memory, a cuDNN call) fails the test that caused it.
+void fail_on_fault(const char* what) { ADD_FAILURE() << "emulated CUDA: " << what; }
+[[maybe_unused]] const auto previous_hook = orva_emu::set_fault_hook(fail_on_fault);
+#endif
+
 // With ORVA_REQUIRE_CUDA set, a whole-binary run that compared nothing on CUDA fails.
 class CudaComparisonGate : public ::testing::Environment {
  public:

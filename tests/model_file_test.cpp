@@ -11,11 +11,14 @@ using namespace orva_test;
 
 namespace {
 
+// The error of a load; a failed load must leave nothing that predict would run.
 std::string expect_load_error(const std::string& path) {
   ORVA::Network net(ORVA::TEST, 1, -1);
   try {
     net.load(path.c_str(), false, false);
   } catch (const std::runtime_error& e) {
+    EXPECT_EQ(net.getLayerCount(), 0);
+    EXPECT_THROW(net.predict(1), std::runtime_error);
     return e.what();
   }
   return "(loaded)";
@@ -153,9 +156,36 @@ TEST_F(ModelFile, WeightsOnlyFileRestoresWeightsAndSeen) {
   EXPECT_EQ(loaded.getSeen(), 123456789012ULL);
   EXPECT_EQ(predict_copy(loaded, input, 2), expected);
 
+
+  // Shorter: the short count of the read, a line naming the file, and nothing left built.
   write_bytes(weights, std::vector<unsigned char>(w.begin(), w.end() - 3));
   ORVA::Network truncated(ORVA::TEST, 2, -1);
-  EXPECT_THROW(truncated.load(data_path("conv_small.cfg").c_str(), weights.c_str()), std::runtime_error);
+  ::testing::internal::CaptureStderr();
+  EXPECT_THROW(truncated.load(data_path("conv_small.cfg").c_str(), weights.c_str()), size_t);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find(weights + " has " + std::to_string(w.size() - 3) + " bytes"),
+            std::string::npos);
+  EXPECT_EQ(truncated.getLayerCount(), 0);
+  EXPECT_THROW(truncated.predict(input.data(), 2), std::runtime_error);
+
+  // Longer: loads, with a warning that gives both sizes.
+  std::vector<unsigned char> longer = w;
+  longer.resize(w.size() + 8, 0);
+  write_bytes(weights, longer);
+  ORVA::setMsgLevel(WARNING);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(loaded.load(data_path("conv_small.cfg").c_str(), weights.c_str()), 0);
+  ORVA::setMsgLevel(ALERT);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find(std::to_string(longer.size()) + " bytes, the network reads " +
+                                                          std::to_string(w.size())),
+            std::string::npos);
+  EXPECT_EQ(predict_copy(loaded, input, 2), expected);
+
+  try {
+    loaded.load(data_path("conv_small.cfg").c_str(), temp_path("missing.weights").c_str());
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()), "Can't open weights file " + temp_path("missing.weights"));
+  }
 }
 
 // Format 3.3 files skip the checksum, so these reach the record parser directly.
@@ -177,6 +207,12 @@ TEST_F(ModelFile, FilesOutsideTheFormatThrow) {
   EXPECT_NE(load_variant(b).find("unknown layer type 7"), std::string::npos);
   b = v33;
   set_u32(b, 76, 0x7FFFFFFF);
+  EXPECT_NE(load_variant(b).find("Invalid model format"), std::string::npos);
+  b = v33;
+  set_u32(b, 76, (uint32_t)-1);  // negative layer count
+  EXPECT_NE(load_variant(b).find("Invalid model format"), std::string::npos);
+  b = v33;
+  set_i16(b, 8, -1);  // a negative major would pass as an old format
   EXPECT_NE(load_variant(b).find("Invalid model format"), std::string::npos);
   b = v33;
   set_u32(b, 64, 1 << 20);

@@ -34,6 +34,9 @@ struct dim3_t {
 // --- Backend selection -----------------------------------------------------------------
 // True when the library was built with the CUDA backend.
 bool cuda_compiled();
+// True when that backend is the emulated one (-DORVA_CUDA=EMULATE): CUDA's execution model
+// run on the host, for tests; its device 0 is the host and it has no cuDNN.
+bool cuda_emulated();
 // Number of CUDA devices usable now (0 without the CUDA backend or without a GPU).
 int cuda_device_count();
 // Creates the context: gpu_index >= 0 asks for that CUDA device, a negative index for the
