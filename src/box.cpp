@@ -32,7 +32,19 @@ namespace {
 
 void sort_by_score(const float* prob, int* rank, int n) {
   std::iota(rank, rank + n, 0);
-  tbb::parallel_sort(rank, rank + n, [prob](int a, int b) { return prob[a] > prob[b]; });
+  auto by_score = [prob](int a, int b) { return prob[a] > prob[b]; };
+  // A head's few thousand candidates sort faster than TBB hands the pieces out.
+  if (n < 4096)
+    std::sort(rank, rank + n, by_score);
+  else
+    tbb::parallel_sort(rank, rank + n, by_score);
+}
+
+// False when the boxes are apart: their IoU is 0 then, which neither rule acts on (hard
+// suppression needs IoU > nms > 0, soft needs a score above thresh to fall below it).
+inline bool touching(const BBox& a, const BBox& b) {
+  return std::min(a.x + a.w / 2, b.x + b.w / 2) >= std::max(a.x - a.w / 2, b.x - b.w / 2) &&
+         std::min(a.y + a.h / 2, b.y + b.h / 2) >= std::max(a.y - a.h / 2, b.y - b.h / 2);
 }
 
 // Length of the leading run of rank scoring strictly above thresh.
@@ -71,6 +83,16 @@ int trunc_int(double v) {
   return v < 2147483647.0 ? (int)v : INT32_MAX;
 }
 
+// After a sweep over the leading m of a ranked array: the survivors to the front, still by
+// descending score, and the candidates zeroed by the sweep behind every positive score of the
+// untouched tail, which is already in order. Same result as sorting the whole array again.
+void rerank(const float* prob, int* rank, int n, int m) {
+  int* zeroed = std::partition(rank, rank + m, [prob](int r) { return prob[r] != 0; });
+  std::sort(rank, zeroed, [prob](int a, int b) { return prob[a] > prob[b]; });
+  int* tail_end = std::partition_point(rank + m, rank + n, [prob](int r) { return prob[r] > 0; });
+  std::rotate(zeroed, rank + m, tail_end);
+}
+
 }  // namespace
 
 void box_nms(BBox* boxes, float* prob, int* rank, int n, float nms, float thresh) {
@@ -78,8 +100,8 @@ void box_nms(BBox* boxes, float* prob, int* rank, int n, float nms, float thresh
   sort_by_score(prob, rank, n);
   if (nms >= 1.f) return;
   const int m = above(prob, rank, n, thresh);
-  sweep(prob, rank, m, [&](int a, int b) { return box_iou(boxes[a], boxes[b]) > nms; });
-  sort_by_score(prob, rank, n);
+  sweep(prob, rank, m, [&](int a, int b) { return touching(boxes[a], boxes[b]) && box_iou(boxes[a], boxes[b]) > nms; });
+  rerank(prob, rank, n, m);
 }
 
 void box_nms_soft(BBox* boxes, float* prob, int* rank, int n, float thresh) {
@@ -87,10 +109,11 @@ void box_nms_soft(BBox* boxes, float* prob, int* rank, int n, float thresh) {
   sort_by_score(prob, rank, n);
   const int m = above(prob, rank, n, thresh);
   sweep(prob, rank, m, [&](int a, int b) {
+    if (!touching(boxes[a], boxes[b])) return false;
     const float o = box_iou(boxes[a], boxes[b]);
     return std::exp(-2.f * o * o) * prob[b] < thresh;
   });
-  sort_by_score(prob, rank, n);
+  rerank(prob, rank, n, m);
 }
 
 void box_correct(DetectObjList& objs, float* prob, int* cid, BBox* boxes, int* rank, int n, float thresh, int W,

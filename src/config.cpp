@@ -1,6 +1,10 @@
 #include "orva/config.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cfloat>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +13,19 @@ namespace {
 
 // A '#' starts an inline comment only right after white space.
 bool comment_at(const char* text, const char* p) { return *p == '#' && p > text && isspace((unsigned char)p[-1]); }
+
+// Numbers outside the type's range saturate instead of wrapping, so a range check after the
+// look-up sees them as too large rather than as some unrelated small value.
+int parse_int(const char* s) {
+  const long long v = strtoll(s, nullptr, 10);
+  return (int)std::max<long long>(INT_MIN, std::min<long long>(INT_MAX, v));
+}
+float parse_float(const char* s) {
+  const double v = strtod(s, nullptr);
+  if (v > FLT_MAX) return HUGE_VALF;
+  if (v < -FLT_MAX) return -HUGE_VALF;
+  return (float)v;
+}
 
 }  // namespace
 
@@ -108,13 +125,13 @@ const char* ConfigReader::findValue(int nsect, const char* key) const {
 }
 
 int ConfigReader::findInt(int nsect, const char* key, int def, bool quiet) const {
-  if (const char* v = findValue(nsect, key)) return (int)strtol(v, nullptr, 10);
+  if (const char* v = findValue(nsect, key)) return parse_int(v);
   if (!quiet) fprintf(stderr, "[ConfigReader] '%s' using default '%d'\n", key, def);
   return def;
 }
 
 float ConfigReader::findFloat(int nsect, const char* key, float def, bool quiet) const {
-  if (const char* v = findValue(nsect, key)) return (float)strtod(v, nullptr);
+  if (const char* v = findValue(nsect, key)) return parse_float(v);
   if (!quiet) fprintf(stderr, "[ConfigReader] '%s' using default '%f'\n", key, (double)def);
   return def;
 }
@@ -154,9 +171,9 @@ void minmax(ConfigReader& cfg, int nsect, const char* key, T& min, T& max, Parse
 }  // namespace
 
 void get_minmax(ConfigReader& cfg, int nsect, const char* key, int& min, int& max) {
-  minmax(cfg, nsect, key, min, max, [](const char* s) { return (int)strtol(s, nullptr, 10); });
+  minmax(cfg, nsect, key, min, max, [](const char* s) { return parse_int(s); });
 }
 
 void get_minmax(ConfigReader& cfg, int nsect, const char* key, float& min, float& max) {
-  minmax(cfg, nsect, key, min, max, [](const char* s) { return (float)strtod(s, nullptr); });
+  minmax(cfg, nsect, key, min, max, [](const char* s) { return parse_float(s); });
 }

@@ -3,6 +3,7 @@
 // backend (cuDNN on CUDA, im2col and matrix products on the host).
 #pragma once
 #include <cstddef>
+#include <functional>
 
 #include "orva/float16.h"
 
@@ -69,6 +70,9 @@ void conv_im2col(const Ftype* im, int channels, int height, int width, int size,
                  int dilation, int out_h, int out_w, Ftype* col);
 void conv_col2im_add(const Ftype* col, int channels, int height, int width, int size, int stride, int pad,
                      int dilation, int out_h, int out_w, Ftype* im);
+// Runs body with OpenBLAS single-threaded (blas_host.cpp), for twins that thread their own
+// float products in TBB tiles.
+void blas_single_threaded(const std::function<void()>& body);
 }  // namespace cpu
 
 namespace gpu {

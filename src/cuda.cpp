@@ -1,7 +1,9 @@
 // Device context, backend-neutral memory calls, the launch grid and tensor file I/O.
 #include "orva/cuda.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -42,9 +44,22 @@ dim3_t cuda_gridsize(size_t n) {
   return {x, y, 1};
 }
 
-void* cuda_malloc(void* handle, size_t bytes) { return ORVA::backend_of(handle)->alloc(bytes); }
+// A failed allocation is reported and thrown, never handed on: every caller would otherwise
+// have to check, and one that forgot would write through a null pointer.
+void* cuda_malloc(void* handle, size_t bytes) {
+  void* p = ORVA::backend_of(handle)->alloc(bytes);
+  if (!p && bytes) {
+    ORVA_ERROR("can't allocate %zu bytes on the %s backend", bytes, handle_name(handle));
+    throw std::bad_alloc();
+  }
+  return p;
+}
 
 void* cuda_calloc(void* handle, size_t count, size_t size) {
+  if (size && count > SIZE_MAX / size) {
+    ORVA_ERROR("can't allocate %zu x %zu bytes: the size overflows", count, size);
+    throw std::bad_alloc();
+  }
   void* p = cuda_malloc(handle, count * size);
   if (p) {
     ORVA::backend_of(handle)->memset(p, 0, count * size);
@@ -69,7 +84,14 @@ void cuda_copy(void* handle, void* dst, const void* src, size_t bytes) {
   if (bytes && dst != src) ORVA::backend_of(handle)->copy(dst, src, bytes);
 }
 void cuda_sync(void* handle) { ORVA::backend_of(handle)->sync(); }
-void* cuda_malloc_host(void* handle, size_t bytes) { return ORVA::backend_of(handle)->alloc_host(bytes); }
+void* cuda_malloc_host(void* handle, size_t bytes) {
+  void* p = ORVA::backend_of(handle)->alloc_host(bytes);
+  if (!p && bytes) {
+    ORVA_ERROR("can't allocate %zu bytes of host staging memory", bytes);
+    throw std::bad_alloc();
+  }
+  return p;
+}
 void cuda_free_host(void* handle, void* p) {
   if (p) ORVA::backend_of(handle)->release_host(p);
 }
@@ -91,61 +113,89 @@ void chk_fread(_half* buf, size_t n, FILE* f) { chk_fread(buf, 2, n, f); }
 void chk_fwrite(const _half* buf, size_t n, FILE* f) { chk_fwrite(buf, 2, n, f); }
 
 namespace {
+// Tensors move through a bounded staging buffer, so a large tensor never needs a host copy of
+// its own size, and a file that ends early is noticed before much is read.
+constexpr size_t kStagingElements = 1 << 16;
+
 // Staging buffer owned for the length of one transfer, freed before any exception leaves.
 struct Staging {
   void* handle;
   void* p;
-  Staging(void* h, size_t bytes) : handle(h), p(cuda_malloc_host(h, bytes ? bytes : 1)) {
-    if (!p) throw std::bad_alloc();
-  }
+  Staging(void* h, size_t bytes) : handle(h), p(cuda_malloc_host(h, bytes ? bytes : 1)) {}
   ~Staging() { cuda_free_host(handle, p); }
 };
 }  // namespace
 
 void cuda_fread(void* handle, void* dst, size_t size, size_t n, FILE* f) {
-  size_t got;
+  if (!size || !n) return;
+  const size_t chunk = std::max<size_t>(1, kStagingElements * 4 / size);
+  size_t got = 0;
   {
-    Staging s(handle, size * n);
-    got = fread(s.p, size, n, f);
-    cuda_push(handle, dst, s.p, size * n);
-    cuda_sync(handle);
+    Staging s(handle, std::min(n, chunk) * size);
+    while (got < n) {
+      const size_t want = std::min(chunk, n - got);
+      const size_t read = fread(s.p, size, want, f);
+      cuda_push(handle, static_cast<char*>(dst) + got * size, s.p, read * size);
+      cuda_sync(handle);
+      got += read;
+      if (read != want) break;
+    }
   }
   if (got != n) throw got;
 }
 
 void cuda_fwrite(void* handle, const void* src, size_t size, size_t n, FILE* f) {
-  size_t put;
+  if (!size || !n) return;
+  const size_t chunk = std::max<size_t>(1, kStagingElements * 4 / size);
+  size_t put = 0;
   {
-    Staging s(handle, size * n);
-    cuda_pull(handle, s.p, src, size * n);
-    cuda_sync(handle);
-    put = fwrite(s.p, size, n, f);
+    Staging s(handle, std::min(n, chunk) * size);
+    while (put < n) {
+      const size_t want = std::min(chunk, n - put);
+      cuda_pull(handle, s.p, static_cast<const char*>(src) + put * size, want * size);
+      cuda_sync(handle);
+      const size_t wrote = fwrite(s.p, size, want, f);
+      put += wrote;
+      if (wrote != want) break;
+    }
   }
   if (put != n) throw put;
 }
 
 void cuda_fread(void* handle, _half* dst, size_t n, FILE* f) {
-  size_t got;
+  size_t got = 0;
   {
-    Staging s(handle, 4 * n);
-    got = fread(s.p, 4, n, f);
-    // Only what was read is narrowed; the rest of the tensor keeps zeros, not stale bytes.
-    if (got < n) memset(static_cast<float*>(s.p) + got, 0, (n - got) * 4);
-    float2half_cpu(static_cast<float*>(s.p), static_cast<_half*>(s.p), n);
-    cuda_push(handle, dst, s.p, 2 * n);
-    cuda_sync(handle);
+    Staging s(handle, 4 * std::min(n, kStagingElements));
+    float* buf = static_cast<float*>(s.p);
+    while (got < n) {
+      const size_t want = std::min(kStagingElements, n - got);
+      const size_t read = fread(buf, 4, want, f);
+      // Only what was read is narrowed; the rest of a short piece is zeros, not stale bytes.
+      if (read < want) memset(buf + read, 0, (want - read) * 4);
+      float2half_cpu(buf, reinterpret_cast<_half*>(buf), want);
+      cuda_push(handle, dst + got, buf, 2 * want);
+      cuda_sync(handle);
+      got += read;
+      if (read != want) break;
+    }
   }
   if (got != n) throw got;
 }
 
 void cuda_fwrite(void* handle, const _half* src, size_t n, FILE* f) {
-  size_t put;
+  size_t put = 0;
   {
-    Staging s(handle, 4 * n);
-    cuda_pull(handle, s.p, src, 2 * n);
-    cuda_sync(handle);
-    half2float_cpu(static_cast<float*>(s.p), static_cast<_half*>(s.p), n);
-    put = fwrite(s.p, 4, n, f);
+    Staging s(handle, 4 * std::min(n, kStagingElements));
+    float* buf = static_cast<float*>(s.p);
+    while (put < n) {
+      const size_t want = std::min(kStagingElements, n - put);
+      cuda_pull(handle, buf, src + put, 2 * want);
+      cuda_sync(handle);
+      half2float_cpu(buf, reinterpret_cast<_half*>(buf), want);
+      const size_t wrote = fwrite(buf, 4, want, f);
+      put += wrote;
+      if (wrote != want) break;
+    }
   }
   if (put != n) throw put;
 }

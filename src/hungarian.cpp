@@ -4,6 +4,7 @@
 // tracker's identities depend on that choice, so they are kept exactly: columns before rows,
 // lowest index first, first qualifying zero wins.
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -225,7 +226,7 @@ float solveAssignment(std::vector<std::vector<float>>& cost, std::vector<int>& a
     for (int c = 0; c < M; c++) {
       float v = cost[r][c];
       if (v < 0) {
-        ORVA_ERROR("All matrix elements have to be non-negative.\n");
+        fputs("ERROR: All matrix elements have to be non-negative.\n", stderr);
         return -1.0f;
       }
       // A NaN or an infinity would make the adjust step loop for ever.

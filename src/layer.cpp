@@ -3,17 +3,25 @@
 #include <cstring>
 
 #include "conv_kernel.h"
+#include "layer/activation_layer.h"
+#include "layer/attention_layer.h"
 #include "layer/avgpool_layer.h"
+#include "layer/batchnorm_layer.h"
 #include "layer/convolution_layer.h"
 #include "layer/cost_layer.h"
 #include "layer/detobj_layer.h"
+#include "layer/dropout_layer.h"
+#include "layer/dynactivation_layer.h"
+#include "layer/fullconnect_layer.h"
 #include "layer/heatmap_layer.h"
 #include "layer/maxpool_layer.h"
 #include "layer/qregion_layer.h"
 #include "layer/region_layer.h"
 #include "layer/reorg_layer.h"
 #include "layer/route_layer.h"
+#include "layer/scalemap_layer.h"
 #include "layer/shortcut_layer.h"
+#include "layer/siammerge_layer.h"
 #include "layer/softmax_layer.h"
 #include "layer/upsizenn_layer.h"
 #include "layer/upsizesp_layer.h"
@@ -71,24 +79,24 @@ struct RegistryEntry {
 };
 const RegistryEntry kRegistry[] = {
     {"convolution", LAYER_CONVOLUTION, make_layer<ConvolutionLayer>},
-    {"fconn", LAYER_FCONN, nullptr},
+    {"fconn", LAYER_FCONN, make_layer<FullconnectLayer>},
     {"maxpool", LAYER_MAXPOOL, make_layer<MaxpoolLayer>},
     {"softmax", LAYER_SOFTMAX, make_layer<SoftmaxLayer>},
-    {"dropout", LAYER_DROPOUT, nullptr},
+    {"dropout", LAYER_DROPOUT, make_layer<DropoutLayer>},
     {"route", LAYER_ROUTE, make_layer<RouteLayer>},
     {"cost", LAYER_COST, make_layer<CostLayer>},
     {"avgpool", LAYER_AVGPOOL, make_layer<AvgpoolLayer>},
     {"shortcut", LAYER_SHORTCUT, make_layer<ShortcutLayer>},
-    {"activation", LAYER_ACTIVATION, nullptr},
-    {"batchnorm", LAYER_BATCHNORM, nullptr},
+    {"activation", LAYER_ACTIVATION, make_layer<ActivationLayer>},
+    {"batchnorm", LAYER_BATCHNORM, make_layer<BatchnormLayer>},
     {"region", LAYER_REGION, make_layer<RegionLayer>},
     {"reorg", LAYER_REORG, make_layer<ReorgLayer>},
     {"upsample", LAYER_UPSAMPLE, make_layer<UpsizennLayer>},
     {"spresize", LAYER_SPRESIZE, make_layer<UpsizespLayer>},
-    {"scalemap", LAYER_SCALEMAP, nullptr},
-    {"attention", LAYER_ATTENTION, nullptr},
-    {"dynact", LAYER_DYNACT, nullptr},
-    {"smerge", LAYER_SMERGE, nullptr},
+    {"scalemap", LAYER_SCALEMAP, make_layer<ScalemapLayer>},
+    {"attention", LAYER_ATTENTION, make_layer<AttentionLayer>},
+    {"dynact", LAYER_DYNACT, make_layer<DynActivationLayer>},
+    {"smerge", LAYER_SMERGE, make_layer<SiamMergeLayer>},
     {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
     {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
     {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},

@@ -5,19 +5,15 @@
 #include <ctime>
 #include <memory>
 #include <stdexcept>
+#include <string>
 
+#include "checked_size.h"
 #include "orva/chksum.h"
 #include "orva/config.h"
 
 namespace ORVA {
 
 namespace {
-// Bounds on what a model file may ask for before anything is allocated.
-constexpr int kMaxLayers = 4096;
-constexpr int kMaxInputSide = 1 << 16;
-constexpr long long kMaxInputElements = 1LL << 28;
-constexpr long long kMaxNetworkElements = 1LL << 29;
-constexpr int kMaxSiamese = 64;
 constexpr char kMagic[8] = {'O', 'R', 'V', 'A', ' ', ' ', ' ', ' '};
 constexpr int kEngineVersion = (ORVA_MAJOR_VERSION << 16) | ORVA_MINOR_VERSION;
 
@@ -34,7 +30,11 @@ FilePtr open_model(const char* path, const char* how) {
   return FilePtr(f);
 }
 
-int header_version(const ModelHeader& h) { return ((int)h.major << 16) | (unsigned short)h.minor; }
+// (major << 16) | minor as the bits of an int; shifted unsigned so a negative major can't
+// overflow the shift.
+int header_version(const ModelHeader& h) {
+  return (int)(((uint32_t)(uint16_t)h.major << 16) | (uint16_t)h.minor);
+}
 
 // A model file of fewer than 64 bytes has no header; returns false then.
 bool read_header(const char* path, ModelHeader& h) {
@@ -43,6 +43,42 @@ bool read_header(const char* path, ModelHeader& h) {
 }
 
 void read_int(FILE* fp, int& v) { chk_fread(&v, 4, 1, fp); }
+
+long long file_size(FILE* f) {
+  const long pos = ftell(f);
+  if (pos < 0 || fseek(f, 0, SEEK_END) != 0) return -1;
+  const long end = ftell(f);
+  fseek(f, pos, SEEK_SET);
+  return end;
+}
+
+// Why a built layer breaks the network-wide bounds, or empty. `elements` accumulates the
+// outputs and weights of the layers so far.
+std::string layer_bounds_fault(const Layer* l, int64_t& elements) {
+  char why[200];
+  const int64_t outputs = checked_product({l->_batch, l->_outputs}, kMaxTensorElements);
+  if (l->_batch < 0 || l->_outputs < 0 || outputs < 0) {
+    snprintf(why, sizeof(why), "output of batch %d x %d elements exceeds %lld", l->_batch, l->_outputs,
+             (long long)kMaxTensorElements);
+    return why;
+  }
+  if (l->_weights < 0 || l->_weights > kMaxTensorElements) {
+    snprintf(why, sizeof(why), "weights %d exceed %lld", l->_weights, (long long)kMaxTensorElements);
+    return why;
+  }
+  elements += outputs + l->_weights;
+  if (elements > kMaxNetworkElements) {
+    snprintf(why, sizeof(why), "the layers so far need %lld elements, more than %lld", (long long)elements,
+             (long long)kMaxNetworkElements);
+    return why;
+  }
+  if (l->_workspace_size > (size_t)kMaxWorkspaceBytes || l->_qinput_size > (size_t)kMaxWorkspaceBytes) {
+    snprintf(why, sizeof(why), "workspace %zu bytes, 8-bit input %zu bytes exceed %lld", l->_workspace_size,
+             l->_qinput_size, (long long)kMaxWorkspaceBytes);
+    return why;
+  }
+  return "";
+}
 }  // namespace
 
 Network::Network(int mode, int batch, int gpu_index)
@@ -72,32 +108,75 @@ Layer* Network::getLayer(int i) {
 // --- Construction from a description ------------------------------------------------------
 
 int Network::load(const char* path_cfg, const char* path_weight, bool quant, bool fast) {
-  const int built = _parseConfig(path_cfg, quant, fast);
-  if (built != 0 || !path_weight || !*path_weight) return built;
-  FilePtr f = open_model(path_weight, "rb");
   try {
-    int leading[3];
-    chk_fread(leading, 4, 3, f.get());
-    uint64_t seen = 0;
-    chk_fread(&seen, 8, 1, f.get());
-    _seen = (size_t)seen;
-    for (Layer* l : _layers) l->loadWeight(f.get(), quant);
-  } catch (size_t) {
-    throw std::runtime_error(std::string("Truncated weights file: ") + path_weight);
+    const int built = _parseConfig(path_cfg, quant, fast);
+    if (built != 0 || !path_weight || !*path_weight) return built;
+    _loadWeights(path_weight, quant);
+  } catch (...) {
+    // A network that could not be built completely is never left half usable.
+    _deleteLayers();
+    _freeNetwork();
+    throw;
   }
   return 0;
 }
 
+void Network::_loadWeights(const char* path, bool quant) {
+  FILE* raw = fopen(path, "rb");
+  if (!raw) throw std::runtime_error(std::string("Can't open weights file ") + path);
+  FilePtr f(raw);
+  FILE* fp = f.get();
+  const long long bytes = file_size(fp);
+  int layer = -1;
+  try {
+    int leading[3];
+    chk_fread(leading, 4, 3, fp);
+    uint64_t seen = 0;
+    chk_fread(&seen, 8, 1, fp);
+    _seen = (size_t)seen;
+    for (layer = 0; layer < (int)_layers.size(); ++layer) _layers[layer]->loadWeight(fp, quant);
+  } catch (size_t) {
+    if (layer < 0)
+      ORVA_ERROR("weights file %s has %lld bytes, fewer than the 20 of its header", path, bytes);
+    else
+      ORVA_ERROR("weights file %s has %lld bytes and ends inside the weights of layer %d", path, bytes, layer);
+    throw;
+  }
+  const long long used = ftell(fp);
+  if (bytes > used)
+    ORVA_MSG(WARNING, "WARNING: weights file %s has %lld bytes, the network reads %lld of them\n", path, bytes,
+             used);
+}
+
 int Network::_parseConfig(const char* path, bool quant, bool fast) {
   ConfigReader cfg;
-  if (!path || cfg.load(path) != 0) throw std::runtime_error("Can't open config file");
+  const int read = path ? cfg.load(path) : -1;
+  if (read < 0) {
+    ORVA_ERROR("can't read the description %s", path ? path : "(null)");
+    throw std::runtime_error("Can't open config file");
+  }
+  if (read > 0) {
+    throw std::runtime_error(std::string("Can't parse config file ") + path + ", line " + std::to_string(read) +
+                             ": neither a [section] nor a key=value pair");
+  }
   _deleteLayers();
+  _freeNetwork();
   const int ns = cfg.findSection("network", 0);
   if (ns < 0) return -1;
-  iW = cfg.findInt(ns, "width", 0, true);
-  iH = cfg.findInt(ns, "height", 0, true);
-  iC = cfg.findInt(ns, "channels", 0, true);
-  _inputs = cfg.findInt(ns, "inputs", iW * iH * iC, true);
+  const char* side_keys[3] = {"width", "height", "channels"};
+  int* sides[3] = {&iW, &iH, &iC};
+  for (int k = 0; k < 3; ++k) {
+    *sides[k] = cfg.findInt(ns, side_keys[k], 0, true);
+    if (*sides[k] < 0 || *sides[k] > kMaxInputSide)
+      ORVA_FATAL("network: %s %d out of range 0..%d", side_keys[k], *sides[k], kMaxInputSide);
+  }
+  const int64_t product = checked_product({iW, iH, iC}, kMaxTensorElements);
+  if (product < 0) {
+    ORVA_FATAL("network: input %d x %d x %d exceeds %lld elements", iW, iH, iC, (long long)kMaxTensorElements);
+  }
+  _inputs = cfg.findInt(ns, "inputs", (int)product, true);
+  if (_inputs < 0 || _inputs > kMaxTensorElements)
+    ORVA_FATAL("network: inputs %d out of range 0..%lld", _inputs, (long long)kMaxTensorElements);
   if (_inputs == 0 && (!iW || !iH || !iC)) {
     ORVA_FATAL("No input parameters supplied");
   }
@@ -124,18 +203,31 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
     parse_train_options(_tparams, cfg);
     nBatch = std::max(1, cfg.findInt(ts, "batch", nBatch, true));
   }
+  const int64_t sample = std::max<int64_t>(_inputs, product);
+  if (checked_product({nBatch, _siamese, sample}, kMaxTensorElements) < 0) {
+    ORVA_FATAL("network: batch %d x siamese %d x %lld input elements exceeds %lld", nBatch, _siamese,
+               (long long)sample, (long long)kMaxTensorElements);
+  }
 
   InputParams params = _firstInputParams(nBatch, iH, iW, iC, quant, fast);
   size_t workspace = 0, qinput = 0;
+  int64_t elements = 0;
   Layer* prev = nullptr;
   for (int s = 0; s < cfg.getSectionSize(); ++s) {
-    Layer* l = LayerType::create(cfg.getSectionName(s), mode, prev, _gpu_handle);
+    const char* name = cfg.getSectionName(s);
+    Layer* l = LayerType::create(name, mode, prev, _gpu_handle);
     if (!l) continue;
+    if ((int)_layers.size() >= kMaxLayers) {
+      delete l;
+      ORVA_FATAL("network: more than %d layers", kMaxLayers);
+    }
     params.nsect = s;
     params.index = (int)_layers.size();
     ORVA_MSG(INFO, "%4d  ", params.index);
     _layers.push_back(l);  // owned from here on, even if its configuration fails
     l->parseConfig(cfg, params);
+    const std::string fault = layer_bounds_fault(l, elements);
+    if (!fault.empty()) ORVA_FATAL("%s (layer %d): %s", name, params.index, fault.c_str());
     params.batch = l->_batch;
     params.inputs = l->_outputs;
     params.h = l->_out_h;
@@ -160,6 +252,7 @@ void Network::_makeNetwork(size_t workspace_size, size_t qinput_size) {
   oC = _loutput ? _loutput->_out_c : 0;
   void* h = _gpu_handle;
   // A resized non-square input counts h x h x c elements; the tensor still holds the image.
+  // Both builders bounded every count used here, so the products can't wrap.
   const size_t sample = std::max((size_t)_inputs, (size_t)iW * iH * iC);
   _input = cuda_malloc(h, 2 * (size_t)nBatch * sample * _siamese);
   _input_raw = static_cast<unsigned char*>(cuda_malloc(h, sample * _siamese));
@@ -169,7 +262,11 @@ void Network::_makeNetwork(size_t workspace_size, size_t qinput_size) {
   _output = _omem;
   if (mode == TRAIN) {
     _truths = _loutput ? (_loutput->_truths ? _loutput->_truths : _loutput->_outputs) : 0;
+    if (checked_product({nBatch, _truths}, kMaxTensorElements) < 0)
+      throw std::runtime_error("network: batch " + std::to_string(nBatch) + " x truths " + std::to_string(_truths) +
+                               " exceeds " + std::to_string(kMaxTensorElements));
     _truth = static_cast<float*>(calloc((size_t)nBatch * _truths + 1, 4));
+    if (!_truth) throw std::bad_alloc();
   }
   if (workspace_size) _workspace = cuda_malloc(h, workspace_size);
   if (qinput_size) _qinput = cuda_malloc(h, _siamese * qinput_size);
@@ -190,6 +287,11 @@ void Network::_freeNetwork() {
 }
 
 void Network::resize(int w, int h) {
+  if (_layers.empty()) throw std::runtime_error("resize: the network is not built");
+  if (w < 1 || h < 1 || w > kMaxInputSide || h > kMaxInputSide ||
+      checked_product({nBatch, _siamese, std::max(h, w), h, iC}, kMaxTensorElements) < 0)
+    throw std::invalid_argument("resize: " + std::to_string(w) + " x " + std::to_string(h) + " x " +
+                                std::to_string(iC) + " is out of range");
   iH = h;
   iW = w;
   _inputs = h * h * iC;  // square inputs are what resizing is for
@@ -201,16 +303,26 @@ void Network::resize(int w, int h) {
   params.c = iC;
   params.net = this;
   size_t workspace = 0, qinput = 0;
-  for (Layer* l : _layers) {
-    l->resize(params);
-    params.h = l->_out_h;
-    params.w = l->_out_w;
-    params.batch = l->_batch;
-    params.inputs = l->_outputs;
-    workspace = std::max(workspace, l->_workspace_size);
-    qinput = std::max(qinput, l->_qinput_size);
+  int64_t elements = 0;
+  try {
+    for (Layer* l : _layers) {
+      l->resize(params);
+      const std::string fault = layer_bounds_fault(l, elements);
+      if (!fault.empty()) throw std::runtime_error("resize: " + fault);
+      params.h = l->_out_h;
+      params.w = l->_out_w;
+      params.batch = l->_batch;
+      params.inputs = l->_outputs;
+      workspace = std::max(workspace, l->_workspace_size);
+      qinput = std::max(qinput, l->_qinput_size);
+    }
+    _makeNetwork(workspace, qinput);
+  } catch (...) {
+    // Some layers have the new shape and some the old one: nothing of it can run.
+    _deleteLayers();
+    _freeNetwork();
+    throw;
   }
-  _makeNetwork(workspace, qinput);
 }
 
 // --- Inference ------------------------------------------------------------------------
@@ -248,8 +360,10 @@ InputParams Network::_firstInputParams(int nBatch, int iH, int iW, int iC, bool 
 
 template <typename FillInput>
 float* Network::_predict(int batch, FillInput fill_input) {
+  if (!_loutput)
+    throw std::runtime_error("predict: the network is not built (its load failed or never happened)");
   const int n = std::min(batch, nBatch);
-  if (n < 1 || !_loutput) return _output;
+  if (n < 1) return _output;
   void* h = _gpu_handle;
   fill_input(n);
   _forward(n);
@@ -385,6 +499,8 @@ int Network::load(const char* path_net, bool quant, bool fast) {
   if (fread(&header, 1, sizeof(header), f.get()) != sizeof(header) || memcmp(header.magic, kMagic, 8) != 0)
     throw std::runtime_error("Invalid model format");
   version = header_version(header);
+  if (header.major < 0) throw std::runtime_error("Invalid model format: version " + std::to_string(header.major) + "." +
+                                                 std::to_string(header.minor));
   if (version >= kEngineVersion + 1) throw std::runtime_error("Must engine version >= model version");
   char stamp[20] = "";
   const time_t rev = (time_t)header.rev;
@@ -413,6 +529,7 @@ void Network::_loadModel(FILE* fp, bool quant, bool fast) {
 
 void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
   _deleteLayers();
+  _freeNetwork();
   read_int(fp, iH);
   read_int(fp, iW);
   read_int(fp, iC);
@@ -420,25 +537,25 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
   read_int(fp, count);
   read_int(fp, _precision);
   if (version > 0x30002) read_int(fp, _siamese);
-  char why[160];
-  if (iH < 0 || iW < 0 || iC < 0 || iH > kMaxInputSide || iW > kMaxInputSide || iC > kMaxInputSide ||
-      (long long)iH * iW * iC > kMaxInputElements) {
+  char why[200];
+  const int64_t sample = checked_product({iH, iW, iC}, kMaxTensorElements);
+  if (iH < 0 || iW < 0 || iC < 0 || iH > kMaxInputSide || iW > kMaxInputSide || iC > kMaxInputSide || sample < 0) {
     snprintf(why, sizeof(why), "Invalid model format: input %d x %d x %d", iW, iH, iC);
     throw std::runtime_error(why);
   }
-  if (count > kMaxLayers || _siamese < 1 || _siamese > kMaxSiamese ||
-      (long long)nBatch * _siamese * iH * iW * iC > kMaxInputElements) {
-    snprintf(why, sizeof(why), "Invalid model format: %d layers, siamese %d", count, _siamese);
+  if (count < 0 || count > kMaxLayers || _siamese < 1 || _siamese > kMaxSiamese ||
+      checked_product({nBatch, _siamese, sample}, kMaxTensorElements) < 0) {
+    snprintf(why, sizeof(why), "Invalid model format: %d layers, siamese %d, batch %d", count, _siamese, nBatch);
     throw std::runtime_error(why);
   }
-  _inputs = iH * iW * iC;
+  _inputs = (int)sample;
   InputParams params = _firstInputParams(nBatch, iH, iW, iC, quant, fast);
   if (count < 1) {
     _makeNetwork(0, 0);
     return;
   }
   size_t workspace = 0, qinput = 0;
-  long long elements = 0;
+  int64_t elements = 0;
   Layer* prev = nullptr;
   for (int i = 0; i < count; ++i) {
     int type = -1;
@@ -452,9 +569,9 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
     params.index = i;
     ORVA_MSG(INFO, "%4d  ", i);
     l->loadConfig(fp, params);
-    elements += (long long)l->_batch * l->_outputs + l->_weights;
-    if (elements > kMaxNetworkElements) {
-      snprintf(why, sizeof(why), "Invalid model format: the layers up to record %d need %lld elements", i, elements);
+    const std::string fault = layer_bounds_fault(l, elements);
+    if (!fault.empty()) {
+      snprintf(why, sizeof(why), "Invalid model format: record %d (type %d): %s", i, type, fault.c_str());
       throw std::runtime_error(why);
     }
     params.batch = l->_batch;

@@ -39,9 +39,10 @@ float Network::train(TData& d) {
 
 void Network::_tforward() {
   // The loss layers write their gradient during the forward pass, so the gradients are
-  // cleared before it rather than at the start of the backward pass.
+  // cleared before it rather than at the start of the backward pass. Each layer clears the
+  // batch it was built for: after a siamese merge that is fewer samples.
   for (Layer* l : _layers)
-    if (l->_delta) blas_fill(_gpu_handle, nBatch * _siamese * l->_outputs, 0.f, l->_delta);
+    if (l->_delta) blas_fill(_gpu_handle, l->_batch * l->_outputs, 0.f, l->_delta);
   _forward(nBatch);
   float sum = 0.f;
   int count = 0;

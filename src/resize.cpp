@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "orva/image.h"
 #include "orva/util.h"
@@ -39,7 +40,7 @@ void resize_ratio(const cv::Mat& src, cv::Mat& dst, cv::Size* size, float tolera
     return;
   }
   if (src.depth() != CV_8U || (src.channels() != 1 && src.channels() != 3)) {
-    ORVA_ERROR("unsupported image channels\n");
+    fputs("ERROR: unsupported image channels\n", stderr);
     return;
   }
   const int cols = src.cols, rows = src.rows;

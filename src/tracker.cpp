@@ -124,7 +124,8 @@ void Tracker::process(cv::Mat& frame, DetectObjList& objs) {
 
   auto next_id = [this] {
     int id = _idSeq;
-    _idSeq = (_idSeq + 1) & 0x7FFFFFFF;
+    // Stepped unsigned: the signed sum would overflow at 2147483647 before the mask wraps it.
+    _idSeq = (int)(((unsigned)_idSeq + 1u) & 0x7FFFFFFFu);
     return id;
   };
   auto report = [&](KalmanTracker& t) {

@@ -1,5 +1,6 @@
 #include "orva/util.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdarg>
@@ -16,16 +17,38 @@ const char* _source_path(const char* file) {
   static const size_t root_len = strlen(ORVA_SOURCE_ROOT);
   if (strncmp(file, ORVA_SOURCE_ROOT, root_len) == 0) return file + root_len;
 #endif
-  // A compiler cache may hand the compiler paths relative to the build folder, which sits
-  // inside the source root: drop the climb back to it.
-  while (strncmp(file, "../", 3) == 0) file += 3;
+  // A compiler cache may hand the compiler paths relative to the build folder inside the tree.
+  while (strncmp(file, "../", 3) == 0 || strncmp(file, "./", 2) == 0) file += file[1] == '.' ? 3 : 2;
   return file;
 }
 
+// The signature as GCC writes it, whichever compiler built the library: clang spells
+// "const char *" and "(anonymous namespace)", and error lines must not depend on that.
+static void signature(const char* func, char* out, size_t size) {
+  static const char kClangAnon[] = "(anonymous namespace)";
+  size_t n = 0;
+  for (const char* p = func; *p && n + 1 < size;) {
+    if (strncmp(p, kClangAnon, sizeof(kClangAnon) - 1) == 0) {
+      const int put = snprintf(out + n, size - n, "{anonymous}");
+      n = std::min(size - 1, n + (size_t)std::max(put, 0));
+      p += sizeof(kClangAnon) - 1;
+      continue;
+    }
+    if (*p == ' ' && (p[1] == '*' || p[1] == '&')) {
+      ++p;
+      continue;
+    }
+    out[n++] = *p++;
+  }
+  out[n] = 0;
+}
+
 static void print_error_v(const char* file, const char* func, int line, const char* text) {
+  char sig[512];
+  signature(func, sig, sizeof(sig));
   // One fprintf for the whole line keeps lines from two threads apart.
   size_t len = strlen(text);
-  fprintf(stderr, "[%s %s:%d] ERROR: %s%s", _source_path(file), func, line, text,
+  fprintf(stderr, "[%s %s:%d] ERROR: %s%s", _source_path(file), sig, line, text,
           (len && text[len - 1] == '\n') ? "" : "\n");
 }
 
@@ -125,6 +148,7 @@ void* malloc_aligned(size_t size) {
 }
 
 void* calloc_aligned(size_t n, size_t size) {
+  if (size && n > SIZE_MAX / size) return nullptr;
   void* p = malloc_aligned(n * size);
   if (p) memset(p, 0, n * size);
   return p;

@@ -265,24 +265,112 @@ TEST_P(DetectNetworkTest, AnalyticDetectorSingleAndBatch) {
 
 INSTANTIATE_TEST_SUITE_P(Backends, DetectNetworkTest, ::testing::ValuesIn(test_backends()), backend_param_name);
 
+// ---- Classification ------------------------------------------------------------------------
+
+// A 1 x 1 convolution with zero weights: the scores are its biases.
+const float kScores[5] = {0.25f, 0.75f, 0.5f, 0.75f, -1.f};
+
+template <typename Net>
+void load_scores(Net& net, const std::string& tail) {
+  const std::string cfg = temp_path("scores.cfg");
+  write_file(cfg, "[network]\nwidth=1\nheight=1\nchannels=3\n[convolution]\nfilters=5\nsize=1\nactivation=linear\n" + tail);
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  push(net.getHandle(), conv_at(net, 0)->_weight, to_halves(std::vector<float>(15, 0.f)));
+  push(net.getHandle(), conv_at(net, 0)->_bias, to_halves(std::vector<float>(kScores, kScores + 5)));
+}
+
+TEST(ClassifyNetwork, BestClassAndTopK) {
+  ORVA::ClassifyNetwork net(ORVA::TEST, 2, -1);
+  load_scores(net, "");
+  EXPECT_EQ(net.getClassNum(), 5);
+  cv::Mat frames[2] = {cv::Mat::zeros(1, 1, CV_8UC3), cv::Mat::zeros(1, 1, CV_8UC3)};
+  ORVA::ClassIdList lists[2];
+  // Best class: the lower index wins a tie, a score equal to the threshold is kept.
+  ASSERT_NE(net.classify(lists, frames, 0.75f, 1, 2), nullptr);
+  ASSERT_EQ(lists[1].size(), 1u);
+  EXPECT_EQ(std::make_pair(lists[1][0].id, lists[1][0].prob), std::make_pair(1, 0.75f));
+  net.classify(lists, frames, 0.8f, 1, 2);
+  EXPECT_TRUE(lists[0].empty());
+  // Top k beyond the class count: every class reaching the threshold, best first.
+  net.classify(lists, frames, 0.f, 9, 2);
+  ASSERT_EQ(lists[0].size(), 4u);
+  EXPECT_EQ(lists[0][0].id + lists[0][1].id, 1 + 3);
+  EXPECT_EQ(lists[0][2].id * 10 + lists[0][3].id, 20);
+  EXPECT_EQ(net.classify(lists, frames, 0.f, 1, 0), nullptr);
+}
+
+TEST(GroupClassifyNetwork, WinnerPerGroupAndSmoothing) {
+  ORVA::GroupClassifyNetwork net(ORVA::TEST, 1, -1);
+  load_scores(net, "[softmax]\ngroups=2\nmap=2,3\n");
+  ASSERT_EQ(net.getGroups(), 2);
+  cv::Mat frame = cv::Mat::zeros(1, 1, CV_8UC3);
+  ORVA::ClassIdList list;
+  const float* out = net.classify(&list, &frame, 1);
+  ASSERT_NE(out, nullptr);
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[0].id, 1);
+  EXPECT_EQ(list[0].prob, out[1]);
+  EXPECT_EQ(list[1].id, 1);
+  EXPECT_NEAR(list[1].prob, std::exp(0.75) / (std::exp(0.5) + std::exp(0.75) + std::exp(-1.0)), 1e-3);
+  std::vector<float> history(5, 0.f);
+  net.classify(&list, &frame, history.data(), 0.5f, 1);
+  net.classify(&list, &frame, history.data(), 0.5f, 1);
+  EXPECT_FLOAT_EQ(list[1].prob, 0.75f * out[3]);
+}
+
+TEST(HeatmapNetwork, ClassMapsOnTheFineGrid) {
+  // 3 x 2 cells of 2 x 2 sub-cells, objectness 0.5; class 1 wins sub-cells 0 and 3 (scores 0.75
+  // and 0.5), class 0 the others. Cell (2, 1) alone gets a class-1 score of 0.76 in sub-cell 1.
+  const std::string cfg = temp_path("heat.cfg");
+  write_file(cfg, "[network]\nwidth=3\nheight=2\nchannels=3\n[convolution]\nfilters=12\nsize=1\nactivation=linear\n"
+                  "[heatmap]\nclasses=2\nnum=4\n");
+  ORVA::HeatmapNetwork net(ORVA::TEST, 2, -1);
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  EXPECT_EQ(net.getClassNum(), 2);
+  const float bias[12] = {0, 0, 0.75f, 0, 0.25f, 0, 0, 0.25f, 0, 0, 0, 0.5f};
+  std::vector<float> w(36, 0.f);
+  w[5 * 3 + 0] = 3.f;  // sub-cell 1, class 1, from the red plane
+  push(net.getHandle(), conv_at(net, 0)->_weight, to_halves(w));
+  push(net.getHandle(), conv_at(net, 0)->_bias, to_halves(std::vector<float>(bias, bias + 12)));
+  cv::Mat frame = cv::Mat::zeros(2, 3, CV_8UC3);
+  frame.at<cv::Vec3b>(1, 2) = cv::Vec3b(0, 0, 65);  // 65 / 255 x 3 x 0.5 x 255 = 97.5
+  cv::Mat frames[2] = {frame, frame};
+  float* out = net.predict(frames, 2);
+  // Key 4: 0.25 itself is kept; the unknown key's 0.3 drops it.
+  net.setParameter(4, 0.25f);
+  unsigned int keys[2] = {4, 9};
+  int cids[2] = {1, 1};
+  cv::Mat maps[2];
+  net.getHeatmap(out, maps, cids, keys, 2);
+  for (int k = 0; k < 2; ++k) {
+    ASSERT_EQ(maps[k].size(), cv::Size(6, 4));
+    for (int r = 0; r < 4; ++r)
+      for (int c = 0; c < 6; ++c) {
+        const int sub = (r % 2) * 2 + c % 2;
+        int want = sub == 0 ? 95 : (sub == 3 && k == 0 ? 63 : 0);  // trunc(0.375 and 0.25 x 255)
+        if (r == 2 && c == 5) want = 97;
+        EXPECT_EQ(maps[k].at<unsigned char>(r, c), want) << "image " << k << " at " << r << "," << c;
+      }
+  }
+}
+
+template <typename Net>
+void load_into(const std::string& cfg) {
+  Net net(ORVA::TEST, 1, -1);
+  net.load(cfg.c_str(), nullptr);
+}
+
 TEST(DetectNetworkDeath, WrongTopLayerEndsTheProcess) {
   const std::string cfg = temp_path("conv.cfg");
   write_file(cfg, "[network]\nwidth=8\nheight=8\nchannels=3\n[convolution]\nfilters=2\nsize=1\n");
-  EXPECT_EXIT(
-      {
-        ORVA::DetectNetwork net(ORVA::TEST, 1, -1);
-        net.load(cfg.c_str(), nullptr);
-      },
-      ::testing::ExitedWithCode(255), "ERROR: top layer is not LayerType::Region");
-  EXPECT_EXIT(
-      {
-        ORVA::HeatmapNetwork net(ORVA::TEST, 1, -1);
-        net.load(cfg.c_str(), nullptr);
-      },
-      ::testing::ExitedWithCode(255), "ERROR: top layer is not LayerType::Heatmap");
+  EXPECT_EXIT(load_into<ORVA::DetectNetwork>(cfg), ::testing::ExitedWithCode(255),
+              "ERROR: top layer is not LayerType::Region");
+  EXPECT_EXIT(load_into<ORVA::HeatmapNetwork>(cfg), ::testing::ExitedWithCode(255),
+              "ERROR: top layer is not LayerType::Heatmap");
+  EXPECT_EXIT(load_into<ORVA::GroupClassifyNetwork>(cfg), ::testing::ExitedWithCode(255),
+              "ERROR: top layer is not LayerType::Softmax");
   ORVA::setFatalThrows(true);
-  ORVA::DetectNetwork net(ORVA::TEST, 1, -1);
-  EXPECT_THROW(net.load(cfg.c_str(), nullptr), ORVA::FatalError);
+  EXPECT_THROW(load_into<ORVA::DetectNetwork>(cfg), ORVA::FatalError);
   ORVA::setFatalThrows(false);
 }
 

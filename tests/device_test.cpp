@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -11,6 +13,7 @@
 #include "harness.h"
 #include "orva/cuda.h"
 #include "orva/util.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -55,7 +58,7 @@ class TensorFile : public orva_test::OnEachBackend {
   std::string path;
   void SetUp() override {
     OnEachBackend::SetUp();
-    path = ::testing::TempDir() + "orva_tensor_" + std::to_string(GetParam()) + ".bin";
+    path = orva_test::temp_path("tensor.bin");
   }
   void TearDown() override {
     std::remove(path.c_str());
@@ -70,8 +73,9 @@ class TensorFile : public orva_test::OnEachBackend {
   }
 };
 
+// Sizes above 65536 elements cross the pieces the transfers are staged in.
 TEST_P(TensorFile, HalfTensorsTravelAsFloatsAndComeBackExact) {
-  const size_t n = 3001;
+  const size_t n = 70001;
   std::vector<Ftype> values = orva_test::random_halves(n, -100.f, 100.f);
   orva_test::Tensor src(handle(), values), dst(handle(), n);
   FILE* f = fopen(path.c_str(), "wb");
@@ -92,28 +96,27 @@ TEST_P(TensorFile, HalfTensorsTravelAsFloatsAndComeBackExact) {
   std::vector<Ftype> back = dst.download();
   for (size_t i = 0; i < n; ++i) ASSERT_EQ(back[i].__x, values[i].__x) << i;
   EXPECT_TRUE(dst.guard_intact());
-}
 
-TEST_P(TensorFile, RawTensorsKeepTheirBytes) {
-  std::vector<int> values(777);
-  for (size_t i = 0; i < values.size(); ++i) values[i] = (int)(i * 2654435761u);
-  orva_test::Buffer<int> src(handle(), values), dst(handle(), values.size());
-  FILE* f = fopen(path.c_str(), "wb");
-  cuda_fwrite(handle(), src.get(), sizeof(int), values.size(), f);
+  // raw tensors keep their bytes
+  std::vector<int> ints(n);
+  for (size_t i = 0; i < n; ++i) ints[i] = (int)(i * 2654435761u);
+  orva_test::Buffer<int> isrc(handle(), ints), idst(handle(), n);
+  f = fopen(path.c_str(), "wb");
+  cuda_fwrite(handle(), isrc.get(), sizeof(int), n, f);
   fclose(f);
-  EXPECT_EQ(file_size(), (long)(values.size() * sizeof(int)));
+  EXPECT_EQ(file_size(), (long)(n * sizeof(int)));
   f = fopen(path.c_str(), "rb");
-  cuda_fread(handle(), dst.get(), sizeof(int), values.size(), f);
+  cuda_fread(handle(), idst.get(), sizeof(int), n, f);
   fclose(f);
-  EXPECT_EQ(dst.download(), values);
+  EXPECT_EQ(idst.download(), ints);
 }
 
 TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
-  const size_t n = 100;
+  const size_t n = 70000, whole = 66000;
   std::vector<float> floats(n);
-  for (size_t i = 0; i < n; ++i) floats[i] = (float)i - 50.5f;
+  for (size_t i = 0; i < n; ++i) floats[i] = (float)(i % 100) - 50.5f;
   FILE* f = fopen(path.c_str(), "wb");
-  fwrite(floats.data(), 1, 4 * 40 + 2, f);  // 40 whole floats and half of one more
+  fwrite(floats.data(), 1, 4 * whole + 2, f);  // whole floats and half of one more
   fclose(f);
   orva_test::Tensor dst(handle(), n);
   f = fopen(path.c_str(), "rb");
@@ -121,23 +124,48 @@ TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
     cuda_fread(handle(), dst.get(), n, f);
     ADD_FAILURE() << "no exception";
   } catch (size_t got) {
-    EXPECT_EQ(got, 40u);
+    EXPECT_EQ(got, whole);
   }
   fclose(f);
   // the prefix that was read arrived
   std::vector<Ftype> back = dst.download();
-  for (size_t i = 0; i < 40; ++i) ASSERT_EQ(half2float_cpu(back[i].__x), floats[i]) << i;
+  for (size_t i = 0; i < whole; ++i) ASSERT_EQ(half2float_cpu(back[i].__x), floats[i]) << i;
 
   // a raw read and the host reads report the same way
   f = fopen(path.c_str(), "rb");
-  std::vector<unsigned char> bytes(200);
+  std::vector<unsigned char> bytes(4 * n);
   try {
-    chk_fread(bytes.data(), 4, 50, f);
+    chk_fread(bytes.data(), 4, n, f);
     ADD_FAILURE() << "no exception";
   } catch (size_t got) {
-    EXPECT_EQ(got, 40u);
+    EXPECT_EQ(got, whole);
+  }
+  orva_test::Buffer<int> raw(handle(), n);
+  rewind(f);
+  try {
+    cuda_fread(handle(), raw.get(), 4, n, f);
+    ADD_FAILURE() << "no exception";
+  } catch (size_t got) {
+    EXPECT_EQ(got, whole);
   }
   fclose(f);
+
+  // host halves keep their width; a write that fails throws its count
+  const std::vector<_half> h = {fp_1, fp_2, fp_6};
+  f = fopen(path.c_str(), "wb");
+  chk_fwrite(h.data(), h.size(), f);
+  fclose(f);
+  EXPECT_EQ(file_size(), 6);
+  std::vector<_half> hback(3);
+  f = fopen(path.c_str(), "rb");
+  chk_fread(hback.data(), hback.size(), f);
+  fclose(f);
+  for (size_t i = 0; i < h.size(); ++i) EXPECT_EQ(hback[i].__x, h[i].__x);
+  if (FILE* full = fopen("/dev/full", "wb")) {
+    setvbuf(full, nullptr, _IONBF, 0);
+    EXPECT_THROW(chk_fwrite(h.data(), 2, 3, full), size_t);
+    fclose(full);
+  }
 }
 
 TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
@@ -160,6 +188,11 @@ TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
   EXPECT_EQ(b[10], a[10]);
   cuda_free(handle(), d1);
   cuda_free(handle(), d2);
+  // an allocation that fails is reported and thrown, never handed out
+  ::testing::internal::CaptureStderr();
+  EXPECT_THROW(cuda_malloc(handle(), SIZE_MAX / 2), std::bad_alloc);
+  EXPECT_THROW(cuda_calloc(handle(), SIZE_MAX / 2, 4), std::bad_alloc);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("can't allocate"), std::string::npos);
 
   float* r = static_cast<float*>(cuda_malloc(handle(), 4096 * 4));
   cuda_random(handle(), r, 4096);
@@ -177,27 +210,5 @@ TEST_P(TensorFile, ContextMemoryCallsMoveBytes) {
 }
 
 ORVA_ON_EACH_BACKEND(TensorFile);
-
-TEST(HostFileIO, HalvesKeepTheirWidthAndWriteFailuresThrow) {
-  const std::string path = ::testing::TempDir() + "orva_chk.bin";
-  std::vector<_half> h = {fp_1, fp_2, fp_6};
-  FILE* f = fopen(path.c_str(), "wb");
-  chk_fwrite(h.data(), h.size(), f);
-  fclose(f);
-  f = fopen(path.c_str(), "rb");
-  std::vector<_half> back(3);
-  chk_fread(back.data(), back.size(), f);
-  fclose(f);
-  for (size_t i = 0; i < h.size(); ++i) EXPECT_EQ(back[i].__x, h[i].__x);
-  std::remove(path.c_str());
-
-  f = fopen(path.c_str(), "rb");  // gone: open /dev/full instead to force a write failure
-  if (f) fclose(f);
-  FILE* full = fopen("/dev/full", "wb");
-  if (!full) GTEST_SKIP() << "/dev/full not available";
-  setvbuf(full, nullptr, _IONBF, 0);
-  EXPECT_THROW(chk_fwrite(h.data(), 2, 3, full), size_t);
-  fclose(full);
-}
 
 }  // namespace

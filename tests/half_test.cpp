@@ -97,6 +97,11 @@ TEST(HalfConversion, NamedConstantsHoldTheirValues) {
   for (auto& c : exact) EXPECT_EQ(half2float_cpu(c.first.__x), c.second);
   EXPECT_EQ(half2float_cpu(fp_INF.__x), INFINITY);
   EXPECT_EQ(half2float_cpu(fp_NINF.__x), -INFINITY);
+  // the raw record carries the bits both ways
+  _half h(_half_raw{0x3C00});
+  EXPECT_EQ(h.__x, fp_1.__x);
+  h = _half_raw{0xBC00};
+  EXPECT_EQ(static_cast<_half_raw>(h).x, fp_1N.__x);
 }
 
 TEST(HalfConversion, ArrayConversionsWorkInPlace) {

@@ -145,7 +145,10 @@ TEST(Hungarian, RejectsBadMatricesAndKeepsTheAssignment) {
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(total, -1.0f);
     EXPECT_EQ(a, before);
-    EXPECT_NE(err.find(c.message), std::string::npos) << err;
+    if (c.message[0] == 'E')  // the bare line, no source prefix
+      EXPECT_EQ(err, c.message);
+    else
+      EXPECT_NE(err.find(c.message), std::string::npos) << err;
   }
 }
 

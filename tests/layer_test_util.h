@@ -23,15 +23,16 @@ inline std::vector<Ftype> layer_output(ORVA::Network& net, int i, int batch) {
   return pull(net.getHandle(), l->_output, (size_t)batch * l->_outputs);
 }
 
-// Convolutions with batch normalisation and leaky, six max-pools, the last 2 x 2 / 1.
-inline std::string tiny_yolo_trunk(int side) {
+// Convolutions with batch normalisation and leaky, six max-pools, the last 2 x 2 / 1;
+// thin divides every filter count (tests keep the geometry and drop most of the work).
+inline std::string tiny_yolo_trunk(int side, int thin = 1) {
   std::string s = "[network]\nwidth=" + std::to_string(side) + "\nheight=" + std::to_string(side) + "\nchannels=3\n";
   const int filters[] = {16, 32, 64, 128, 256, 512};
   for (int i = 0; i < 6; ++i) {
-    s += "[convolution]\nbatch_normalize=1\nfilters=" + std::to_string(filters[i]) + "\nsize=3\nactivation=leaky\n";
+    s += "[convolution]\nbatch_normalize=1\nfilters=" + std::to_string(filters[i] / thin) + "\nsize=3\nactivation=leaky\n";
     s += i < 5 ? "[maxpool]\nsize=2\nstride=2\n" : "[maxpool]\nsize=2\nstride=1\n";
   }
-  s += "[convolution]\nbatch_normalize=1\nfilters=1024\nsize=3\nactivation=leaky\n";
+  s += "[convolution]\nbatch_normalize=1\nfilters=" + std::to_string(1024 / thin) + "\nsize=3\nactivation=leaky\n";
   return s;
 }
 
@@ -59,5 +60,144 @@ inline const char* kBranchedTrunk =
     "[upsample]\nstride=2\n"                                                      // 6: 8 x 6 x 64
     "[route]\nlayers=-1,2,1\n"                                                    // 7: 8 x 6 x 88
     "[convolution]\nfilters=4\nsize=1\nactivation=linear\n";                     // 8
+
+}  // namespace orva_test
+
+#include <functional>
+
+#include "layer/activation_layer.h"
+#include "layer/batchnorm_layer.h"
+#include "layer/dynactivation_layer.h"
+
+namespace orva_test {
+
+// What layer i read: the previous layer's output, or the network input for the first layer.
+inline std::vector<double> layer_input(ORVA::Network& net, int i, int batch) {
+  if (i == 0)
+    return to_doubles(pull(net.getHandle(), net.getInput(), (size_t)batch * net.getSiamese() * net.getInputs()));
+  return to_doubles(layer_output(net, i - 1, batch * (net.getLayer(i - 1)->_batch / net.getBatch())));
+}
+
+inline std::vector<double> output_of(ORVA::Network& net, int i, int batch) {
+  return to_doubles(layer_output(net, i, batch));
+}
+
+// Random learned parameters for every layer that has them.
+inline void randomize_layers(ORVA::Network& net) {
+  void* h = net.getHandle();
+  for (int i = 0; i < net.getLayerCount(); ++i) {
+    ORVA::Layer* l = net.getLayer(i);
+    if (auto* c = dynamic_cast<ORVA::ConvolutionLayer*>(l)) randomize_conv(c);
+    if (auto* d = dynamic_cast<ORVA::DynActivationLayer*>(l)) push(h, d->_weight, random_halves(d->_weights, 0.05f, 0.5f));
+    if (auto* b = dynamic_cast<ORVA::BatchnormLayer*>(l)) {
+      const int c = b->_out_c;
+      push(h, b->_bias, random_halves(c, -0.3f, 0.3f));
+      push(h, b->_bn->_scale, random_halves(c, 0.5f, 1.5f));
+      push(h, b->_bn->_mean_rolling, random_halves(c, -0.3f, 0.3f));
+      push(h, b->_bn->_var_rolling, random_halves(c, 0.5f, 2.0f));
+    }
+  }
+}
+
+// True (with a note) on the emulated CUDA backend for a description that reaches the device
+// library (convolutions, fully connected and batch-normalisation layers), which it lacks.
+inline bool skip_without_cudnn(const std::string& text, int gpu) {
+  for (const char* section : {"[convolution]", "[fconn]", "[batchnorm]", "batch_normalize=1"})
+    if (text.find(section) != std::string::npos) return cudnn_missing(gpu);
+  return false;
+}
+
+// The last layer's float64 reference, computed from what its sources hold after a pass.
+using Reference = std::function<std::vector<double>(ORVA::Network& net, int batch)>;
+
+// On every backend: build, randomise, run a batch of random inputs in [lo, hi], and compare
+// the last layer's output with its reference.
+inline void check_forward(const std::string& text, int batch, const Reference& ref, double tol, float lo = -1.f,
+                          float hi = 1.f) {
+  for (int gpu : test_backends()) {
+    if (skip_without_cudnn(text, gpu)) continue;
+    auto net = net_from_text(text, batch, gpu);
+    randomize_layers(*net);
+    const size_t n = (size_t)batch * net->getSiamese() * net->getInputs();
+    const std::vector<float> input = to_floats(random_halves(n, lo, hi));
+    predict_copy(*net, input, batch);
+    const int last = net->getLayerCount() - 1;
+    const int items = net->getLayer(last)->_batch * batch / net->getBatch();
+    const std::vector<Ftype> got = layer_output(*net, last, items);
+    const std::vector<double> expected = ref(*net, batch);
+    ASSERT_EQ(expected.size(), got.size()) << text;
+    ASSERT_FALSE(got.empty());
+    EXPECT_TRUE(NearL2(expected, got, tol)) << text << "\non " << handle_name(net->getHandle());
+    if (gpu >= 0) count_cuda_comparison();
+  }
+}
+
+// A tensor the last layer reads and the tensor its backward adds the gradient to.
+struct GradPair {
+  Ftype* value;
+  Ftype* grad;
+  size_t n;
+};
+
+// Finite differences of L = sum r * y over the last layer of a training network against
+// its backward with delta = r, for each pair. distinct: the values are spread apart by more
+// than the step and away from zero, so no maximum, rank or sign changes under a perturbation.
+inline void check_backward(ORVA::Network& net, int batch, std::vector<GradPair> pairs, Ftype* prev_delta, float step,
+                           double tol, bool distinct = false) {
+  void* h = net.getHandle();
+  const int li = net.getLayerCount() - 1;
+  ORVA::Layer* l = net.getLayer(li);
+  for (GradPair& p : pairs) {
+    std::vector<Ftype> v = random_halves(p.n, -1.f, 1.f);
+    if (distinct) {
+      for (size_t i = 0; i < p.n; ++i) v[i] = Ftype{float2half_cpu(((float)i - p.n / 2.f + 0.5f) * 0.0625f)};
+      std::shuffle(v.begin(), v.end(), rng());
+    }
+    push(h, p.value, v);
+  }
+  Buffer<char> workspace(h, l->_workspace_size + 16);
+  ORVA::NetworkParams params;
+  params.workspace = reinterpret_cast<Ftype*>(workspace.get());
+  params.input = li ? net.getLayer(li - 1)->_output : net.getInput();
+  params.delta = prev_delta;
+  params.net = &net;
+  params.batch = batch;
+  const size_t n_out = (size_t)l->_batch * l->_outputs;
+  const std::vector<double> r = to_doubles(random_halves(n_out, -1.f, 1.f));
+  auto loss = [&]() {
+    l->forward(params);
+    const std::vector<double> y = output_of(net, li, l->_batch);
+    double s = 0;
+    for (size_t i = 0; i < n_out; ++i)
+      if (std::isfinite(y[i])) s += r[i] * y[i];  // an empty max-pool window stays minus infinity
+    return s;
+  };
+  loss();
+  push(h, l->_delta, to_halves(r));
+  for (GradPair& p : pairs) push(h, p.grad, std::vector<Ftype>(p.n, fp_0));
+  l->backward(params);
+  for (GradPair& p : pairs) {
+    const std::vector<double> grad = to_doubles(pull(h, p.grad, p.n));
+    std::vector<Ftype> v = pull(h, p.value, p.n);
+    std::vector<double> numeric, analytic;
+    for (int k = 0; k < 20; ++k) {
+      const size_t i = rng()() % p.n;
+      const Ftype keep = v[i];
+      const float x = half2float_cpu(keep.__x);
+      const Ftype up{float2half_cpu(x + step)}, down{float2half_cpu(x - step)};
+      v[i] = up;
+      push(h, p.value, v);
+      const double lp = loss();
+      v[i] = down;
+      push(h, p.value, v);
+      const double lm = loss();
+      v[i] = keep;
+      push(h, p.value, v);
+      numeric.push_back((lp - lm) / (half2float_cpu(up.__x) - half2float_cpu(down.__x)));
+      analytic.push_back(grad[i]);
+    }
+    EXPECT_TRUE(NearL2(numeric, to_halves(analytic), tol)) << "layer type " << l->type << ", tensor of " << p.n;
+  }
+}
 
 }  // namespace orva_test

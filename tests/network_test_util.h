@@ -10,20 +10,13 @@
 #include <vector>
 
 #include "harness.h"
+#include "temp_dir.h"
 #include "layer/convolution_layer.h"
 #include "orva/orva.h"
 
 namespace orva_test {
 
 inline std::string data_path(const char* name) { return std::string(ORVA_TEST_DATA) + "/" + name; }
-
-inline std::string temp_path(const std::string& name) {
-  const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string base = info ? std::string(info->test_suite_name()) + "_" + info->name() : "orva";
-  for (char& c : base)
-    if (c == '/') c = '_';
-  return ::testing::TempDir() + base + "_" + name;
-}
 
 inline void write_file(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;

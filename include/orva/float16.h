@@ -3,14 +3,38 @@
 #include <cstddef>
 #include <cstdint>
 
+#if defined(__CUDACC__)
+#define ORVA_HOST_DEVICE __host__ __device__
+#else
+#define ORVA_HOST_DEVICE
+#endif
+
+// The raw 16-bit record of a half, laid out as the device toolkit's __half_raw, for moving
+// bits between the toolkit's half and ours without arithmetic.
+struct _half_raw {
+  unsigned short x;
+};
+
 // IEEE binary16 bit pattern. The host does no arithmetic on it: it converts to float,
 // computes and converts back. Device code reinterprets arrays of it as the toolkit's half.
+// It stays trivially copyable, so arrays of it can be copied and cleared bytewise.
 struct _half {
   unsigned short __x;
+
+  _half() = default;
+  // From the bit pattern itself, as the constants below and the host conversions build it.
+  constexpr ORVA_HOST_DEVICE _half(unsigned short bits) : __x(bits) {}
+  constexpr ORVA_HOST_DEVICE _half(const _half_raw& r) : __x(r.x) {}
+  ORVA_HOST_DEVICE _half& operator=(const _half_raw& r) {
+    __x = r.x;
+    return *this;
+  }
+  constexpr ORVA_HOST_DEVICE operator _half_raw() const { return _half_raw{__x}; }
 };
 typedef _half Ftype;
 
 static_assert(sizeof(_half) == 2, "tensors are packed two bytes per element");
+static_assert(sizeof(_half_raw) == 2, "the raw record is the bare 16 bits");
 
 static const _half fp_INF = {0x7C00};
 static const _half fp_NINF = {0xFC00};

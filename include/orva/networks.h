@@ -2,6 +2,7 @@
 // the general network, and the box helpers they share with callers.
 #pragma once
 #include <map>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -62,6 +63,8 @@ class GroupClassifyNetwork : public Network {
   int* _gmap = nullptr;
 
  protected:
+  // A layer of equal groups (stored without a map) gets one made here.
+  std::vector<int> _equal_map;
   void _takeGroups();
   float* _choose(float* output, ClassIdList* lists, float* history, float alpha, int n);
 };

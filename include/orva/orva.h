@@ -43,14 +43,18 @@ class Network {
   Network& operator=(const Network&) = delete;
 
   // Builds from a text description, then reads a weights-only file when path_weight names one.
-  // Returns -1 when the description has no "network" section.
+  // Returns -1 when the description has no "network" section. Throws std::runtime_error when
+  // the description can't be read or parsed (naming the file and line) or the weights file
+  // can't be opened, and the short count (size_t) when the weights file ends too early. Any
+  // failure leaves the network empty: predict then refuses to run.
   virtual int load(const char* path_cfg, const char* path_weight, bool quant = false, bool fast = false);
   // Builds from a model file; throws std::runtime_error on any fault of the file.
   virtual int load(const char* path_net, bool quant = false, bool fast = false);
   // unify: the model file; otherwise the weights-only file.
   virtual int save(const char* path, bool unify = true);
 
-  // The caller has filled the input tensor already.
+  // Every predict throws std::runtime_error on a network that was never built or whose load
+  // failed. The caller has filled the input tensor already.
   virtual float* predict(int batch);
   // Planar floats laid out like the input tensor.
   virtual float* predict(float* img, int batch);
@@ -73,6 +77,8 @@ class Network {
   virtual bool testChecksum(const char* path);
 
   int getMode() const { return mode; }
+  // The CUDA device serving this network; -1 on the host backend.
+  int getGpuIndex() const { return _gpu_index; }
   int getBatch() const { return nBatch; }
   int getLayerCount() const { return (int)_layers.size(); }
   int getInputs() const { return _inputs; }
@@ -99,6 +105,8 @@ class Network {
   int _parseConfig(const char* path, bool quant, bool fast);
   void _loadConfig(FILE* fp, bool quant, bool fast);
   void _loadModel(FILE* fp, bool quant, bool fast);
+  // Reads a weights-only file onto the built layers; a short file throws the short count.
+  void _loadWeights(const char* path, bool quant);
   void _makeNetwork(size_t workspace_size, size_t qinput_size);
   void _freeNetwork();
   void _deleteLayers();

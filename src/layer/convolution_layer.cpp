@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "checked_size.h"
 #include "conv_kernel.h"
 #include "orva/blas.h"
 #include "orva/cuda.h"
@@ -15,7 +16,6 @@ namespace ORVA {
 namespace {
 // Bounds that keep a hostile model file from asking for unbounded memory; real networks stay
 // far below them.
-constexpr long long kMaxTensorElements = 1LL << 28;
 constexpr int kMaxKernelParam = 1024;
 constexpr int kMaxFilters = 1 << 16;
 
@@ -61,6 +61,13 @@ std::string ConvolutionLayer::_checkConfig() const {
              outputs, inputs, weights, _batch);
     return why;
   }
+  // The host path unfolds the input into columns of size x size x channels / groups rows.
+  const long long columns = weights / _kn * out_w * out_h;
+  if (columns * (long long)sizeof(Ftype) > kMaxWorkspaceBytes) {
+    snprintf(why, sizeof(why), "convolution: size %d over %d channels needs a workspace of %lld bytes, more than %lld",
+             _size, _in_c, columns * (long long)sizeof(Ftype), (long long)kMaxWorkspaceBytes);
+    return why;
+  }
   return "";
 }
 
@@ -78,7 +85,9 @@ void ConvolutionLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
   _stride = cfg.findInt(ns, "stride", 1, true);
   _groups = cfg.findInt(ns, "groups", 1, true);
   _dilation = cfg.findInt(ns, "dilation", 1, true);
-  _pad = cfg.findInt(ns, "pad", ((_size - 1) * _dilation) / 2, true);
+  // The default pad keeps the output size; computed wide so absurd sizes reach the range check.
+  const long long half_extent = ((long long)_size - 1) * _dilation / 2;
+  _pad = cfg.findInt(ns, "pad", (int)std::max<long long>(-1, std::min<long long>(half_extent, kMaxKernelParam + 1)), true);
   _acttype = ActivationType::type(cfg.findStr(ns, "activation", nullptr, true));
   _withbn = cfg.findInt(ns, "batch_normalize", 0, true);
   Layer::parseConfig(cfg, params);
@@ -211,7 +220,7 @@ void ConvolutionLayer::_makeLayer(bool quant, bool fast) {
     if (!_bias_update) _bias_update = alloc_tensor(_gpu_handle, _kn, true);
     _delta = alloc_tensor(_gpu_handle, (size_t)_batch * _outputs, true);
     if (fresh_weights) {
-      const double s = std::sqrt(2.0 / (double)(_size * _size * _in_c / _groups));
+      const double s = std::sqrt(2.0 / ((double)_size * _size * (_in_c / _groups)));
       std::vector<float> init(_weights);
       for (float& w : init) w = rand_normal((float)s);
       // Converted to half here: the tensor holds two bytes per weight.
@@ -241,7 +250,7 @@ void ConvolutionLayer::_makeLayer(bool quant, bool fast) {
   _workspace_size = _plan->workspace_bytes;
   _qinput_size = int8 ? (size_t)_batch * _inputs * 2 : 0;
 
-  _flops = ((size_t)(_size * _size * _in_c) / _groups + 1) * ((size_t)_out_w * _out_h * _out_c * 2);
+  _flops = ((size_t)_size * _size * _in_c / _groups + 1) * ((size_t)_out_w * _out_h * _out_c * 2);
   const char* tag = quant && _iqthresh_init > 0 ? "U8" : (quant && _iqthresh_init < 0 ? "I8" : "");
   ORVA_MSG(INFO, "conv  %5d  %dx%d / %d,%d  %4d x%4d x%4d   ->  %4d x%4d x%4d  %6.1fM %s\n", _kn, _size, _size,
            _stride, _groups, _in_w, _in_h, _in_c, _out_w, _out_h, _out_c, _flops * 0.000001, tag);

@@ -24,7 +24,9 @@ HeatmapLayer::~HeatmapLayer() { HeatmapLayer::_freeLayer(); }
 void HeatmapLayer::_freeLayer() {
   free(_output_cpu);
   free(_delta_cpu);
+  free(_delta_stage);
   _output_cpu = _delta_cpu = nullptr;
+  _delta_stage = nullptr;
 }
 
 void HeatmapLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
@@ -111,6 +113,7 @@ void HeatmapLayer::_makeLayer(bool quant, bool fast) {
     cuda_memset(_gpu_handle, _delta, 0, total * sizeof(Ftype));
     _output_cpu = static_cast<float*>(calloc(total, sizeof(float)));
     _delta_cpu = static_cast<float*>(calloc(total, sizeof(float)));
+    _delta_stage = static_cast<Ftype*>(calloc(total, sizeof(Ftype)));
   }
   ORVA_MSG(INFO, "heatmap\n");
 }
@@ -208,6 +211,10 @@ void HeatmapLayer::_trainingPass(int batch, const float* truth) {
   }
   const float norm = mag_array(_delta_cpu, _batch * _outputs);
   cost = norm * norm;
+  // The gradient goes to the device tensor here, so that backward finds it whoever runs it.
+  float2half_cpu(_delta_cpu, _delta_stage, (size_t)_batch * _outputs);
+  cuda_push(_gpu_handle, _delta, _delta_stage, (size_t)_batch * _outputs * sizeof(Ftype));
+  cuda_sync(_gpu_handle);
   printf("Class: %.2f, Obj: %.2f, NObj: %f, count: %d\n", class_sum / count, obj_sum / count,
          bg_sum / ((double)W * H * _anchors * _batch), count);
 }

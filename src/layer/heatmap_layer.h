@@ -47,6 +47,8 @@ class HeatmapLayer : public Layer {
   float _class_scale = 1;
   float* _output_cpu = nullptr;
   float* _delta_cpu = nullptr;
+  // Half copy of _delta_cpu on its way to the device (training only).
+  Ftype* _delta_stage = nullptr;
 
  protected:
   void _trainingPass(int batch, const float* truth);

@@ -37,7 +37,9 @@ void RegionLayer::_freeLayer() {
   free(_anchor);
   free(_output_cpu);
   free(_delta_cpu);
+  free(_delta_stage);
   _anchor = _output_cpu = _delta_cpu = nullptr;
+  _delta_stage = nullptr;
 }
 
 void RegionLayer::parseConfig(ConfigReader& cfg, InputParams& params) { _parseRegion(cfg, params); }
@@ -168,6 +170,7 @@ void RegionLayer::_makeLayer(bool quant, bool fast) {
     _delta = alloc_tensor(_gpu_handle, total);
     _output_cpu = static_cast<float*>(calloc(total, sizeof(float)));
     _delta_cpu = static_cast<float*>(calloc(total, sizeof(float)));
+    _delta_stage = static_cast<Ftype*>(calloc(total, sizeof(Ftype)));
   }
   ORVA_MSG(INFO, "%s\n", _kind());
 }
@@ -232,40 +235,34 @@ void RegionLayer::_boxDelta(const float* out, float* delta, const BBox& t, int n
   }
 }
 
-void RegionLayer::_bestClass(const float* out, int n, int loc, float* prob, int* cls) const {
-  const float obj = out[_entry_index(0, n, loc, _objEntry())];
-  // A head without class scores (classes = 0) detects one class: the objectness is the score.
-  if (_classes == 0) {
-    *prob = obj;
-    *cls = 0;
-    return;
-  }
-  const float* score = out + _entry_index(0, n, loc, _coords + 1);
-  const int wh = _in_w * _in_h;
-  float best = 0.f;
-  int best_k = 0;
-  for (int k = 0; k < _classes; ++k) {
-    const float v = score[(size_t)k * wh];
-    if (v > best) {
-      best = v;
-      best_k = k;
-    }
-  }
-  *prob = best * obj;
-  *cls = best_k;
-}
-
 void RegionLayer::getRegionBox(float* output, float thresh, float* probs, int* classes, BBox* boxes) {
   const int wh = _in_w * _in_h;
-  for (int j = 0; j < _in_h; ++j)
-    for (int i = 0; i < _in_w; ++i) {
-      const int loc = j * _in_w + i;
-      for (int n = 0; n < _anchors; ++n) {
-        const int idx = n * wh + loc;
-        boxes[idx] = _decode(output, n, i, j);
-        _bestClass(output, n, loc, &probs[idx], &classes[idx]);
+  for (int n = 0; n < _anchors; ++n) {
+    float* prob = probs + (size_t)n * wh;
+    int* cls = classes + (size_t)n * wh;
+    const float* obj = output + _entry_index(0, n, 0, _objEntry());
+    // A head without class scores (classes = 0) detects one class: the objectness is the score.
+    if (_classes == 0) {
+      std::copy(obj, obj + wh, prob);
+      std::fill(cls, cls + wh, 0);
+    } else {
+      // Class planes in ascending order, each cell keeping a strictly greater score: the
+      // lowest index wins ties and class 0 with 0 stands when nothing is positive.
+      std::fill(prob, prob + wh, 0.f);
+      std::fill(cls, cls + wh, 0);
+      for (int k = 0; k < _classes; ++k) {
+        const float* score = output + _entry_index(0, n, 0, _coords + 1 + k);
+        for (int loc = 0; loc < wh; ++loc) {
+          const bool better = score[loc] > prob[loc];
+          prob[loc] = better ? score[loc] : prob[loc];
+          cls[loc] = better ? k : cls[loc];
+        }
       }
+      for (int loc = 0; loc < wh; ++loc) prob[loc] *= obj[loc];
     }
+    for (int j = 0; j < _in_h; ++j)
+      for (int i = 0; i < _in_w; ++i) boxes[(size_t)n * wh + j * _in_w + i] = _decode(output, n, i, j);
+  }
 }
 
 void RegionLayer::_trainingPass(int batch, const float* truth) {
@@ -336,6 +333,10 @@ void RegionLayer::_trainingPass(int batch, const float* truth) {
   }
   const float norm = mag_array(_delta_cpu, _batch * _outputs);
   cost = norm * norm;
+  // The gradient goes to the device tensor here, so that backward finds it whoever runs it.
+  float2half_cpu(_delta_cpu, _delta_stage, (size_t)_batch * _outputs);
+  cuda_push(_gpu_handle, _delta, _delta_stage, (size_t)_batch * _outputs * sizeof(Ftype));
+  cuda_sync(_gpu_handle);
   printf("%s IOU: %.2f, Class: %.2f, Obj: %.2f, No-Obj: %f, Recall: %.2f, count: %d\n", _statsName(),
          iou_sum / count, class_sum / count, obj_sum / count, bg_sum / ((double)wh * _anchors * _batch),
          (double)recalled / count, count);

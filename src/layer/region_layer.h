@@ -54,6 +54,8 @@ class RegionLayer : public Layer {
   float* _anchor = nullptr;
   float* _output_cpu = nullptr;
   float* _delta_cpu = nullptr;
+  // Half copy of _delta_cpu on its way to the device (training only).
+  Ftype* _delta_stage = nullptr;
 
  protected:
   // What tells the family apart. Name in messages and the summary line.
@@ -79,8 +81,6 @@ class RegionLayer : public Layer {
   void _parseRegion(ConfigReader& cfg, InputParams& params);
   void _loadRegion(FILE* fp, InputParams& params);
   void _trainingPass(int batch, const float* truth);
-  // Score and best class of anchor n at cell loc; objectness at obj_entry.
-  void _bestClass(const float* out, int n, int loc, float* prob, int* cls) const;
 };
 
 }  // namespace ORVA

@@ -1,0 +1,131 @@
+// Host twins of the data-moving layers against a plain copy of the same bytes (the larger of
+// the layer's input and output), and inference of a tiny-YOLO-style trunk at 416 x 416.
+//   Time: the layer as the network runs it (TBB threads, wall clock).
+//   vs_copy = copy time / layer time, both on one thread and in thread CPU time, so the ratio
+//   holds on a busy machine: 1 means the layer moves its bytes at memcpy speed.
+#include <benchmark/benchmark.h>
+#include <tbb/task_arena.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "orva/orva.h"
+
+namespace {
+
+std::unique_ptr<ORVA::Network> build(const std::string& text, int batch) {
+  const std::string path = "/tmp/orva_bench_layers.cfg";
+  FILE* f = fopen(path.c_str(), "w");
+  fputs(text.c_str(), f);
+  fclose(f);
+  auto net = std::make_unique<ORVA::Network>(ORVA::TEST, batch, -1);
+  net->load(path.c_str(), nullptr);
+  return net;
+}
+
+std::string input_section(int w, int h, int c) {
+  return "[network]\nwidth=" + std::to_string(w) + "\nheight=" + std::to_string(h) + "\nchannels=" +
+         std::to_string(c) + "\n";
+}
+
+double thread_seconds() {
+  timespec t;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return t.tv_sec + 1e-9 * t.tv_nsec;
+}
+
+// Least thread CPU seconds of one call of fn over `reps` calls, all on this thread.
+template <typename Fn>
+double cpu_seconds_per_call(Fn fn, int reps) {
+  double best = 1e30;
+  tbb::task_arena one(1);
+  one.execute([&] {
+    fn();
+    for (int i = 0; i < reps; ++i) {
+      const double t0 = thread_seconds();
+      fn();
+      best = std::min(best, thread_seconds() - t0);
+    }
+  });
+  return best;
+}
+
+// The last layer of the description, run alone on what the layers before it left behind.
+void run_layer(benchmark::State& state, const std::string& text) {
+  auto net = build(text, 1);
+  std::vector<float> input((size_t)net->getInputs(), 0.25f);
+  for (size_t i = 0; i < input.size(); ++i) input[i] = (float)(i % 251) / 251.f;
+  net->predict(input.data(), 1);
+  const int li = net->getLayerCount() - 1;
+  ORVA::Layer* l = net->getLayer(li);
+  ORVA::NetworkParams params;
+  params.input = li ? net->getLayer(li - 1)->_output : net->getInput();
+  params.batch = 1;
+  params.net = net.get();
+  const size_t bytes = 2 * (size_t)std::max(l->_inputs, l->_outputs);
+  std::vector<char> from(bytes, 1), to(bytes);
+  const double copy = cpu_seconds_per_call([&] { memcpy(to.data(), from.data(), bytes); benchmark::DoNotOptimize(to.data()); }, 30);
+  const double layer = cpu_seconds_per_call([&] { l->forward(params); }, 30);
+  for (auto _ : state) l->forward(params);
+  state.SetBytesProcessed((int64_t)state.iterations() * bytes);
+  state.counters["vs_copy"] = copy / layer;
+  auto shape = [](int w, int h, int c) { return std::to_string(w) + "x" + std::to_string(h) + "x" + std::to_string(c); };
+  // A route has sources rather than one input shape.
+  state.SetLabel((l->_in_w ? shape(l->_in_w, l->_in_h, l->_in_c) : std::string("sources")) + " -> " +
+                 shape(l->_out_w, l->_out_h, l->_out_c));
+}
+
+void BM_Maxpool2s2(benchmark::State& s) { run_layer(s, input_section(416, 416, 16) + "[maxpool]\nsize=2\nstride=2\n"); }
+void BM_Maxpool2s1(benchmark::State& s) { run_layer(s, input_section(13, 13, 512) + "[maxpool]\nsize=2\nstride=1\n"); }
+void BM_Maxpool3s1(benchmark::State& s) { run_layer(s, input_section(52, 52, 128) + "[maxpool]\nsize=3\nstride=1\n"); }
+void BM_Avgpool2s2(benchmark::State& s) { run_layer(s, input_section(208, 208, 32) + "[avgpool]\nsize=2\nstride=2\n"); }
+void BM_Route(benchmark::State& s) {
+  run_layer(s, input_section(52, 52, 128) + "[upsample]\nstride=1\n[upsample]\nstride=1\n[route]\nlayers=-1,-2\n");
+}
+void BM_Shortcut(benchmark::State& s) { run_layer(s, input_section(104, 104, 128) + "[upsample]\nstride=1\n[shortcut]\nfrom=-2\n"); }
+void BM_Upsample(benchmark::State& s) { run_layer(s, input_section(26, 26, 256) + "[upsample]\n"); }
+void BM_Reorg(benchmark::State& s) { run_layer(s, input_section(52, 52, 128) + "[reorg]\n"); }
+BENCHMARK(BM_Maxpool2s2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Maxpool2s1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Maxpool3s1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Avgpool2s2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Route)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Shortcut)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Upsample)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Reorg)->Unit(benchmark::kMicrosecond);
+
+// Convolutions with batch normalisation and leaky, six max-pools (the last 2 x 2 / 1).
+std::string tiny_yolo_trunk() {
+  std::string s = input_section(416, 416, 3);
+  const int filters[] = {16, 32, 64, 128, 256, 512};
+  for (int i = 0; i < 6; ++i) {
+    s += "[convolution]\nbatch_normalize=1\nfilters=" + std::to_string(filters[i]) + "\nsize=3\nactivation=leaky\n";
+    s += i < 5 ? "[maxpool]\nsize=2\nstride=2\n" : "[maxpool]\nsize=2\nstride=1\n";
+  }
+  return s + "[convolution]\nbatch_normalize=1\nfilters=1024\nsize=3\nactivation=leaky\n";
+}
+
+void BM_TinyYoloTrunk(benchmark::State& state) {
+  const int batch = (int)state.range(0);
+  static std::unique_ptr<ORVA::Network> nets[5];
+  if (!nets[batch]) nets[batch] = build(tiny_yolo_trunk(), batch);
+  ORVA::Network& net = *nets[batch];
+  std::vector<float> input((size_t)batch * 416 * 416 * 3, 0.5f);
+  net.predict(input.data(), batch);
+  size_t flops = 0;
+  for (int i = 0; i < net.getLayerCount(); ++i) flops += net.getLayer(i)->_flops;
+  for (auto _ : state) benchmark::DoNotOptimize(net.predict(input.data(), batch));
+  state.counters["GFLOP/s"] =
+      benchmark::Counter((double)flops * batch * 1e-9, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["frames/s"] = benchmark::Counter((double)batch, benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(BM_TinyYoloTrunk)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime()->MeasureProcessCPUTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();

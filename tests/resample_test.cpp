@@ -1,0 +1,84 @@
+// Layers that move values without arithmetic: nearest-neighbour upsample, reorg (space to
+// depth in the imported models' channel order) and the sub-pixel resize (depth to space).
+// Forward against index references on every backend; finite differences of each backward.
+#include <gtest/gtest.h>
+
+#include "layer_test_util.h"
+
+using namespace orva_test;
+
+namespace {
+
+std::vector<double> reference_resample(ORVA::Network& net, int batch) {
+  const int li = net.getLayerCount() - 1;
+  ORVA::Layer* l = net.getLayer(li);
+  const std::vector<double> x = layer_input(net, li, batch);
+  const int w = l->_in_w, h = l->_in_h, c = l->_in_c;
+  std::vector<double> out((size_t)batch * l->_outputs);
+  if (l->type == ORVA::LAYER_UPSAMPLE) {
+    const int s = l->_out_w / w;
+    for (size_t i = 0; i < out.size(); ++i) {
+      const size_t xo = i % l->_out_w, yo = i / l->_out_w % l->_out_h, k = i / l->_out_w / l->_out_h;
+      out[i] = x[(k * h + yo / s) * w + xo / s];
+    }
+  } else if (l->type == ORVA::LAYER_SPRESIZE) {
+    // Output channel c2 at sub-position (dy, dx) comes from input channel (dy * s + dx) * out_c + c2.
+    const int s = l->_out_w / w, oc = l->_out_c;
+    for (int b = 0; b < batch; ++b)
+      for (int c2 = 0; c2 < oc; ++c2)
+        for (int y = 0; y < l->_out_h; ++y)
+          for (int xo = 0; xo < l->_out_w; ++xo) {
+            const int ic = ((y % s) * s + xo % s) * oc + c2;
+            out[(((size_t)b * oc + c2) * l->_out_h + y) * l->_out_w + xo] = x[(((size_t)b * c + ic) * h + y / s) * w + xo / s];
+          }
+  } else {
+    // Reorg: element (b, ic, y, x) of the output, read as a tensor of the input's shape, comes from
+    // the input read as (w * s) x (h * s) x (c / s^2): channel ic % (c / s^2), sub-position ic / (c / s^2).
+    const int s = w / l->_out_w, c2n = c / (s * s);
+    for (int b = 0; b < batch; ++b)
+      for (int ic = 0; ic < c; ++ic)
+        for (int y = 0; y < h; ++y)
+          for (int xx = 0; xx < w; ++xx) {
+            const int c2 = ic % c2n, off = ic / c2n;
+            const size_t xs = (size_t)xx * s + off % s, ys = (size_t)y * s + off / s;
+            out[(((size_t)b * c + ic) * h + y) * w + xx] = x[xs + (size_t)w * s * (ys + (size_t)h * s * (c2 + (size_t)c2n * b))];
+          }
+  }
+  return out;
+}
+
+struct Case {
+  const char* text;
+  int out_w, out_h, out_c;
+};
+const Case kCases[] = {
+    {"[network]\nwidth=5\nheight=3\nchannels=3\n[upsample]\n", 10, 6, 3},
+    {"[network]\nwidth=3\nheight=4\nchannels=2\n[upsample]\nstride=3\n", 9, 12, 2},
+    {"[network]\nwidth=6\nheight=4\nchannels=8\n[reorg]\n", 3, 2, 32},
+    {"[network]\nwidth=9\nheight=6\nchannels=9\n[reorg]\nstride=3\n", 3, 2, 81},
+    {"[network]\nwidth=5\nheight=3\nchannels=12\n[spresize]\n", 10, 6, 3},
+};
+
+TEST(ResampleForward, MatchesReferenceOnEveryBackend) {
+  for (const Case& c : kCases) {
+    auto net = net_from_text(c.text, 1, -1);
+    const ORVA::Layer* l = net->getLayer(0);
+    EXPECT_EQ(l->_out_w, c.out_w) << c.text;
+    EXPECT_EQ(l->_out_h, c.out_h) << c.text;
+    EXPECT_EQ(l->_out_c, c.out_c) << c.text;
+    check_forward(c.text, 2, reference_resample, kHalfRounding);
+  }
+}
+
+TEST(ResampleBackward, MatchesFiniteDifferences) {
+  for (const Case& c : kCases)
+    for (int gpu : test_backends()) {
+      auto net = net_from_text(c.text, 2, gpu, ORVA::TRAIN);
+      const size_t n = (size_t)2 * net->getLayer(0)->_inputs;
+      Buffer<Ftype> dx(net->getHandle(), n);
+      // Copies: the loss is linear; the upsample gradient sums stride^2 values in float.
+      check_backward(*net, 2, {{net->getInput(), dx.get(), n}}, dx.get(), 0.5f, 1e-2);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,62 @@
+// orva convert: one model file from a description and weights, from the darknet dialect, or
+// from a face-api weight manifest.
+#include <filesystem>
+#include <fstream>
+
+#include "cli.h"
+#include "darknet.h"
+#include "faceapi.h"
+#include "model_build.h"
+
+using namespace orvacli;
+
+int cmd_convert(int argc, char** argv) {
+  CLI::App app("Writes one model file (and its .names file when classes are named).", "orva convert");
+  std::string cfg, darknet, faceapi, weights, out, names;
+  int input_size = 418;
+  auto* g = app.add_option_group("source", "exactly one of");
+  g->add_option("--cfg", cfg, "engine network description (with --weights)");
+  g->add_option("--darknet", darknet, "network description in the darknet dialect (with --weights)");
+  g->add_option("--faceapi", faceapi, "face-api weights manifest of the tiny face detector");
+  g->require_option(1);
+  app.add_option("-w,--weights", weights, "weights file of --cfg or --darknet");
+  app.add_option("--input-size", input_size, "--faceapi: square input in pixels, 32 n + 2")->capture_default_str();
+  app.add_option("--names", names, "class names to store beside the model, one a line");
+  app.add_option("-o,--output", out, "model file to write")->required();
+  int status;
+  if (parseArgs(app, argc, argv, status)) return status;
+
+  try {
+    ConvertedModel m;
+    if (!faceapi.empty()) {
+      m = tinyFaceDetector(readWeightsManifest(faceapi), input_size, faceapi);
+    } else if (!darknet.empty()) {
+      if (weights.empty()) return fail("convert", "--darknet needs --weights");
+      std::ifstream f(weights, std::ios::binary);
+      if (!f) return fail("convert", weights + ": can't open");
+      const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+      m = darknetToEngine(readDarknetCfg(darknet), darknet, &bytes, weights);
+    } else {
+      // Already the engine's dialect: build it and save.
+      ModelOptions o;
+      o.model = cfg;
+      o.weights = weights;
+      o.gpu = -1;
+      ORVA::Network net(ORVA::TEST, 1, -1);
+      loadNetwork(net, o);
+      net.save(out.c_str(), true);
+      if (!names.empty()) std::filesystem::copy_file(names, namesPath(out),
+                                                     std::filesystem::copy_options::overwrite_existing);
+      std::cerr << "wrote " << out << " (" << net.getLayerCount() << " layers)\n";
+      return kOk;
+    }
+    if (!names.empty()) m.names = readNames(names);
+    writeModel(m, out);
+    std::cerr << "wrote " << out << " (" << m.shapes.size() << " layers";
+    if (!m.names.empty()) std::cerr << ", classes in " << namesPath(out);
+    std::cerr << ")\n";
+  } catch (const ConvertError& e) {
+    return fail("convert", e.what());
+  }
+  return kOk;
+}

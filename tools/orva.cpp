@@ -1,0 +1,54 @@
+// orva: find objects in pictures and video, inspect, time and convert models.
+#include <cstring>
+#include <iostream>
+
+#include "cli.h"
+
+namespace {
+
+const orvacli::Command kCommands[] = {
+    {"detect", "find objects in images, folders, video files or cameras", cmd_detect},
+    {"classify", "name the best classes of pictures", cmd_classify},
+    {"info", "layers, parameters, operations, input size and classes of a model", cmd_info},
+    {"bench", "per-layer times and frames per second", cmd_bench},
+    {"convert", "description + weights, darknet or face-api models to one model file", cmd_convert},
+    {"train", "teach a network from a list of labelled pictures", cmd_train},
+};
+
+void usage(std::ostream& out) {
+  out << "usage: orva <command> [options]   (orva <command> --help for its options)\n\ncommands:\n";
+  for (const auto& c : kCommands) out << "  " << c.name << std::string(10 - strlen(c.name), ' ') << c.summary << "\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    usage(std::cerr);
+    return orvacli::kUsage;
+  }
+  const std::string name = argv[1];
+  if (name == "-h" || name == "--help" || name == "help") {
+    usage(std::cout);
+    return orvacli::kOk;
+  }
+  if (name == "--version") {
+    std::cout << "orva " << ORVA_MAJOR_VERSION << "." << ORVA_MINOR_VERSION << "\n";
+    return orvacli::kOk;
+  }
+  // Faults in descriptions and model files end up as messages naming the file; the
+  // engine's own lines only with --verbose.
+  ORVA::setFatalThrows(true);
+  ORVA::setMsgLevel(ALERT + 1);
+  for (const auto& c : kCommands)
+    if (name == c.name) {
+      try {
+        return c.run(argc - 1, argv + 1);
+      } catch (const std::exception& e) {
+        return orvacli::fail(name, e.what());
+      }
+    }
+  std::cerr << "orva: unknown command '" << name << "'\n";
+  usage(std::cerr);
+  return orvacli::kUsage;
+}
