@@ -519,16 +519,24 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
 
 void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
   const int out_c = c / (stride * stride);
-  for_each_index((size_t)w * h * c * batch, [&](size_t i) {
-    const int iw = (int)(i % w), ih = (int)(i / w % h), ic = (int)(i / w / h % c), b = (int)(i / w / h / c);
-    const int c2 = ic % out_c, offset = ic / out_c;
-    const size_t w2 = (size_t)iw * stride + offset % stride, h2 = (size_t)ih * stride + offset / stride;
-    const size_t o = w2 + (size_t)w * stride * (h2 + (size_t)h * stride * (c2 + (size_t)out_c * b));
-    if (forward)
-      out[o] = x[i];
-    else
-      out[i] = x[o];
-  });
+  // Row by row: along a row of w elements only the column moves, by one on one side and by
+  // stride on the other, so the index arithmetic is paid once per row.
+  const size_t rows = (size_t)h * c * batch;
+  tbb::parallel_for(tbb::blocked_range<size_t>(0, rows, std::max<size_t>(1, kGrain / std::max(w, 1))),
+                    [&](const tbb::blocked_range<size_t>& r) {
+                      for (size_t row = r.begin(); row != r.end(); ++row) {
+                        const size_t ih = row % h, ic = row / h % c, b = row / h / c;
+                        const size_t c2 = ic % out_c, offset = ic / out_c;
+                        const size_t h2 = ih * stride + offset / stride;
+                        const size_t base = offset % stride + (size_t)w * stride * (h2 + (size_t)h * stride * (c2 + (size_t)out_c * b));
+                        const Ftype* src = x + row * w;
+                        Ftype* dst = out + row * w;
+                        if (forward)
+                          for (int iw = 0; iw < w; ++iw) out[base + (size_t)iw * stride] = src[iw];
+                        else
+                          for (int iw = 0; iw < w; ++iw) dst[iw] = x[base + (size_t)iw * stride];
+                      }
+                    });
 }
 
 void flatten(void* handle, const Ftype* x, int spatial, int layers, int batch, int forward, Ftype* out) {

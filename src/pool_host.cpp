@@ -12,6 +12,10 @@
 #include "half_math.h"
 #include "pool_kernel.h"
 
+#if defined(__F16C__)
+#include <immintrin.h>
+#endif
+
 namespace cpu {
 namespace pool {
 namespace {
@@ -35,6 +39,16 @@ inline void covering(int x, int pad, int size, int stride, int out, int& first, 
   last = std::min((x + pad) / stride, out - 1);
 }
 
+// One window's mean: in-range values summed in half in row-major order, divided by the area.
+inline _half avg_window(const Ftype* input, size_t plane, int in_h, int in_w, int y0, int ny0, int ny1, int x0,
+                        int size, float area) {
+  const int nx0 = std::max(0, -x0), nx1 = std::min(size, in_w - x0);
+  _half sum = fp_0;
+  for (int n = ny0; n < ny1; ++n)
+    for (int m = nx0; m < nx1; ++m) sum = hadd(sum, input[plane + (size_t)(y0 + n) * in_w + x0 + m]);
+  return f2h(h2f(sum) / area);
+}
+
 }  // namespace
 
 void max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int stride,
@@ -49,20 +63,49 @@ void max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int out_
       // The common 2 x 2 / 2 window wholly inside the input: two rows, no bounds to test.
       const Ftype* r0 = input + plane + (size_t)y0 * in_w;
       const Ftype* r1 = r0 + in_w;
-      for (int j = 0; j < out_w; ++j) {
-        const float a = h2f(r0[2 * j]), b = h2f(r0[2 * j + 1]), c = h2f(r1[2 * j]), d = h2f(r1[2 * j + 1]);
+      const int base = (int)(plane + (size_t)y0 * in_w);
+      int j = 0;
+#if defined(__F16C__)
+      // Four windows at a time: the same strict comparisons in the same order, so NaN is never
+      // chosen and the first maximum wins.
+      const __m128 minus = _mm_set1_ps(minus_inf);
+      for (; j + 4 <= out_w && 2 * j + 8 <= in_w; j += 4) {
+        const __m256 t0 = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r0 + 2 * j)));
+        const __m256 t1 = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r1 + 2 * j)));
+        const __m128 t0l = _mm256_castps256_ps128(t0), t0h = _mm256_extractf128_ps(t0, 1);
+        const __m128 t1l = _mm256_castps256_ps128(t1), t1h = _mm256_extractf128_ps(t1, 1);
+        const __m128 cand[4] = {_mm_shuffle_ps(t0l, t0h, _MM_SHUFFLE(2, 0, 2, 0)),
+                                _mm_shuffle_ps(t0l, t0h, _MM_SHUFFLE(3, 1, 3, 1)),
+                                _mm_shuffle_ps(t1l, t1h, _MM_SHUFFLE(2, 0, 2, 0)),
+                                _mm_shuffle_ps(t1l, t1h, _MM_SHUFFLE(3, 1, 3, 1))};
+        const int first = base + 2 * j;
+        const __m128i col = _mm_setr_epi32(first, first + 2, first + 4, first + 6);
+        const __m128i off[4] = {col, _mm_add_epi32(col, _mm_set1_epi32(1)), _mm_add_epi32(col, _mm_set1_epi32(in_w)),
+                                _mm_add_epi32(col, _mm_set1_epi32(in_w + 1))};
+        __m128 best = minus;
+        __m128 at = _mm_castsi128_ps(_mm_set1_epi32(-1));
+        for (int q = 0; q < 4; ++q) {
+          const __m128 gt = _mm_cmp_ps(cand[q], best, _CMP_GT_OQ);
+          best = _mm_blendv_ps(best, cand[q], gt);
+          at = _mm_blendv_ps(at, _mm_castsi128_ps(off[q]), gt);
+        }
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(output + o + j), _mm_cvtps_ph(best, _MM_FROUND_TO_NEAREST_INT));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(indexes + o + j), _mm_castps_si128(at));
+      }
+#endif
+      for (; j < out_w; ++j) {
+        const Ftype v[4] = {r0[2 * j], r0[2 * j + 1], r1[2 * j], r1[2 * j + 1]};
+        const int off[4] = {2 * j, 2 * j + 1, in_w + 2 * j, in_w + 2 * j + 1};
         float best = minus_inf;
         int at = -1;
-        if (a > best) best = a, at = 0;
-        if (b > best) best = b, at = 1;
-        if (c > best) best = c, at = in_w;
-        if (d > best) best = d, at = in_w + 1;
-        output[o + j] = at < 0 ? kMinusInf : (at == 0 ? r0[2 * j] : at == 1 ? r0[2 * j + 1] : at == in_w ? r1[2 * j] : r1[2 * j + 1]);
-        indexes[o + j] = at < 0 ? -1 : (int)(plane + (size_t)y0 * in_w + 2 * j + at);
+        for (int q = 0; q < 4; ++q)
+          if (h2f(v[q]) > best) best = h2f(v[q]), at = q;
+        output[o + j] = at < 0 ? kMinusInf : v[at];
+        indexes[o + j] = at < 0 ? -1 : base + off[at];
       }
       return;
     }
-    for (int j = 0; j < out_w; ++j) {
+    auto one = [&](int j) {
       const int x0 = j * stride - pad;
       const int nx0 = std::max(0, -x0), nx1 = std::min(size, in_w - x0);
       float best = minus_inf;
@@ -71,15 +114,45 @@ void max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int out_
         const size_t row = plane + (size_t)(y0 + n) * in_w;
         for (int m = nx0; m < nx1; ++m) {
           const float v = h2f(input[row + x0 + m]);
-          if (v > best) {
-            best = v;
-            at = (int)(row + x0 + m);
-          }
+          // Branch-free: the comparison is as unpredictable as the data.
+          const bool greater = v > best;
+          at = greater ? (int)(row + x0 + m) : at;
+          best = greater ? v : best;
         }
       }
       output[o + j] = at < 0 ? kMinusInf : input[at];
       indexes[o + j] = at;
+    };
+    int j = 0;
+#if defined(__F16C__)
+    if (stride == 1) {
+      // Eight neighbouring windows at once where their columns lie inside the input: the
+      // winner's offset n * in_w + m from the window's corner is tracked in float lanes (exact
+      // below 2^24, far above any window).
+      for (; j < std::min(pad, out_w); ++j) one(j);
+      const int last = in_w - size + pad - 8;  // the first window of the last whole block of eight
+      for (; j <= last && j + 8 <= out_w; j += 8) {
+        const int x0 = j - pad;
+        __m256 best = _mm256_set1_ps(minus_inf), at = _mm256_set1_ps(-1.f);
+        for (int n = ny0; n < ny1; ++n) {
+          const Ftype* row = input + plane + (size_t)(y0 + n) * in_w + x0;
+          for (int m = 0; m < size; ++m) {
+            const __m256 v = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + m)));
+            // Plain masks rather than blendv, which the compiler splits without AVX2.
+            const __m256 gt = _mm256_cmp_ps(v, best, _CMP_GT_OQ);
+            best = _mm256_max_ps(v, best);  // v > best ? v : best, NaN never taken
+            at = _mm256_or_ps(_mm256_and_ps(gt, _mm256_set1_ps((float)(n * in_w + m))), _mm256_andnot_ps(gt, at));
+          }
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(output + o + j), _mm256_cvtps_ph(best, _MM_FROUND_TO_NEAREST_INT));
+        alignas(32) float q[8];
+        _mm256_store_ps(q, at);
+        const int corner = (int)(plane + (size_t)y0 * in_w + x0);
+        for (int k = 0; k < 8; ++k) indexes[o + j + k] = q[k] < 0.f ? -1 : corner + k + (int)q[k];
+      }
     }
+#endif
+    for (; j < out_w; ++j) one(j);
   });
 }
 
@@ -110,14 +183,49 @@ void avg_forward(void* handle, int batch, int in_h, int in_w, int in_c, int out_
     const size_t plane = (size_t)k * in_h * in_w;
     const int y0 = i * stride - pad;
     const int ny0 = std::max(0, -y0), ny1 = std::min(size, in_h - y0);
-    for (int j = 0; j < out_w; ++j) {
-      const int x0 = j * stride - pad;
-      const int nx0 = std::max(0, -x0), nx1 = std::min(size, in_w - x0);
-      _half sum = fp_0;
-      for (int n = ny0; n < ny1; ++n)
-        for (int m = nx0; m < nx1; ++m) sum = hadd(sum, input[plane + (size_t)(y0 + n) * in_w + x0 + m]);
-      output[((size_t)k * out_h + i) * out_w + j] = f2h(h2f(sum) / area);
+    Ftype* out = output + ((size_t)k * out_h + i) * out_w;
+    int j = 0;
+#if defined(__F16C__)
+    if (size == 2 && stride == 2 && pad == 0 && ny1 == 2) {
+      // 2 x 2 / 2 wholly inside: four windows at a time, the four terms added in window order.
+      const Ftype* r0 = input + plane + (size_t)y0 * in_w;
+      const Ftype* r1 = r0 + in_w;
+      auto round4 = [](__m128 v) { return _mm_cvtph_ps(_mm_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT)); };
+      for (; j + 4 <= out_w && 2 * j + 8 <= in_w; j += 4) {
+        const __m256 t0 = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r0 + 2 * j)));
+        const __m256 t1 = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r1 + 2 * j)));
+        const __m128 t0l = _mm256_castps256_ps128(t0), t0h = _mm256_extractf128_ps(t0, 1);
+        const __m128 t1l = _mm256_castps256_ps128(t1), t1h = _mm256_extractf128_ps(t1, 1);
+        __m128 sum = _mm_shuffle_ps(t0l, t0h, _MM_SHUFFLE(2, 0, 2, 0));
+        sum = round4(_mm_add_ps(sum, _mm_shuffle_ps(t0l, t0h, _MM_SHUFFLE(3, 1, 3, 1))));
+        sum = round4(_mm_add_ps(sum, _mm_shuffle_ps(t1l, t1h, _MM_SHUFFLE(2, 0, 2, 0))));
+        sum = round4(_mm_add_ps(sum, _mm_shuffle_ps(t1l, t1h, _MM_SHUFFLE(3, 1, 3, 1))));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + j),
+                         _mm_cvtps_ph(_mm_div_ps(sum, _mm_set1_ps(area)), _MM_FROUND_TO_NEAREST_INT));
+      }
     }
+    if (stride == 1) {
+      // Eight neighbouring windows whose columns lie inside the input, summed in the same
+      // order with a rounding to half after every term.
+      auto round8 = [](__m256 v) { return _mm256_cvtph_ps(_mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT)); };
+      const __m256 area8 = _mm256_set1_ps(area);
+      j = std::min(pad, out_w);
+      const int first = j;
+      for (; j <= in_w - size + pad - 8 && j + 8 <= out_w; j += 8) {
+        __m256 sum = _mm256_setzero_ps();
+        for (int n = ny0; n < ny1; ++n) {
+          const Ftype* row = input + plane + (size_t)(y0 + n) * in_w + (j - pad);
+          for (int m = 0; m < size; ++m)
+            sum = round8(_mm256_add_ps(sum, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + m)))));
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + j),
+                         _mm256_cvtps_ph(_mm256_div_ps(sum, area8), _MM_FROUND_TO_NEAREST_INT));
+      }
+      // The border windows before the vector blocks, then the rest, one by one.
+      for (int jj = 0; jj < first; ++jj) out[jj] = avg_window(input, plane, in_h, in_w, y0, ny0, ny1, jj - pad, size, area);
+    }
+#endif
+    for (; j < out_w; ++j) out[j] = avg_window(input, plane, in_h, in_w, y0, ny0, ny1, j * stride - pad, size, area);
   });
 }
 

@@ -51,7 +51,6 @@ TEST(TrainRate, EveryPolicyFollowsItsClosedForm) {
       {STEPS_CYCLIC, 0, 150, lr * 0.1 * (1 - 0.75 * 0.49)},
       {STEPS_CYCLIC, 0, 50, lr * (1 - 0.75 * 0.49)},
       {STEPS_CYCLIC, 0, 250, lr * 0.01},  // every step applied: no cyclic factor
-      {(RatePolicy)9, 0, 5, lr},          // not reachable from text
   };
   for (const Case& c : cases) {
     TrainParams p = params_of(c.policy);

@@ -2,6 +2,8 @@
 // pictures or video, and one summary line per picture or stream.
 #include <unistd.h>
 
+#include <csignal>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -26,6 +28,10 @@ using namespace orvacli;
 using Clock = std::chrono::steady_clock;
 
 namespace {
+
+// Set by Ctrl-C: the streams stop after the frame in hand, so videos are closed properly.
+volatile std::sig_atomic_t g_stop = 0;
+void onInterrupt(int) { g_stop = 1; }
 
 bool isImageFile(const fs::path& p) {
   std::string e = p.extension().string();
@@ -67,7 +73,7 @@ struct Frame {
 
 // Reads the next frame of a source; false when it has no more.
 bool nextFrame(Source& s, long max_frames, Frame& f, std::string& error) {
-  if (max_frames > 0 && s.next >= max_frames) return false;
+  if (g_stop || (max_frames > 0 && s.next >= max_frames)) return false;
   f.src = &s;
   f.index = s.next;
   if (s.isVideo()) {
@@ -220,6 +226,7 @@ int cmd_detect(int argc, char** argv) {
   }
 
   const bool tty = isatty(2);
+  std::signal(SIGINT, onInterrupt);
   int failures = 0;
   const int batch = net.getBatch();
   std::vector<Frame> frames;
