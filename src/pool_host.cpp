@@ -60,15 +60,51 @@ constexpr int kSepMaxSize = 8;   // larger windows take the indexed walk
 constexpr int kSepMaxStride = 4;
 constexpr int kPhase = kTile + 8 + kSepMaxSize;  // floats per phase of a widened row
 
-// dst[t] = src[t] > dst[t] ? src[t] : dst[t] (the vector max returns its second operand unless
-// the first is strictly greater, so NaN never enters).
-inline void keep_greater(float* dst, const float* src, int n) {
+// The vector max returns its second operand unless the first is strictly greater, so
+// max(v, best) is the walk's step "v > best ? v : best" and NaN never enters.
+
+// h[t] = maximum over the window starting at widened position t of one row, t < lanes.
+inline void row_maxima(const float* ph, int size, int stride, int lanes, float* h) {
+  const float minus_inf = -std::numeric_limits<float>::infinity();
+  int at[kSepMaxSize];  // where window column m of window 0 lies among the phases
+  for (int m = 0; m < size; ++m) at[m] = (m % stride) * kPhase + m / stride;
+#if defined(__F16C__)
+  for (int t = 0; t < lanes; t += 8) {
+    __m256 best = _mm256_set1_ps(minus_inf);
+    for (int m = 0; m < size; ++m)
+      best = _mm256_max_ps(_mm256_loadu_ps(ph + at[m] + t), best);
+    _mm256_storeu_ps(h + t, best);
+  }
+#else
+  for (int t = 0; t < lanes; ++t) {
+    float best = minus_inf;
+    for (int m = 0; m < size; ++m) {
+      const float v = ph[at[m] + t];
+      best = v > best ? v : best;
+    }
+    h[t] = best;
+  }
+#endif
+}
+
+// out[t] = maximum over the rows' maxima in row order, t < tw.
+inline void column_maxima(const float* const* rows, int nrows, int tw, Ftype* out) {
+  const float minus_inf = -std::numeric_limits<float>::infinity();
   int t = 0;
 #if defined(__F16C__)
-  for (; t + 8 <= n; t += 8)
-    _mm256_storeu_ps(dst + t, _mm256_max_ps(_mm256_loadu_ps(src + t), _mm256_loadu_ps(dst + t)));
+  auto block = [&](int at) {
+    __m256 best = _mm256_set1_ps(minus_inf);
+    for (int n = 0; n < nrows; ++n) best = _mm256_max_ps(_mm256_loadu_ps(rows[n] + at), best);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), _mm256_cvtps_ph(best, _MM_FROUND_TO_NEAREST_INT));
+  };
+  for (; t + 8 <= tw; t += 8) block(t);
+  if (t < tw && tw >= 8) block(tw - 8), t = tw;  // the last eight again rather than a scalar tail
 #endif
-  for (; t < n; ++t) dst[t] = src[t] > dst[t] ? src[t] : dst[t];
+  for (; t < tw; ++t) {
+    float best = minus_inf;
+    for (int n = 0; n < nrows; ++n) best = rows[n][t] > best ? rows[n][t] : best;
+    out[t] = f2h(best);
+  }
 }
 
 // Phase r, position u of ph holds input column xa + u * stride + r, -inf outside the row.
@@ -110,7 +146,6 @@ void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, flo
 
 void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int stride, int pad,
                 const Ftype* input, Ftype* output) {
-  const float minus_inf = -std::numeric_limits<float>::infinity();
   const int planes = batch * in_c;
   // Bands of output rows big enough that re-widening the size - 1 rows they share is cheap.
   const int band = std::max(1, std::min(out_h, 16384 / std::max(out_w, 1)));
@@ -118,7 +153,6 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
   tbb::parallel_for(tbb::blocked_range<size_t>(0, (size_t)planes * bands), [&](const tbb::blocked_range<size_t>& r) {
     alignas(32) float ph[kSepMaxStride * kPhase];
     alignas(32) float ring[kSepMaxSize][kTile + 8];
-    alignas(32) float acc[kTile + 8];
     for (size_t task = r.begin(); task != r.end(); ++task) {
       const size_t k = task / bands;
       const int i0 = (int)(task % bands) * band, i1 = std::min(out_h, i0 + band);
@@ -129,28 +163,21 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
         const int xa = j0 * stride - pad;
         int held[kSepMaxSize];
         std::fill(held, held + size, -1);
-        for (int i = i0; i < i1; ++i) {
-          std::fill(acc, acc + lanes, minus_inf);
-          for (int n = 0; n < size; ++n) {
+        int first = ((i0 * stride - pad) % size + size) % size;  // ring slot of the window's first row
+        for (int i = i0; i < i1; ++i, first = first + stride < size ? first + stride : (first + stride) % size) {
+          const float* rows[kSepMaxSize];
+          int nrows = 0;
+          for (int n = 0, slot = first; n < size; ++n, slot = slot + 1 == size ? 0 : slot + 1) {
             const int y = i * stride - pad + n;
-            if (y < 0 || y >= in_h) continue;
-            float* h = ring[y % size];
-            if (held[y % size] != y) {
+            if (y < 0 || y >= in_h) continue;  // rows outside are -inf, which never wins
+            if (held[slot] != y) {
               widen_phases(plane + (size_t)y * in_w, in_w, xa, stride, lanes + (size - 1) / stride, ph);
-              std::fill(h, h + lanes, minus_inf);
-              for (int m = 0; m < size; ++m) keep_greater(h, ph + (m % stride) * kPhase + m / stride, lanes);
-              held[y % size] = y;
+              row_maxima(ph, size, stride, lanes, ring[slot]);
+              held[slot] = y;
             }
-            keep_greater(acc, h, lanes);
+            rows[nrows++] = ring[slot];
           }
-          Ftype* out = output + (k * out_h + i) * out_w + j0;
-          int t = 0;
-#if defined(__F16C__)
-          for (; t + 8 <= tw; t += 8)
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + t),
-                             _mm256_cvtps_ph(_mm256_load_ps(acc + t), _MM_FROUND_TO_NEAREST_INT));
-#endif
-          for (; t < tw; ++t) out[t] = f2h(acc[t]);
+          column_maxima(rows, nrows, tw, output + (k * out_h + i) * out_w + j0);
         }
       }
     }
