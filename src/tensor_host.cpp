@@ -32,10 +32,11 @@ inline _half add_grad(_half prev, float g) { return f2h(h2f(prev) + g); }
 void upsample(void* handle, int batch, int w, int h, int c, int stride, const Ftype* input, Ftype* output) {
   const int ow = w * stride, oh = h * stride;
   // Tasks of whole input rows: each output row is built once and stored stride times.
+  // Input row `row` lands at output row row * stride: plane k's rows k * h + y go to
+  // k * oh + y * stride = (k * h + y) * stride, so no division is needed.
   for_range((size_t)batch * c * h, std::max(1, 16384 / std::max(ow * stride, 1)), [&](size_t row) {
     const Ftype* src = input + row * w;
-    const size_t k = row / h, y = row % h;
-    Ftype* dst = output + (k * oh + y * stride) * ow;
+    Ftype* dst = output + row * stride * ow;
     int x = 0;
 #if defined(__SSE2__)
     if (stride == 2) {
