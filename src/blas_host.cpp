@@ -524,11 +524,22 @@ void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int str
   const size_t rows = (size_t)h * c * batch;
   tbb::parallel_for(tbb::blocked_range<size_t>(0, rows, std::max<size_t>(1, kGrain / std::max(w, 1))),
                     [&](const tbb::blocked_range<size_t>& r) {
-                      for (size_t row = r.begin(); row != r.end(); ++row) {
-                        const size_t ih = row % h, ic = row / h % c, b = row / h / c;
-                        const size_t c2 = ic % out_c, offset = ic / out_c;
-                        const size_t h2 = ih * stride + offset / stride;
-                        const size_t base = offset % stride + (size_t)w * stride * (h2 + (size_t)h * stride * (c2 + (size_t)out_c * b));
+                      // Divisions once per task; the row's place then advances by counting.
+                      size_t ih = r.begin() % h, ic = r.begin() / h % c, b = r.begin() / h / c;
+                      size_t c2, offset, plane;  // of channel ic
+                      auto channel = [&] {
+                        c2 = ic % out_c, offset = ic / out_c;
+                        plane = (size_t)w * stride * ((size_t)h * stride * (c2 + (size_t)out_c * b) + offset / stride) +
+                                offset % stride;
+                      };
+                      channel();
+                      for (size_t row = r.begin(); row != r.end(); ++row, ++ih) {
+                        if (ih == (size_t)h) {
+                          ih = 0;
+                          if (++ic == (size_t)c) ic = 0, ++b;
+                          channel();
+                        }
+                        const size_t base = plane + (size_t)w * stride * ih * stride;
                         const Ftype* src = x + row * w;
                         Ftype* dst = out + row * w;
                         if (forward) {
