@@ -30,7 +30,7 @@ inline _half add_grad(_half prev, float g) { return f2h(h2f(prev) + g); }
 }  // namespace
 
 void upsample(void* handle, int batch, int w, int h, int c, int stride, const Ftype* input, Ftype* output) {
-  const int ow = w * stride, oh = h * stride;
+  const int ow = w * stride;
   // Tasks of whole input rows: each output row is built once and stored stride times.
   // Input row `row` lands at output row row * stride: plane k's rows k * h + y go to
   // k * oh + y * stride = (k * h + y) * stride, so no division is needed.
