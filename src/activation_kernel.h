@@ -17,6 +17,11 @@ _half gradient_value(int type, _half y);
 void activate(void* handle, int type, Ftype* x, int n);
 void add_bias_activate(void* handle, int type, Ftype* output, Ftype* bias, int batch, int n, int size);
 void gradient(void* handle, int type, Ftype* x, int n, Ftype* delta);
+// Rounds n float products into dst, adds b and applies activation `type`, each step rounded
+// as add_bias_activate rounds it after a separate narrowing (host convolutions fuse it into
+// their last pass); null for an id without a function.
+using NarrowBiasActivateFn = void (*)(const float* src, Ftype* dst, int n, _half b);
+NarrowBiasActivateFn narrow_bias_activate_fn(int type);
 }  // namespace cpu
 
 namespace gpu {

@@ -2,6 +2,7 @@
 
 #include "backend.h"
 #include "orva/blas.h"
+#include "orva/util.h"
 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& shape) { return ORVA_DISPATCH(handle, conv_plan_create, shape); }
 
@@ -14,6 +15,16 @@ void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* 
   ORVA_DISPATCH(handle, conv_forward, plan, batch, input, weight, output, workspace);
 }
 
+void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
+                                int type, Ftype* output, void* workspace) {
+  if (batch < 1) return;
+  if (!bias) {
+    ORVA_ERROR("conv_forward_bias_activate: no bias for %d filters", plan->shape.out_c);
+    return;
+  }
+  if (batch > plan->shape.batch) batch = plan->shape.batch;
+  ORVA_DISPATCH(handle, conv_forward_bias_activate, plan, batch, input, weight, bias, type, output, workspace);
+}
 void conv_backward_filter(void* handle, ConvPlan* plan, Ftype* input, Ftype* delta, Ftype* weight_update,
                           void* workspace) {
   ORVA_DISPATCH(handle, conv_backward_filter, plan, input, delta, weight_update, workspace);

@@ -6,6 +6,7 @@
 #include "backend.h"
 #include "conv_kernel.h"
 #include "cuda_check.h"
+#include "orva/activation.h"
 #include "orva/layer.h"
 
 namespace gpu {
@@ -174,6 +175,15 @@ void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* 
   const float one = 1.f, zero = 0.f;
   CHECK_CUDA(cudnnConvolutionForward(cudnn_of(handle), &one, p->src[batch], input, p->weight, weight, p->conv,
                                      p->fw[batch], workspace, p->workspace_bytes, &zero, p->dst[batch], output));
+}
+
+// cuDNN's fused convolution would round once; the per-step rounding of a separate bias and
+// activation pass is what the host reproduces bit for bit.
+void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
+                                int type, Ftype* output, void* workspace) {
+  gpu::conv_forward(handle, plan, batch, input, weight, output, workspace);
+  const ConvShape& s = plan->shape;
+  activation_bias_forward(handle, type, output, bias, batch, s.out_c, s.out_h * s.out_w);
 }
 
 void conv_backward_filter(void* handle, ConvPlan* plan, Ftype* input, Ftype* delta, Ftype* weight_update,

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "activation_kernel.h"
 #include "backend.h"
 #include "conv_kernel.h"
 #include "half_math.h"
@@ -91,6 +92,18 @@ void narrow_span(const float* src, Ftype* dst, int n) {
 #endif
   for (; i < n; ++i) dst[i] = f2h(src[i]);
 }
+
+// The last pass of a forward product: float rows of filter f to half, with the filter's bias
+// and the activation when the caller asked for them (the tile is still in cache; a separate
+// pass would read the output back from memory).
+struct OutputStep {
+  const Ftype* bias = nullptr;
+  NarrowBiasActivateFn activate = nullptr;
+  void operator()(const float* src, Ftype* dst, int n, int f) const {
+    if (activate) activate(src, dst, n, bias[f]);
+    else narrow_span(src, dst, n);
+  }
+};
 
 // Scratch slots of the forward product (the backend's grow-only buffers).
 enum ForwardScratch { kScratchWeights = 0, kScratchColumns = 1, kScratchTiles = 2, kScratchRows = 3 };
@@ -182,7 +195,7 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
 }
 
 void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const Ftype* input, const Ftype* weight,
-                      Ftype* output) {
+                      Ftype* output, const OutputStep& finish) {
   const ConvShape& s = p->shape;
   const int C = s.in_c, M = s.out_c;
   const int th = (s.out_h + 1) / 2, tw = (s.out_w + 1) / 2;
@@ -272,8 +285,8 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
           y1[2 * tx] = t1[0] + t1[1] + t1[2];
           y1[2 * tx + 1] = t1[1] - t1[2] - t1[3];
         }
-        narrow_span(y0, plane + (size_t)(2 * ty) * s.out_w, s.out_w);
-        if (2 * ty + 1 < s.out_h) narrow_span(y1, plane + (size_t)(2 * ty + 1) * s.out_w, s.out_w);
+        finish(y0, plane + (size_t)(2 * ty) * s.out_w, s.out_w, f);
+        if (2 * ty + 1 < s.out_h) finish(y1, plane + (size_t)(2 * ty + 1) * s.out_w, s.out_w, f);
       }
     }
   });
@@ -337,13 +350,16 @@ ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
   return plan;
 }
 
-void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* output,
-                  void* workspace) {
+namespace {
+
+void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const Ftype* weight, Ftype* output,
+             const OutputStep& finish) {
   const ConvShape& s = plan->shape;
   const int cpg = s.in_c / s.groups, fpg = s.out_c / s.groups;
   const int K = cpg * s.size * s.size, N = s.out_h * s.out_w;
   ORVA::Backend* backend = ORVA::backend_of(handle);
-  if (takes_winograd(s)) return winograd_forward(static_cast<HostConvPlan*>(plan), backend, batch, input, weight, output);
+  if (takes_winograd(s))
+    return winograd_forward(static_cast<HostConvPlan*>(plan), backend, batch, input, weight, output, finish);
   const long long columns = (long long)batch * N;
   const int threads = tbb::this_task_arena::max_concurrency();
   const ForwardTiling t = forward_tiling(fpg, columns, K, threads);
@@ -393,12 +409,31 @@ void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* 
                       ldb, 0.f, cp, w);
           for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
             Ftype* out = output + b * out_image + ((size_t)g * fpg + i0) * N + j;
-            for (int i = 0; i < h; ++i) narrow_span(cp + (size_t)i * w + at, out + (size_t)i * N, n);
+            for (int i = 0; i < h; ++i) finish(cp + (size_t)i * w + at, out + (size_t)i * N, n, g * fpg + i0 + i);
           });
         }
       });
     }
   });
+}
+
+}  // namespace
+
+void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* output,
+                  void* workspace) {
+  forward(handle, plan, batch, input, weight, output, OutputStep());
+}
+
+void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
+                                int type, Ftype* output, void* workspace) {
+  OutputStep finish;
+  finish.bias = bias;
+  finish.activate = narrow_bias_activate_fn(type);
+  if (!finish.activate) {
+    ORVA_ERROR("conv_forward_bias_activate: unknown activation id %d", type);
+    return;
+  }
+  forward(handle, plan, batch, input, weight, output, finish);
 }
 
 void conv_backward_filter(void* handle, ConvPlan* plan, Ftype* input, Ftype* delta, Ftype* weight_update,

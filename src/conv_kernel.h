@@ -36,6 +36,11 @@ void conv_plan_destroy(void* handle, ConvPlan* plan);
 // output = conv(input, weight) for `batch` samples, no bias.
 void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* output,
                   void* workspace);
+// output = activation(conv(input, weight) + bias) with the bias per filter, rounded as
+// conv_forward followed by activation_bias_forward; the host does it in the product's last
+// pass.
+void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
+                                int type, Ftype* output, void* workspace);
 // weight_update += gradient of the weights (full batch).
 void conv_backward_filter(void* handle, ConvPlan* plan, Ftype* input, Ftype* delta, Ftype* weight_update,
                           void* workspace);
@@ -57,6 +62,8 @@ namespace cpu {
 ConvPlan* conv_plan_create(void* handle, const ConvShape& shape);
 void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* output,
                   void* workspace);
+void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
+                                int type, Ftype* output, void* workspace);
 void conv_backward_filter(void* handle, ConvPlan* plan, Ftype* input, Ftype* delta, Ftype* weight_update,
                           void* workspace);
 void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delta, Ftype* input_delta,
@@ -79,6 +86,8 @@ namespace gpu {
 ConvPlan* conv_plan_create(void* handle, const ConvShape& shape);
 void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* output,
                   void* workspace);
+void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
+                                int type, Ftype* output, void* workspace);
 void conv_backward_filter(void* handle, ConvPlan* plan, Ftype* input, Ftype* delta, Ftype* weight_update,
                           void* workspace);
 void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delta, Ftype* input_delta,
