@@ -267,13 +267,14 @@ void ConvolutionLayer::forward(NetworkParams& params) {
     if (_activation) _activation->activate(_output, b * _outputs);
     return;
   }
-  conv_forward(_gpu_handle, _plan, b, params.input, _weight, _output, workspace);
+  if (_bn || !_activation) conv_forward(_gpu_handle, _plan, b, params.input, _weight, _output, workspace);
   if (_bn) {
     _bn->forward(this, b, _out_c, _out_w * _out_h);
     if (_activation) _activation->activate(_output, b * _outputs);
   } else if (_activation) {
     // Without an activation the bias is deliberately left out.
-    _activation->activate(_output, _bias, b, _kn, _out_w * _out_h);
+    conv_forward_bias_activate(_gpu_handle, _plan, b, params.input, _weight, _bias, _activation->type, _output,
+                               workspace);
   }
 }
 
