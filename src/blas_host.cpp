@@ -519,16 +519,57 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
 
 void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
   const int out_c = c / (stride * stride);
-  for_each_index((size_t)w * h * c * batch, [&](size_t i) {
-    const int iw = (int)(i % w), ih = (int)(i / w % h), ic = (int)(i / w / h % c), b = (int)(i / w / h / c);
-    const int c2 = ic % out_c, offset = ic / out_c;
-    const size_t w2 = (size_t)iw * stride + offset % stride, h2 = (size_t)ih * stride + offset / stride;
-    const size_t o = w2 + (size_t)w * stride * (h2 + (size_t)h * stride * (c2 + (size_t)out_c * b));
-    if (forward)
-      out[o] = x[i];
-    else
-      out[i] = x[o];
-  });
+  // Row by row: along a row of w elements only the column moves, by one on one side and by
+  // stride on the other, so the index arithmetic is paid once per row.
+  const size_t rows = (size_t)h * c * batch;
+  tbb::parallel_for(tbb::blocked_range<size_t>(0, rows, std::max<size_t>(1, kGrain / std::max(w, 1))),
+                    [&](const tbb::blocked_range<size_t>& r) {
+                      // Divisions once per task; the row's place then advances by counting.
+                      size_t ih = r.begin() % h, ic = r.begin() / h % c, b = r.begin() / h / c;
+                      size_t c2, offset, plane;  // of channel ic
+                      auto channel = [&] {
+                        c2 = ic % out_c, offset = ic / out_c;
+                        plane = (size_t)w * stride * ((size_t)h * stride * (c2 + (size_t)out_c * b) + offset / stride) +
+                                offset % stride;
+                      };
+                      channel();
+                      for (size_t row = r.begin(); row != r.end(); ++row, ++ih) {
+                        if (ih == (size_t)h) {
+                          ih = 0;
+                          if (++ic == (size_t)c) ic = 0, ++b;
+                          channel();
+                        }
+                        const size_t base = plane + (size_t)w * stride * ih * stride;
+                        const Ftype* src = x + row * w;
+                        Ftype* dst = out + row * w;
+                        if (forward) {
+                          for (int iw = 0; iw < w; ++iw) out[base + (size_t)iw * stride] = src[iw];
+                          continue;
+                        }
+                        int iw = 0;
+#if defined(__F16C__)
+                        if (stride == 2 && w >= 8) {
+                          // Every other column of a source row of 2 w: sixteen loaded from the
+                          // row's start (never past its end), split into evens and odds.
+                          const Ftype* from = x + base - offset % 2;
+                          const __m128i split = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+                          const bool odd = offset % 2;
+                          auto eight = [&](int at) {
+                            const __m128i a = _mm_shuffle_epi8(
+                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 2 * at)), split);
+                            const __m128i b = _mm_shuffle_epi8(
+                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 2 * at + 8)), split);
+                            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + at),
+                                             odd ? _mm_unpackhi_epi64(a, b) : _mm_unpacklo_epi64(a, b));
+                          };
+                          for (; iw + 8 <= w; iw += 8) eight(iw);
+                          if (iw < w) eight(w - 8);  // the last eight again rather than a scalar tail
+                          continue;
+                        }
+#endif
+                        for (; iw < w; ++iw) dst[iw] = x[base + (size_t)iw * stride];
+                      }
+                    });
 }
 
 void flatten(void* handle, const Ftype* x, int spatial, int layers, int batch, int forward, Ftype* out) {

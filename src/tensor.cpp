@@ -39,6 +39,17 @@ void tensor_upsample_backward(void* handle, int batch, int w, int h, int c, int 
   ORVA_DISPATCH(handle, tensor::upsample_backward, batch, w, h, c, stride, delta, prev_delta);
 }
 
+void tensor_add_scaled(void* handle, int n, float alpha, Ftype* x, float beta, Ftype* y, Ftype* out) {
+  const char* fn = "tensor_add_scaled";
+  if (n < 0 || !std::isfinite(alpha) || !std::isfinite(beta)) {
+    ORVA_ERROR("%s: n = %d, alpha = %g, beta = %g out of range", fn, n, alpha, beta);
+    return;
+  }
+  if (n == 0 || !present(fn, x, y, out)) return;
+  // The factors are halves on both backends, rounded once here with the exact host table.
+  ORVA_DISPATCH(handle, tensor::add_scaled, n, Ftype{float2half_cpu(alpha)}, x, Ftype{float2half_cpu(beta)}, y, out);
+}
+
 void tensor_scale(void* handle, int batch, int c, int size, int per_position, Ftype* input, Ftype* s,
                   Ftype* output) {
   const char* fn = "tensor_scale";

@@ -39,6 +39,13 @@ __global__ void upsample_backward_kernel(size_t n, int w, int h, int stride, con
   prev_delta[i] = add_grad(prev_delta[i], sum);
 }
 
+__global__ void add_scaled_kernel(size_t n, __half alpha, const __half* x, __half beta, const __half* y,
+                                  __half* out) {
+  const size_t i = ORVA_INDEX();
+  if (i >= n) return;
+  out[i] = __float2half_rn(__fadd_rn(__half2float(hmul(alpha, x[i])), __half2float(hmul(beta, y[i]))));
+}
+
 __global__ void scale_kernel(size_t n, int c, int size, int per_position, const __half* input, const __half* s,
                              __half* output) {
   const size_t i = ORVA_INDEX();
@@ -136,6 +143,12 @@ void upsample_backward(void* handle, int batch, int w, int h, int c, int stride,
   const size_t n = (size_t)batch * c * h * w;
   ORVA_LAUNCH(upsample_backward_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(
       n, w, h, stride, as_device(delta), as_device(prev_delta));
+  CHECK_LAUNCH();
+}
+
+void add_scaled(void* handle, int n, Ftype alpha, const Ftype* x, Ftype beta, const Ftype* y, Ftype* out) {
+  ORVA_LAUNCH(add_scaled_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(
+      n, __ushort_as_half(alpha.__x), as_device(x), __ushort_as_half(beta.__x), as_device(y), as_device(out));
   CHECK_LAUNCH();
 }
 

@@ -7,6 +7,7 @@
   void upsample(void* handle, int batch, int w, int h, int c, int stride, const Ftype* input, Ftype* output);  \
   void upsample_backward(void* handle, int batch, int w, int h, int c, int stride, const Ftype* delta,        \
                          Ftype* prev_delta);                                                                 \
+  void add_scaled(void* handle, int n, Ftype alpha, const Ftype* x, Ftype beta, const Ftype* y, Ftype* out);  \
   void scale(void* handle, int batch, int c, int size, int per_position, const Ftype* input, const Ftype* s,  \
              Ftype* output);                                                                                 \
   void scale_backward(void* handle, int batch, int c, int size, int per_position, const Ftype* input,         \

@@ -113,6 +113,7 @@ TEST(LayerBackward, MatchesFiniteDifferences) {
     };
     for (const Case& c : cases) {
       SCOPED_TRACE(c.text);
+      if (skip_without_cudnn(c.text, gpu)) continue;
       auto net = net_from_text(c.text, batch, gpu, ORVA::TRAIN);
       ORVA::Layer* l = net->getLayer(0);
       const size_t n = (size_t)batch * l->_inputs;

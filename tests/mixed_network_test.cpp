@@ -2,6 +2,8 @@
 // backend with the same result, and come back from a model file with identical output.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "layer_test_util.h"
 
 using namespace orva_test;
@@ -43,6 +45,7 @@ void check_round_trip(const std::string& text, int side_w, int side_h, int chann
   ASSERT_EQ(described.load(cfg.c_str(), weights.c_str()), 0);
   EXPECT_EQ(predict_copy(described, input, batch), expected);
   for (int gpu : test_backends()) {
+    if (skip_without_cudnn(text, gpu)) continue;
     ORVA::Network loaded(ORVA::TEST, batch, gpu);
     load_model(loaded, again);
     ASSERT_EQ(loaded.getLayerCount(), first.getLayerCount());
@@ -112,6 +115,39 @@ TEST(MixedNetwork, EveryLayerTypeRoundTrip) {
   EXPECT_EQ(net->getLayer(17)->_batch, 1);
   EXPECT_EQ(net->getOutputs(), 6);
   check_round_trip(kEveryLayer, 8, 6, 3, 2);
+}
+
+// Every configuration word of that network's model file replaced by a hostile value: the
+// load either builds a network or throws std::runtime_error, never crashes or ends the process.
+TEST(MixedNetwork, DamagedRecordsAreRefused) {
+  const std::string model = temp_path("every.orva"), damaged = temp_path("damaged.orva");
+  {
+    auto net = net_from_text(kEveryLayer, 1, -1);
+    net->save(model.c_str(), true);
+  }
+  const std::vector<unsigned char> bytes = read_bytes(model);
+  const size_t first = 64 + 24, words = std::min<size_t>(160, (bytes.size() - first) / 4);
+  int refused = 0;
+  for (size_t w = 0; w < words; ++w)
+    for (int32_t value : {-3, 1 << 20}) {
+      std::vector<unsigned char> b = bytes;
+      memcpy(&b[first + 4 * w], &value, 4);
+      write_bytes(damaged, b);
+      ORVA::Network probe(ORVA::TEST, 1, -1);
+      const uint32_t sum = probe.getChecksum(damaged.c_str());
+      memcpy(&b[60], &sum, 4);
+      write_bytes(damaged, b);
+      ::testing::internal::CaptureStdout();
+      ::testing::internal::CaptureStderr();
+      try {
+        probe.load(damaged.c_str(), false, false);
+      } catch (const std::runtime_error&) {
+        ++refused;
+      }
+      ::testing::internal::GetCapturedStderr();
+      ::testing::internal::GetCapturedStdout();
+    }
+  EXPECT_GT(refused, (int)words / 2);
 }
 
 }  // namespace

@@ -74,9 +74,12 @@ TEST(PoolForward, MatchesReferenceOnEveryBackend) {
       {13, 11, 3, "[maxpool]\nsize=2\nstride=2\n", kHalfRounding},
       {9, 7, 2, "[maxpool]\nsize=3\nstride=1\n", kHalfRounding},  // 11 x 9: last windows wholly outside
       {7, 5, 3, "[maxpool]\nsize=2\nstride=1\n", kHalfRounding},
+      {21, 5, 2, "[maxpool]\nsize=3\nstride=1\n", kHalfRounding},  // wide enough for the host's 8-lane rows
       {10, 9, 2, "[maxpool]\nsize=3\nstride=2\npad=0\n", kHalfRounding},
       {7, 6, 3, "[avgpool]\nsize=2\nstride=2\npad=1\n", kHalfChain},  // corner windows hold one value
       {5, 6, 2, "[avgpool]\nsize=3\nstride=1\n", kHalfChain},
+      {22, 4, 2, "[avgpool]\nsize=3\nstride=1\n", kHalfChain},
+      {17, 6, 2, "[avgpool]\nsize=2\nstride=2\n", kHalfChain},
       {7, 5, 4, "[avgpool]\n", kHalfAccumulate},
       {6, 5, 3, "[avgpool]\nsquare=1\n", kHalfAccumulate},
       {5, 5, 3, "[avgpool]\ntmin=2\ntmax=3\n", kHalfAccumulate},
@@ -96,6 +99,7 @@ TEST(PoolBackward, MatchesFiniteDifferences) {
   // the half sums, and small planes keep those sums short.
   const Case cases[] = {
       {7, 6, "[maxpool]\nsize=2\nstride=2\n", 0.02f, true}, {7, 6, "[maxpool]\nsize=3\nstride=1\n", 0.02f, true},
+      {21, 4, "[maxpool]\nsize=3\nstride=1\n", 0.02f, true}, {20, 4, "[maxpool]\nsize=2\nstride=2\n", 0.02f, true},
       {7, 6, "[avgpool]\nsize=3\nstride=2\n", 1.f, false},  {4, 3, "[avgpool]\n", 1.f, false},
       {4, 3, "[avgpool]\nsquare=1\n", 1.f, false},           {2, 2, "[avgpool]\ntmin=1\ntmax=1\n", 0.03f, true},
   };

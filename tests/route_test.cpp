@@ -73,33 +73,29 @@ std::vector<double> reference_smerge(ORVA::Network& net, int batch) {
   return out;
 }
 
+// Producers are layers without the device library (learned rectifier, pools, resampling), so
+// that every backend, the emulated one included, runs these networks.
 const char* kRoute =
     "[network]\nwidth=9\nheight=7\nchannels=3\n"
-    "[convolution]\nfilters=4\nsize=3\nactivation=leaky\n[maxpool]\nsize=2\nstride=1\n"
-    "[convolution]\nfilters=5\nsize=1\nactivation=linear\n[route]\nlayers=-1,0,-2\n";
+    "[dynact]\n[maxpool]\nsize=2\nstride=1\n[reorg]\nstride=1\n[route]\nlayers=-1,0,-2\n";
 std::string shortcut_down(const char* activation) {
-  return std::string("[network]\nwidth=10\nheight=8\nchannels=3\n"
-                     "[convolution]\nfilters=4\nsize=3\nactivation=leaky\n"
-                     "[convolution]\nfilters=4\nsize=3\nstride=2\nactivation=leaky\n"
+  return std::string("[network]\nwidth=10\nheight=8\nchannels=3\n[dynact]\n[maxpool]\nsize=2\nstride=2\n"
                      "[shortcut]\nfrom=0\nalpha=0.5\nbeta=1.5\nactivation=") + activation + "\n";
 }
 const char* kShortcutUp =
-    "[network]\nwidth=10\nheight=8\nchannels=3\n"
-    "[convolution]\nfilters=4\nsize=3\nstride=2\nactivation=leaky\n[upsample]\n"
-    "[convolution]\nfilters=3\nsize=1\nactivation=linear\n[shortcut]\nfrom=0\nactivation=linear\n";
-const char* kShortcutInput =
-    "[network]\nwidth=6\nheight=5\nchannels=3\n[convolution]\nfilters=3\nsize=3\nactivation=leaky\n"
-    "[shortcut]\nfrom=-2\n";
+    "[network]\nwidth=10\nheight=8\nchannels=4\n"
+    "[maxpool]\nsize=2\nstride=2\n[upsample]\n[spresize]\nstride=1\n[shortcut]\nfrom=0\nactivation=linear\n";
+const char* kShortcutInput = "[network]\nwidth=6\nheight=5\nchannels=3\n[dynact]\n[shortcut]\nfrom=-2\n";
+// The map: the features pooled to 6 x 5 and their four channels folded into one 12 x 10 plane.
 const char* kScalemap =
-    "[network]\nwidth=6\nheight=5\nchannels=4\n[convolution]\nfilters=4\nsize=3\nactivation=leaky\n"
-    "[convolution]\nfilters=1\nsize=1\nactivation=logistic\n[scalemap]\nfrom=0\n";
+    "[network]\nwidth=12\nheight=10\nchannels=4\n[dynact]\n[maxpool]\nsize=2\nstride=2\n[spresize]\n"
+    "[scalemap]\nfrom=0\n";
 const char* kAttention =
-    "[network]\nwidth=6\nheight=5\nchannels=4\n[convolution]\nfilters=4\nsize=3\nactivation=leaky\n[avgpool]\n"
-    "[convolution]\nfilters=4\nsize=1\nactivation=logistic\n[attention]\nfrom=-3\n";
+    "[network]\nwidth=6\nheight=5\nchannels=4\n[dynact]\n[avgpool]\n[attention]\nfrom=-2\n";
 
 std::string siamese_net(const char* merge) {
-  return std::string("[network]\nwidth=5\nheight=3\nchannels=2\nsiamese=2\n"
-                     "[convolution]\nfilters=3\nsize=3\nactivation=leaky\n[smerge]\nmerge=") + merge + "\n";
+  return std::string("[network]\nwidth=5\nheight=3\nchannels=2\nsiamese=2\n[dynact]\n[smerge]\nmerge=") + merge +
+         "\n";
 }
 
 TEST(RouteForward, EarlierLayersOnEveryBackend) {
@@ -118,11 +114,11 @@ TEST(RouteForward, ShapesAndIndexes) {
   EXPECT_EQ(r->_lindex[0], 2);
   EXPECT_EQ(r->_lindex[1], 0);
   EXPECT_EQ(r->_lindex[2], 1);
-  EXPECT_EQ(r->_out_c, 13);
+  EXPECT_EQ(r->_out_c, 9);
   auto merged = net_from_text(siamese_net("concat"), 3, -1);
   EXPECT_EQ(merged->getLayer(1)->_batch, 3);
-  EXPECT_EQ(merged->getLayer(1)->_out_c, 6);
-  EXPECT_EQ(merged->getOutputs(), 5 * 3 * 6);
+  EXPECT_EQ(merged->getLayer(1)->_out_c, 4);
+  EXPECT_EQ(merged->getOutputs(), 5 * 3 * 4);
 }
 
 TEST(RouteBackward, MatchesFiniteDifferences) {

@@ -11,6 +11,10 @@ void tensor_upsample(void* handle, int batch, int w, int h, int c, int stride, F
 void tensor_upsample_backward(void* handle, int batch, int w, int h, int c, int stride, Ftype* delta,
                               Ftype* prev_delta);
 
+// out = alpha * x + beta * y, each product and the sum rounded to half (the residual sum of
+// two tensors of one shape; out may be x or y).
+void tensor_add_scaled(void* handle, int n, float alpha, Ftype* x, float beta, Ftype* y, Ftype* out);
+
 // Broadcast product out = in * s: per_position 0 takes s[b * c + ch] (one factor per channel
 // and item), per_position 1 takes s[b * size + p] (one map value per position and item,
 // shared by all channels). The product is one half multiply.

@@ -5,6 +5,7 @@
 #include "layer/layer_util.h"
 #include "orva/blas.h"
 #include "orva/orva.h"
+#include "orva/tensor.h"
 
 namespace ORVA {
 
@@ -111,8 +112,13 @@ void ShortcutLayer::_makeLayer(bool quant, bool fast) {
 void ShortcutLayer::forward(NetworkParams& params) {
   const int b = layer_pass_batch(params, _batch);
   Ftype* add = _from >= 0 ? _net->getLayer(_from)->_output : params.net ? params.net->getInput() : params.input;
-  blas_copy(_gpu_handle, b * _outputs, params.input, _output);
-  blas_shortcut(_gpu_handle, b, _in_w, _in_h, _in_c, add, _out_w, _out_h, _out_c, _alpha, _beta, _output);
+  if (_in_w == _out_w && _in_h == _out_h && _in_c == _out_c) {
+    // Same shape: one pass computes what the copy and blas_shortcut would.
+    tensor_add_scaled(_gpu_handle, b * _outputs, _alpha, params.input, _beta, add, _output);
+  } else {
+    blas_copy(_gpu_handle, b * _outputs, params.input, _output);
+    blas_shortcut(_gpu_handle, b, _in_w, _in_h, _in_c, add, _out_w, _out_h, _out_c, _alpha, _beta, _output);
+  }
   if (_activation) _activation->activate(_output, b * _outputs);
 }
 
