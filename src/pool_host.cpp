@@ -64,10 +64,9 @@ constexpr int kPhase = kTile + 8 + kSepMaxSize;  // floats per phase of a widene
 // max(v, best) is the walk's step "v > best ? v : best" and NaN never enters.
 
 // h[t] = maximum over the window starting at widened position t of one row, t < lanes.
-inline void row_maxima(const float* ph, int size, int stride, int lanes, float* h) {
+// at[m]: where column m of window 0 lies among the phases.
+inline void row_maxima(const float* ph, const int* at, int size, int lanes, float* h) {
   const float minus_inf = -std::numeric_limits<float>::infinity();
-  int at[kSepMaxSize];  // where window column m of window 0 lies among the phases
-  for (int m = 0; m < size; ++m) at[m] = (m % stride) * kPhase + m / stride;
 #if defined(__F16C__)
   for (int t = 0; t < lanes; t += 8) {
     __m256 best = _mm256_set1_ps(minus_inf);
@@ -107,8 +106,9 @@ inline void column_maxima(const float* const* rows, int nrows, int tw, Ftype* ou
   }
 }
 
-// Phase r, position u of ph holds input column xa + u * stride + r, -inf outside the row.
-void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, float* ph) {
+// Phase r, position u of ph holds input column xa + u * stride + r, -inf outside the row;
+// positions below lo have a column before the row's start.
+void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, int lo, float* ph) {
   const float minus_inf = -std::numeric_limits<float>::infinity();
   auto scalar = [&](int u) {
     for (int r = 0; r < stride; ++r) {
@@ -117,7 +117,6 @@ void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, flo
     }
   };
   int u = 0;
-  const int lo = std::min(count, xa >= 0 ? 0 : (-xa + stride - 1) / stride);  // first whole group inside
   for (; u < lo; ++u) scalar(u);
 #if defined(__F16C__)
   if (stride == 1) {
@@ -153,6 +152,8 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
   tbb::parallel_for(tbb::blocked_range<size_t>(0, (size_t)planes * bands), [&](const tbb::blocked_range<size_t>& r) {
     alignas(32) float ph[kSepMaxStride * kPhase];
     alignas(32) float ring[kSepMaxSize][kTile + 8];
+    int at[kSepMaxSize];
+    for (int m = 0; m < size; ++m) at[m] = (m % stride) * kPhase + m / stride;
     for (size_t task = r.begin(); task != r.end(); ++task) {
       const size_t k = task / bands;
       const int i0 = (int)(task % bands) * band, i1 = std::min(out_h, i0 + band);
@@ -161,23 +162,26 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
         const int tw = std::min(kTile, out_w - j0);
         const int lanes = (tw + 7) / 8 * 8;  // lanes past tw are computed and dropped
         const int xa = j0 * stride - pad;
+        const int count = lanes + (size - 1) / stride;  // positions per phase
+        const int lo = std::min(count, xa >= 0 ? 0 : (-xa + stride - 1) / stride);
         int held[kSepMaxSize];
         std::fill(held, held + size, -1);
         int first = ((i0 * stride - pad) % size + size) % size;  // ring slot of the window's first row
-        for (int i = i0; i < i1; ++i, first = first + stride < size ? first + stride : (first + stride) % size) {
+        for (int i = i0; i < i1; ++i) {
           const float* rows[kSepMaxSize];
           int nrows = 0;
           for (int n = 0, slot = first; n < size; ++n, slot = slot + 1 == size ? 0 : slot + 1) {
             const int y = i * stride - pad + n;
             if (y < 0 || y >= in_h) continue;  // rows outside are -inf, which never wins
             if (held[slot] != y) {
-              widen_phases(plane + (size_t)y * in_w, in_w, xa, stride, lanes + (size - 1) / stride, ph);
-              row_maxima(ph, size, stride, lanes, ring[slot]);
+              widen_phases(plane + (size_t)y * in_w, in_w, xa, stride, count, lo, ph);
+              row_maxima(ph, at, size, lanes, ring[slot]);
               held[slot] = y;
             }
             rows[nrows++] = ring[slot];
           }
           column_maxima(rows, nrows, tw, output + (k * out_h + i) * out_w + j0);
+          for (first += stride; first >= size;) first -= size;
         }
       }
     }
