@@ -143,6 +143,78 @@ void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, int
   for (; u < count; ++u) scalar(u);
 }
 
+// Stride 1 on a small plane: the plane is widened once into a float copy with -inf borders
+// (pad before, the window's reach after, on both axes), so that every window lies inside the
+// copy and the row maxima run over the copy as one flat array, without per-row work beyond
+// the widening and the final narrowing.
+constexpr int kFlatMax = 4096;  // floats of the bordered copy of one plane
+
+bool fits_flat(int in_h, int in_w, int size, int pad) {
+  return (long long)(in_h + 2 * pad + size - 1) * (in_w + 2 * pad + size - 1) <= kFlatMax;
+}
+
+void max_values_flat(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int pad,
+                     const Ftype* input, Ftype* output) {
+  const float minus_inf = -std::numeric_limits<float>::infinity();
+  const int wp = in_w + 2 * pad + size - 1, hp = in_h + 2 * pad + size - 1, n = wp * hp;
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * in_c, std::max(1, 16384 / n)), [&](const tbb::blocked_range<int>& r) {
+    alignas(32) float p[kFlatMax + 8 + kSepMaxSize];
+    alignas(32) float h[kFlatMax + 8];
+    std::fill(p, p + n + 8 + kSepMaxSize, minus_inf);  // the borders stay -inf from here on
+    for (int k = r.begin(); k != r.end(); ++k) {
+      const Ftype* plane = input + (size_t)k * in_h * in_w;
+      for (int y = 0; y < in_h; ++y) {
+        const Ftype* src = plane + (size_t)y * in_w;
+        float* dst = p + (size_t)(y + pad) * wp + pad;
+        int x = 0;
+#if defined(__F16C__)
+        auto eight = [&](int at) {
+          _mm256_storeu_ps(dst + at, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + at))));
+        };
+        for (; x + 8 <= in_w; x += 8) eight(x);
+        if (x < in_w && in_w >= 8) eight(in_w - 8), x = in_w;  // the last eight again
+#endif
+        for (; x < in_w; ++x) dst[x] = h2f(src[x]);
+      }
+      // h[q] = maximum of the window row starting at q (values past a row's end are that
+      // row's -inf border or the next row's, and only windows inside a row are read below).
+      int q = 0;
+#if defined(__F16C__)
+      for (; q < n; q += 8) {
+        __m256 best = _mm256_max_ps(_mm256_loadu_ps(p + q), _mm256_set1_ps(minus_inf));
+        for (int m = 1; m < size; ++m) best = _mm256_max_ps(_mm256_loadu_ps(p + q + m), best);
+        _mm256_storeu_ps(h + q, best);
+      }
+#else
+      for (; q < n; ++q) {
+        float best = p[q] > minus_inf ? p[q] : minus_inf;
+        for (int m = 1; m < size; ++m) best = p[q + m] > best ? p[q + m] : best;
+        h[q] = best;
+      }
+#endif
+      for (int i = 0; i < out_h; ++i) {
+        Ftype* out = output + ((size_t)k * out_h + i) * out_w;
+        const float* top = h + (size_t)i * wp;
+        int j = 0;
+#if defined(__F16C__)
+        auto block = [&](int at) {
+          __m256 best = _mm256_loadu_ps(top + at);
+          for (int m = 1; m < size; ++m) best = _mm256_max_ps(_mm256_loadu_ps(top + (size_t)m * wp + at), best);
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), _mm256_cvtps_ph(best, _MM_FROUND_TO_NEAREST_INT));
+        };
+        for (; j + 8 <= out_w; j += 8) block(j);
+        if (j < out_w && out_w >= 8) block(out_w - 8), j = out_w;  // the last eight again
+#endif
+        for (; j < out_w; ++j) {
+          float best = top[j];
+          for (int m = 1; m < size; ++m) best = top[(size_t)m * wp + j] > best ? top[(size_t)m * wp + j] : best;
+          out[j] = f2h(best);
+        }
+      }
+    }
+  });
+}
+
 void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int stride, int pad,
                 const Ftype* input, Ftype* output) {
   const int planes = batch * in_c;
@@ -192,6 +264,10 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
 
 void max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int stride,
                  int pad, const Ftype* input, Ftype* output, int* indexes) {
+  if (!indexes && stride == 1 && size <= kSepMaxSize && fits_flat(in_h, in_w, size, pad)) {
+    max_values_flat(batch, in_h, in_w, in_c, out_h, out_w, size, pad, input, output);
+    return;
+  }
   if (!indexes && size <= kSepMaxSize && stride <= kSepMaxStride) {
     max_values(batch, in_h, in_w, in_c, out_h, out_w, size, stride, pad, input, output);
     return;
