@@ -41,13 +41,13 @@ LayerSpec conv(int filters, int size, int stride, bool bn = true, const char* ac
 }
 LayerSpec maxpool(int size, int stride) { return {LayerSpec::kMaxPool, 0, size, stride, false, nullptr}; }
 
-struct NetSpec {
+struct PeerModel {
   const char* name;
   int w, h, c;
   std::vector<LayerSpec> layers;
 };
 
-std::vector<NetSpec> networks() {
+std::vector<PeerModel> networks() {
   return {
       // Strided convolutions in place of pooling: 3.8 GFLOP per 416 x 416 image.
       {"conv-stack",
@@ -69,7 +69,7 @@ std::vector<NetSpec> networks() {
   };
 }
 
-std::string orva_cfg(const NetSpec& n, int batch) {
+std::string orva_cfg(const PeerModel& n, int batch) {
   std::string s = "[network]\nwidth=" + std::to_string(n.w) + "\nheight=" + std::to_string(n.h) +
                   "\nchannels=" + std::to_string(n.c) + "\nbatch=" + std::to_string(batch) + "\n";
   for (const LayerSpec& l : n.layers) {
@@ -83,7 +83,7 @@ std::string orva_cfg(const NetSpec& n, int batch) {
   return s;
 }
 
-std::string darknet_cfg(const NetSpec& n, int batch) {
+std::string darknet_cfg(const PeerModel& n, int batch) {
   std::string s = "[net]\nwidth=" + std::to_string(n.w) + "\nheight=" + std::to_string(n.h) +
                   "\nchannels=" + std::to_string(n.c) + "\nbatch=" + std::to_string(batch) + "\n";
   for (const LayerSpec& l : n.layers) {
@@ -109,7 +109,7 @@ void write_text(const std::string& path, const std::string& text) {
 // Weights-only file: version 0.2.0, 64-bit samples seen, then per convolution the biases,
 // the normalisation record (scale, mean, variance) and the weights. Variances stay well above
 // the folding epsilon so that the two engines' epsilons do not matter.
-void write_weights(const NetSpec& n, const std::string& path, std::mt19937& rng) {
+void write_weights(const PeerModel& n, const std::string& path, std::mt19937& rng) {
   std::vector<float> data;
   auto uniform = [&](size_t count, float lo, float hi) {
     std::uniform_real_distribution<float> d(lo, hi);
@@ -173,20 +173,20 @@ double time_ms(F f) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
 
-bool run_row(const NetSpec& spec, int batch, int threads, const Options& opt, std::mt19937& rng) {
-  const std::string base = "/tmp/orva_peer_" + std::string(spec.name) + std::to_string(getpid());
+bool run_row(const PeerModel& model, int batch, int threads, const Options& opt, std::mt19937& rng) {
+  const std::string base = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid());
   const std::string ocfg = base + ".orva.cfg", dcfg = base + ".darknet.cfg", weights = base + ".weights";
-  write_text(ocfg, orva_cfg(spec, batch));
-  write_text(dcfg, darknet_cfg(spec, batch));
-  write_weights(spec, weights, rng);
+  write_text(ocfg, orva_cfg(model, batch));
+  write_text(dcfg, darknet_cfg(model, batch));
+  write_weights(model, weights, rng);
 
-  std::vector<float> input((size_t)batch * spec.c * spec.h * spec.w);
+  std::vector<float> input((size_t)batch * model.c * model.h * model.w);
   std::uniform_real_distribution<float> pixel(0.f, 1.f);
   for (float& v : input) v = pixel(rng);
 
   ORVA::Network net(ORVA::TEST, batch, -1);
   if (net.load(ocfg.c_str(), weights.c_str()) != 0) {
-    fprintf(stderr, "%s: the host backend did not load the description\n", spec.name);
+    fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
     return false;
   }
   cv::dnn::Net peer = cv::dnn::readNetFromDarknet(dcfg, weights);
@@ -196,7 +196,7 @@ bool run_row(const NetSpec& spec, int batch, int threads, const Options& opt, st
   remove(dcfg.c_str());
   remove(weights.c_str());
 
-  const int dims[4] = {batch, spec.c, spec.h, spec.w};
+  const int dims[4] = {batch, model.c, model.h, model.w};
   cv::Mat blob(4, dims, CV_32F, input.data());
   tbb::task_arena arena(threads);
   cv::setNumThreads(threads);
@@ -220,13 +220,13 @@ bool run_row(const NetSpec& spec, int batch, int threads, const Options& opt, st
 
   const size_t outputs = (size_t)net.getOutputs() * batch;
   if (peer_out.total() != outputs || !peer_out.isContinuous()) {
-    fprintf(stderr, "%s: output sizes differ (host %zu, OpenCV %zu)\n", spec.name, outputs, peer_out.total());
+    fprintf(stderr, "%s: output sizes differ (host %zu, OpenCV %zu)\n", model.name, outputs, peer_out.total());
     return false;
   }
   const double diff = relative_l2(host_out, peer_out.ptr<float>(), outputs);
   const Stats h = stats(host_ms), p = stats(peer_ms);
   const bool ok = diff < 1e-2;
-  printf("%-12s %5d %7d %9.2f %9.2f %9.2f %9.2f %7.2f %10.2e%s\n", spec.name, batch, threads, h.min_ms, h.median_ms,
+  printf("%-12s %5d %7d %9.2f %9.2f %9.2f %9.2f %7.2f %10.2e%s\n", model.name, batch, threads, h.min_ms, h.median_ms,
          p.min_ms, p.median_ms, h.median_ms / p.median_ms, diff, ok ? "" : "  OUTPUTS DIFFER");
   fflush(stdout);
   return ok;
@@ -254,13 +254,13 @@ int main(int argc, char** argv) {
   printf("%-12s %5s %7s %9s %9s %9s %9s %7s %10s\n", "network", "batch", "threads", "host min", "host med",
          "cv min", "cv med", "ratio", "rel L2");
   bool ok = true;
-  for (const NetSpec& spec : networks()) {
-    if (!opt.network.empty() && opt.network != spec.name) continue;
+  for (const PeerModel& model : networks()) {
+    if (!opt.network.empty() && opt.network != model.name) continue;
     for (int batch : {1, 4}) {
       if (opt.batch && batch != opt.batch) continue;
       for (int threads : {1, 2}) {
         if (opt.threads && threads != opt.threads) continue;
-        ok = run_row(spec, batch, threads, opt, rng) && ok;
+        ok = run_row(model, batch, threads, opt, rng) && ok;
       }
     }
   }

@@ -21,11 +21,15 @@ findings=$dir/fuzz/findings/$target
 mkdir -p "$corpus" "$findings"
 [ -n "$(ls -A "$corpus")" ] || "$bin" --seeds="$corpus"
 # Leaks are checked per input; the library's outputs are closed so only libFuzzer speaks.
-ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:allocator_may_return_null=1} UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1} \
-  "$bin" "$corpus" -max_total_time="$seconds" -close_fd_mask=3 -rss_limit_mb=3072 -timeout=20 \
-  -artifact_prefix="$findings/" -print_final_stats=1 "$@" 2>&1 | tee "$dir/fuzz/$target.log" | grep -E '^(#[0-9]+ +DONE|Done|stat::number_of_executed_units|==|SUMMARY|INFO: Seed|.*ERROR)' || true
-status=${PIPESTATUS[0]}
+log=$dir/fuzz/$target.log
+status=0
+ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:allocator_may_return_null=1} \
+UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1} \
+  "$bin" "$corpus" -max_total_time="$seconds" -close_fd_mask=3 -rss_limit_mb=3072 -timeout=30 \
+  -artifact_prefix="$findings/" -print_final_stats=1 "$@" >"$log" 2>&1 || status=$?
+grep -E '^(Done|stat::number_of_executed_units|SUMMARY)|ERROR' "$log" || true
 if [ "$status" -ne 0 ] || [ -n "$(ls -A "$findings")" ]; then
-  echo "fuzz: $target found a fault (status $status), see $findings and $dir/fuzz/$target.log" >&2
+  echo "fuzz: $target found a fault (status $status), see $findings and $log" >&2
   exit 1
 fi
+echo "fuzz: $target clean for $seconds s"

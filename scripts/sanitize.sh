@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds the test suite with clang, AddressSanitizer and UndefinedBehaviorSanitizer and runs it,
-# once per backend in ORVA_SANITIZE_BACKENDS (default "host emulate"):
+# once per backend in ORVA_SANITIZE_BACKENDS (default "host"):
 #   host     - the host backend only, in build-asan/ (shared with scripts/fuzz.sh)
-#   emulate  - the CUDA backend on the host-side emulator, in build-asan-emu/; skipped while the
-#              build has no ORVA_CUDA=EMULATE mode
+#   emulate  - the CUDA backend on the host-side emulator (ORVA_CUDA=EMULATE), in
+#              build-asan-emu/: one more full build; skipped where the build has no such mode
 # Any sanitizer report fails the run. Extra arguments go to the test binary.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -23,7 +23,7 @@ configure() {
     -DCMAKE_SHARED_LINKER_FLAGS="-fsanitize=address,undefined" >/dev/null
 }
 
-for backend in ${ORVA_SANITIZE_BACKENDS:-host emulate}; do
+for backend in ${ORVA_SANITIZE_BACKENDS:-host}; do
   case $backend in
     host) dir=${ORVA_ASAN_BUILD_DIR:-$root/build-asan}; cuda=OFF ;;
     emulate)

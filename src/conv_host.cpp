@@ -13,9 +13,9 @@
 
 #include "backend.h"
 #include "conv_kernel.h"
-#include "orva/util.h"
 #include "half_math.h"
 #include "orva/blas.h"
+#include "orva/util.h"
 
 namespace cpu {
 namespace {
@@ -39,7 +39,8 @@ void widen_strided(const Ftype* src, int stride, int n, float* dst) {
   } else if (stride == 2) {
     // The even halves of sixteen, packed into one register before the conversion.
     const __m128i even = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
-    for (; i + 8 <= n - 1; i += 8) {  // reads src[2i .. 2i + 15], the last of which may be past the span
+    // Reads src[2i .. 2i + 15]: the loop stops before 2i + 15 passes the last element, 2(n - 1).
+    for (; i + 8 <= n - 1; i += 8) {
       const __m128i lo = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * i)), even);
       const __m128i hi = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * i + 8)), even);
       _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm_unpacklo_epi64(lo, hi)));
@@ -133,7 +134,6 @@ void for_sample_pieces(long long J, int w, int N, F f) {
     J += n;
   }
 }
-
 
 // 3x3 stride-1 kernels with many channels take the Winograd F(2x2, 3x3) product: each 2x2
 // block of outputs from a 4x4 input tile with 16 multiplications per channel pair instead
@@ -327,7 +327,10 @@ void conv_col2im_add(const Ftype* col, int channels, int height, int width, int 
 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
   HostConvPlan* plan = new HostConvPlan(s);
-  if (takes_winograd(s)) plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
+  if (takes_winograd(s)) {
+    plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
+    plan->wino_source.reserve((size_t)9 * s.out_c * s.in_c);
+  }
   // Only the backward passes use a column matrix; the forward pass gathers its panels into
   // the backend's scratch.
   plan->workspace_bytes = s.train && !reads_image_directly(s) ? col_elements(s) * sizeof(Ftype) : 0;

@@ -60,8 +60,10 @@ __global__ void xentropy_kernel(int n, const __half* input, const float* truth, 
   const float p = fminf(fmaxf(__half2float(input[i]), eps), 1.f - eps);
   const float q = 1.f - p;
   const float fp = powf(q, gamma), fn = powf(p, gamma);
-  error[i] = __float2half_rn(-(pscale * y * fp * logf(p) + nscale * (1.f - y) * fn * logf(q)));
-  delta[i] = __float2half_rn(pscale * y * fp * q - nscale * (1.f - y) * fn * p);
+  // Products and sums rounded one by one, as on the host: no multiply-add is fused.
+  const float pos = pscale * y * fp, neg = nscale * (1.f - y) * fn;
+  error[i] = __float2half_rn(-__fadd_rn(__fmul_rn(pos, logf(p)), __fmul_rn(neg, logf(q))));
+  delta[i] = __float2half_rn(__fsub_rn(__fmul_rn(pos, q), __fmul_rn(neg, p)));
 }
 
 namespace gpu {

@@ -10,7 +10,11 @@ NetworkTask::~NetworkTask() { stop(); }
 bool NetworkTask::run() {
   if (!_thread) {
     _run = true;
-    _thread.reset(new std::thread([this] { _loopTask(); }));
+    _thread.reset(new std::thread([this] {
+      // A new thread starts on device 0; the network's tensors and stream live on its own.
+      if (_net) cuda_set_device(_net->getGpuIndex());
+      _loopTask();
+    }));
   }
   return true;
 }

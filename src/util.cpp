@@ -1,5 +1,6 @@
 #include "orva/util.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdarg>
@@ -21,10 +22,33 @@ const char* _source_path(const char* file) {
   return file;
 }
 
+// The signature as GCC writes it, whichever compiler built the library: clang spells
+// "const char *" and "(anonymous namespace)", and error lines must not depend on that.
+static void signature(const char* func, char* out, size_t size) {
+  static const char kClangAnon[] = "(anonymous namespace)";
+  size_t n = 0;
+  for (const char* p = func; *p && n + 1 < size;) {
+    if (strncmp(p, kClangAnon, sizeof(kClangAnon) - 1) == 0) {
+      const int put = snprintf(out + n, size - n, "{anonymous}");
+      n = std::min(size - 1, n + (size_t)std::max(put, 0));
+      p += sizeof(kClangAnon) - 1;
+      continue;
+    }
+    if (*p == ' ' && (p[1] == '*' || p[1] == '&')) {
+      ++p;
+      continue;
+    }
+    out[n++] = *p++;
+  }
+  out[n] = 0;
+}
+
 static void print_error_v(const char* file, const char* func, int line, const char* text) {
+  char sig[512];
+  signature(func, sig, sizeof(sig));
   // One fprintf for the whole line keeps lines from two threads apart.
   size_t len = strlen(text);
-  fprintf(stderr, "[%s %s:%d] ERROR: %s%s", _source_path(file), func, line, text,
+  fprintf(stderr, "[%s %s:%d] ERROR: %s%s", _source_path(file), sig, line, text,
           (len && text[len - 1] == '\n') ? "" : "\n");
 }
 

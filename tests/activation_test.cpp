@@ -118,14 +118,17 @@ TEST_P(ActivationKernels, PinnedValues) {
       {11, 1.f, 0.f}, {11, -1.f, 0.f}, {11, 0.5f, 1.f}, {11, NAN, 0.f}, {1, NAN, 0.f},
       {2, -2.f, 0.01000213623046875f}, {7, -2.f, 0.0999755859375f}, {7, 3.f, 1.f},
       {8, -0.5f, 0.5f}, {0, 0.5f, 0.25f}, {5, 0.5f, 0.75f}, {9, 0.f, 0.5f}, {15, 200.f, 200.f}};
+  // Nine copies: the host's eight-wide lanes and its one-at-a-time tail both see the value.
+  const int copies = 9;
   for (const Pin& p : values) {
-    Tensor x(handle(), orva_test::to_halves(std::vector<float>{p.in}));
-    activation_forward(handle(), p.type, x, 1);
-    const float got = orva_test::to_floats(x.download())[0];
-    if (std::isnan(p.out)) {
-      EXPECT_TRUE(std::isnan(got)) << "f" << p.type << "(" << p.in << ") = " << got;
-    } else {
-      EXPECT_EQ(got, p.out) << "f" << p.type << "(" << p.in << ")";
+    Tensor x(handle(), orva_test::to_halves(std::vector<float>(copies, p.in)));
+    activation_forward(handle(), p.type, x, copies);
+    for (float got : orva_test::to_floats(x.download())) {
+      if (std::isnan(p.out)) {
+        EXPECT_TRUE(std::isnan(got)) << "f" << p.type << "(" << p.in << ") = " << got;
+      } else {
+        EXPECT_EQ(got, p.out) << "f" << p.type << "(" << p.in << ")";
+      }
     }
     EXPECT_TRUE(x.guard_intact());
   }

@@ -187,16 +187,6 @@ TEST(ConvolutionGeometry, DefaultsAndShapes) {
   destroy_handle(&h);
 }
 
-TEST(ConvolutionGeometryDeathTest, FaultsEndTheProcess) {
-  CudaHandle h{};
-  create_handle(&h, -1);
-  EXPECT_EXIT(make_conv(&h, ORVA::TEST, "filters=4\nsize=3\n", 0, 8, 8, 1), ::testing::ExitedWithCode(255),
-              "Layer before convolutional layer must output image.");
-  EXPECT_EXIT(make_conv(&h, ORVA::TEST, "filters=5\nsize=3\ngroups=2\n", 4, 8, 8, 1), ::testing::ExitedWithCode(255),
-              "groups 2 must divide channels 4 and filters 5");
-  destroy_handle(&h);
-}
-
 // Loss L = sum r * y; the layer's backward with delta = r must give dL/dW and dL/dx.
 struct GradientCase {
   const char* keys;

@@ -213,6 +213,7 @@ void expect_objects(const ORVA::DetectObjList& got, std::vector<Expected> want, 
 class DetectNetworkTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(DetectNetworkTest, AnalyticDetectorSingleAndBatch) {
+  if (cudnn_missing(GetParam())) GTEST_SKIP() << ORVA_NO_CUDNN_REASON;
   const std::string cfg = temp_path("detector.cfg");
   write_file(cfg, kDetectorCfg);
   ORVA::DetectNetwork net(ORVA::TEST, 4, GetParam());
@@ -315,6 +316,42 @@ TEST(GroupClassifyNetwork, WinnerPerGroupAndSmoothing) {
   net.classify(&list, &frame, history.data(), 0.5f, 1);
   net.classify(&list, &frame, history.data(), 0.5f, 1);
   EXPECT_FLOAT_EQ(list[1].prob, 0.75f * out[3]);
+}
+
+TEST(HeatmapNetwork, ClassMapsOnTheFineGrid) {
+  // 3 x 2 cells of 2 x 2 sub-cells, objectness 0.5; class 1 wins sub-cells 0 and 3 (scores 0.75
+  // and 0.5), class 0 the others. Cell (2, 1) alone gets a class-1 score of 0.76 in sub-cell 1.
+  const std::string cfg = temp_path("heat.cfg");
+  write_file(cfg, "[network]\nwidth=3\nheight=2\nchannels=3\n[convolution]\nfilters=12\nsize=1\nactivation=linear\n"
+                  "[heatmap]\nclasses=2\nnum=4\n");
+  ORVA::HeatmapNetwork net(ORVA::TEST, 2, -1);
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  EXPECT_EQ(net.getClassNum(), 2);
+  const float bias[12] = {0, 0, 0.75f, 0, 0.25f, 0, 0, 0.25f, 0, 0, 0, 0.5f};
+  std::vector<float> w(36, 0.f);
+  w[5 * 3 + 0] = 3.f;  // sub-cell 1, class 1, from the red plane
+  push(net.getHandle(), conv_at(net, 0)->_weight, to_halves(w));
+  push(net.getHandle(), conv_at(net, 0)->_bias, to_halves(std::vector<float>(bias, bias + 12)));
+  cv::Mat frame = cv::Mat::zeros(2, 3, CV_8UC3);
+  frame.at<cv::Vec3b>(1, 2) = cv::Vec3b(0, 0, 65);  // 65 / 255 x 3 x 0.5 x 255 = 97.5
+  cv::Mat frames[2] = {frame, frame};
+  float* out = net.predict(frames, 2);
+  // Key 4: 0.25 itself is kept; the unknown key's 0.3 drops it.
+  net.setParameter(4, 0.25f);
+  unsigned int keys[2] = {4, 9};
+  int cids[2] = {1, 1};
+  cv::Mat maps[2];
+  net.getHeatmap(out, maps, cids, keys, 2);
+  for (int k = 0; k < 2; ++k) {
+    ASSERT_EQ(maps[k].size(), cv::Size(6, 4));
+    for (int r = 0; r < 4; ++r)
+      for (int c = 0; c < 6; ++c) {
+        const int sub = (r % 2) * 2 + c % 2;
+        int want = sub == 0 ? 95 : (sub == 3 && k == 0 ? 63 : 0);  // trunc(0.375 and 0.25 x 255)
+        if (r == 2 && c == 5) want = 97;
+        EXPECT_EQ(maps[k].at<unsigned char>(r, c), want) << "image " << k << " at " << r << "," << c;
+      }
+  }
 }
 
 template <typename Net>

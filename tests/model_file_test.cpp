@@ -188,7 +188,8 @@ TEST_F(ModelFile, WeightsOnlyFileRestoresWeightsAndSeen) {
   }
 }
 
-// Format 3.3 files skip the checksum, so these reach the record parser directly.
+// Format 3.3 files skip the checksum, so these reach the record parser directly. Damage at
+// random is the model-file fuzz target's work (tests/fuzz/fuzz_model.cpp).
 TEST_F(ModelFile, FilesOutsideTheFormatThrow) {
   std::vector<unsigned char> v33 = bytes;
   set_i16(v33, 8, 3);
@@ -223,15 +224,6 @@ TEST_F(ModelFile, FilesOutsideTheFormatThrow) {
   b = v33;
   set_u32(b, 96, 0);  // kernel size 0
   EXPECT_NE(load_variant(b).find("convolution"), std::string::npos);
-
-  // Random damage anywhere after the header: loads or throws, never crashes.
-  for (int k = 0; k < 300; ++k) {
-    b = v33;
-    const int changes = 1 + (int)(rng()() % 4);
-    for (int c = 0; c < changes; ++c) b[64 + rng()() % (b.size() - 64)] = (unsigned char)rng()();
-    if (rng()() % 4 == 0) b.resize(64 + rng()() % (b.size() - 64));
-    load_variant(b);
-  }
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 // itself on a real picture when the face model has been fetched.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -316,6 +319,104 @@ TEST(DarknetImport, FaultsNameTheLineAndTheKey) {
       EXPECT_NE(std::string(e.what()).find("dn.weights: "), std::string::npos) << e.what();
     }
   }
+}
+
+TEST(DarknetImport, EngineBuildsWhatItExpressesExactlyAndRefusesTheRest) {
+  // A 2 x 2 / 2 pool over an even size is the engine's pool; over an odd size the dialect
+  // keeps a last half window, which the engine's symmetric padding cannot.
+  for (int side : {8, 9}) {
+    const std::string text = "[net]\nwidth=" + std::to_string(side) + "\nheight=" + std::to_string(side) +
+                             "\nchannels=3\n[convolutional]\nfilters=2\nsize=3\npad=1\nactivation=linear\n"
+                             "[maxpool]\nsize=2\nstride=2\n";
+    const std::vector<float> w = orva_test::random_floats(2 + 2 * 27, -1, 1);
+    const ConvertedModel m = convert_darknet(text, &w);
+    const std::string out = temp_path("dn.orva");
+    if (side == 9) {
+      try {
+        orvacli::writeModel(m, out);
+        ADD_FAILURE() << "an odd pool was accepted";
+      } catch (const ConvertError& e) {
+        EXPECT_NE(std::string(e.what()).find("[maxpool] (line 10): the engine's layer gives 4 x 4 x 2, the source 5 x 5 x 2"),
+                  std::string::npos)
+            << e.what();
+      }
+      continue;
+    }
+    orvacli::writeModel(m, out);
+    ORVA::Network net(ORVA::TEST, 1, -1);
+    net.load(out.c_str());
+    ASSERT_EQ(net.getLayerCount(), 2);
+    EXPECT_EQ(net.getLayer(1)->_out_w, 4);
+    ORVA::ConvolutionLayer* conv = orva_test::conv_at(net, 0);
+    const std::vector<float> bias = orva_test::to_floats(orva_test::pull(conv->_gpu_handle, conv->_bias, 2));
+    const std::vector<float> filt = orva_test::to_floats(orva_test::pull(conv->_gpu_handle, conv->_weight, 54));
+    for (int i = 0; i < 2; ++i) EXPECT_NEAR(bias[i], w[i], 1e-3) << i;  // stored as half
+    for (int i = 0; i < 54; ++i) EXPECT_NEAR(filt[i], w[2 + i], 1e-3) << i;
+  }
+}
+
+// ---- the program ----
+
+struct ProgramRun {
+  int status;
+  std::string out, err;
+};
+
+ProgramRun run_orva(const std::string& args) {
+  const std::string out = temp_path("stdout"), err = temp_path("stderr");
+  const int rc = std::system((std::string(ORVA_CLI) + " " + args + " >" + out + " 2>" + err).c_str());
+  auto text = [](const std::string& p) {
+    std::ifstream f(p);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  };
+  return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, text(out), text(err)};
+}
+
+TEST(OrvaProgram, ExitStatusesAndMessages) {
+  EXPECT_EQ(run_orva("frobnicate").status, 2);
+  const ProgramRun missing = run_orva("detect -m no.orva no_such_picture.jpg");
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("no_such_picture.jpg: no such file"), std::string::npos) << missing.err;
+  const std::string junk = temp_path("junk.orva");
+  write_file(junk, "not a model");
+  const ProgramRun bad = run_orva("info --gpu -1 -m " + junk);
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_NE(bad.err.find(junk + ": Invalid checksum"), std::string::npos) << bad.err;
+}
+
+TEST(OrvaProgram, DetectFindsFacesInADemoPicture) {
+  const std::string face = std::string(ORVA_MODELS_DIR) + "/face-api";
+  const std::string picture = face + "/demo/sample1.jpg";
+  if (!std::filesystem::exists(face + "/model/tiny_face_detector_model.bin") || !std::filesystem::exists(picture))
+    GTEST_SKIP() << "the face detector was not fetched (scripts/setup.sh needs the npm registry): " << face;
+  const std::string model = temp_path("face.orva"), json = temp_path("faces.json");
+  const ProgramRun conv =
+      run_orva("convert --faceapi " + face + "/model/tiny_face_detector_model-weights_manifest.json -o " + model);
+  ASSERT_EQ(conv.status, 0) << conv.err;
+  const ProgramRun det = run_orva("detect --gpu -1 -m " + model + " --json " + json + " " + picture);
+  ASSERT_EQ(det.status, 0) << det.err;
+  EXPECT_NE(det.err.find("sample1.jpg: 1920x1280, "), std::string::npos) << det.err;
+
+  std::ifstream f(json);
+  std::string line;
+  ASSERT_TRUE(std::getline(f, line));
+  const nlohmann::json j = nlohmann::json::parse(line);
+  EXPECT_EQ(j.at("source"), picture);
+  EXPECT_EQ(j.at("frame"), 0);
+  const int w = j.at("width"), h = j.at("height");
+  EXPECT_EQ(w, 1920);
+  ASSERT_GE(j.at("objects").size(), 1u);
+  for (const auto& o : j.at("objects")) {
+    EXPECT_EQ(o.at("class"), "face");
+    EXPECT_EQ(o.at("class_id"), 0);
+    EXPECT_EQ(o.at("id"), -1);
+    EXPECT_GE(o.at("score").get<double>(), 0.5);
+    const std::vector<int> b = o.at("box");
+    ASSERT_EQ(b.size(), 4u);
+    // Faces in this picture are a few hundred pixels wide and lie inside it.
+    EXPECT_TRUE(b[0] >= 0 && b[1] >= 0 && b[0] + b[2] <= w && b[1] + b[3] <= h && b[2] > 100 && b[3] > 100) << o;
+  }
+  EXPECT_FALSE(std::getline(f, line));
 }
 
 }  // namespace

@@ -3,7 +3,11 @@
 // augmentation pipeline's determinism and box bookkeeping.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
 #include <cmath>
+#include <cstdio>
+#include <filesystem>
 #include <memory>
 
 #include <opencv2/imgcodecs.hpp>
@@ -47,7 +51,6 @@ TEST(TrainRate, EveryPolicyFollowsItsClosedForm) {
       {STEPS_CYCLIC, 0, 150, lr * 0.1 * (1 - 0.75 * 0.49)},
       {STEPS_CYCLIC, 0, 50, lr * (1 - 0.75 * 0.49)},
       {STEPS_CYCLIC, 0, 250, lr * 0.01},  // every step applied: no cyclic factor
-      {(RatePolicy)9, 0, 5, lr},          // not reachable from text
   };
   for (const Case& c : cases) {
     TrainParams p = params_of(c.policy);
@@ -275,6 +278,48 @@ TEST(Augment, LabelListFaultsNameFileAndLine) {
   for (int line = 3; line <= 7; ++line)
     EXPECT_NE(err.find(list + ":" + std::to_string(line) + ":"), std::string::npos) << err;
   EXPECT_FALSE(ORVA::read_label_list("/no/such/list.txt", items, 2));
+}
+
+}  // namespace
+
+namespace {
+
+// Runs a shell command; returns its exit status and what it wrote on both streams.
+int run(const std::string& cmd, std::string& out) {
+  out.clear();
+  FILE* p = popen((cmd + " 2>&1").c_str(), "r");
+  char buf[512];
+  while (p && fgets(buf, sizeof(buf), p)) out += buf;
+  const int status = p ? pclose(p) : -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(TrainCommand, ChecksListTrainsResumesAndKeepsCheckpoints) {
+  ORVA::BoxLabelList boxes;
+  const std::string img = temp_path("frame.png"), dir = temp_path("ck");
+  cv::imwrite(img, test_frame(boxes));
+  std::filesystem::create_directories(dir);
+  const std::string cfg = dir + "/grid.cfg", list = dir + "/list.txt";
+  write_file(cfg,
+             "[network]\nwidth=32\nheight=32\nchannels=3\n[train]\nbatch=2\nlearning_rate=0.001\nburn_in=1\n"
+             "[convolution]\nfilters=4\nsize=3\nstride=4\nactivation=leaky\n"
+             "[convolution]\nfilters=7\nsize=1\nactivation=linear\n[cost]\n");
+  write_file(list, img + " 0 0.27 0.4 0.2 0.3 1 0.875 0.7 0.25 0.15\n" + img + "\n" + img + " 2 0.5 0.5 0.1 0.1\n");
+  const std::string base = std::string(ORVA_CLI) + " train " + cfg + " " + list + " -o " + dir + " --gpu -1";
+  std::string out;
+  EXPECT_EQ(run(base + " --strict --max 2", out), 1) << out;
+  EXPECT_NE(out.find(list + ":3: class is not an integer"), std::string::npos) << out;
+  EXPECT_FALSE(std::filesystem::exists(dir + "/grid_last.weights")) << "nothing written before training";
+
+  ASSERT_EQ(run(base + " --max 4 --every 2 --report 1", out), 0) << out;
+  EXPECT_NE(out.find("1 faulty line(s) skipped"), std::string::npos) << out;
+  EXPECT_NE(out.find("      4  loss"), std::string::npos) << out;
+  for (const char* f : {"/grid_2.weights", "/grid_4.weights", "/grid_last.weights"})
+    EXPECT_TRUE(std::filesystem::exists(dir + f)) << f;
+
+  ASSERT_EQ(run(base + " --max 6 --report 1 -w " + dir + "/grid_4.weights", out), 0) << out;
+  EXPECT_NE(out.find("from iteration 4 to 6"), std::string::npos) << out;
+  EXPECT_NE(out.find("      6  loss"), std::string::npos) << out;
 }
 
 }  // namespace

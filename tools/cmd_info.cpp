@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "cli.h"
+#include "orva/networks.h"
 
 using namespace orvacli;
 
@@ -44,7 +45,16 @@ int cmd_info(int argc, char** argv) {
   printf("GFLOPs   %.3f per frame\n", flops * 1e-9);
   const ORVA::Layer* top = net.getOutputLayer();
   printf("output   %d x %d x %d (%s)\n", net.oW, net.oH, net.oC, layerTypeName(top->type));
-  const std::vector<std::string> names = classNames(o, 0);
+  // Classes: a detection head knows its count; a classifier has one output per class.
+  int classes = 0;
+  if (top->type == ORVA::LAYER_REGION || top->type == ORVA::LAYER_QREGION || top->type == ORVA::LAYER_DETOBJ) {
+    ORVA::DetectNetwork det(ORVA::TEST, 1, o.gpu);
+    loadNetwork(det, o);
+    classes = det.getClassNum();
+  } else if (top->type == ORVA::LAYER_SOFTMAX) {
+    classes = net.getOutputs();
+  }
+  const std::vector<std::string> names = classNames(o, classes);
   if (!names.empty()) {
     printf("classes  %zu:", names.size());
     for (const auto& n : names) printf(" %s", n.c_str());

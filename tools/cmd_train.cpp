@@ -1,9 +1,4 @@
-// "train": teaches a network described by a text description from a labelled image list.
-//
-//   train <description.cfg> <labels.txt> [--weights FILE] [--out DIR] [--max N] [--every N]
-//         [--report N] [--seed N] [--strict] [--jitter F] [--hue F] [--saturation F]
-//         [--exposure F] [--no-flip] [--no-letterbox]
-//
+// orva train: teaches a network described by a text description from a labelled image list.
 // The label list format, the truth layouts and the checkpoint rules are in docs/TRAINING.md.
 #include <tbb/parallel_for.h>
 
@@ -18,7 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "orva/orva.h"
+#include "cli.h"
+
+using namespace orvacli;
 
 namespace {
 
@@ -26,52 +23,35 @@ std::atomic<bool> g_stop{false};
 void on_signal(int) { g_stop = true; }
 
 struct TrainOptions {
-  const char* cfg = nullptr;
-  const char* list = nullptr;
-  const char* weights = nullptr;
+  std::string cfg, list, weights;
   std::string out = ".";
+  int gpu = 0;
   int max = 0;
   int every = 500;
   int report = 10;
   bool strict = false;
+  bool no_flip = false, no_letterbox = false;
   ORVA::ExtImageParams aug;
 };
 
-int usage() {
-  fprintf(stderr,
-          "usage: train <description.cfg> <labels.txt> [--weights FILE] [--out DIR] [--max N] [--every N]\n"
-          "             [--report N] [--seed N] [--strict] [--jitter F] [--hue F] [--saturation F]\n"
-          "             [--exposure F] [--no-flip] [--no-letterbox]\n");
-  return 2;
-}
-
-bool parse(int argc, char** argv, TrainOptions& o) {
-  std::vector<const char*> pos;
-  for (int i = 1; i < argc; ++i) {
-    const std::string k = argv[i];
-    auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-    const char* v = nullptr;
-    if (k == "--strict") o.strict = true;
-    else if (k == "--no-flip") o.aug.flip = false;
-    else if (k == "--no-letterbox") o.aug.letterbox = false;
-    else if (k.compare(0, 2, "--") != 0) pos.push_back(argv[i]);
-    else if (!(v = value())) return false;
-    else if (k == "--weights") o.weights = v;
-    else if (k == "--out") o.out = v;
-    else if (k == "--max") o.max = atoi(v);
-    else if (k == "--every") o.every = atoi(v);
-    else if (k == "--report") o.report = atoi(v);
-    else if (k == "--seed") o.aug.seed = (uint32_t)strtoul(v, nullptr, 10);
-    else if (k == "--jitter") o.aug.jitter = (float)atof(v);
-    else if (k == "--hue") o.aug.hue = (float)atof(v);
-    else if (k == "--saturation") o.aug.saturation = (float)atof(v);
-    else if (k == "--exposure") o.aug.exposure = (float)atof(v);
-    else return false;
-  }
-  if (pos.size() != 2) return false;
-  o.cfg = pos[0];
-  o.list = pos[1];
-  return o.every > 0 && o.report > 0;
+void addTrainOptions(CLI::App& app, TrainOptions& o) {
+  app.add_option("description", o.cfg, "network description with a [train] section")->required();
+  app.add_option("labels", o.list, "label list: <image> [<class> <x> <y> <w> <h>]... per line")->required();
+  app.add_option("-w,--weights", o.weights, "weights-only file to start from (resumes its seen-count)");
+  app.add_option("-o,--out", o.out, "folder for checkpoints")->capture_default_str();
+  app.add_option("--gpu", o.gpu, "CUDA device; -1 trains on the host (a missing GPU falls back to it)")
+      ->capture_default_str();
+  app.add_option("--max", o.max, "last update (default: max_batches, else 10000)");
+  app.add_option("--every", o.every, "updates between checkpoints")->capture_default_str()->check(CLI::PositiveNumber);
+  app.add_option("--report", o.report, "updates per progress line")->capture_default_str()->check(CLI::PositiveNumber);
+  app.add_option("--seed", o.aug.seed, "augmentation seed")->capture_default_str();
+  app.add_flag("--strict", o.strict, "stop before training when the label list has a faulty line");
+  app.add_option("--jitter", o.aug.jitter, "crop edges move by up to this share of the side")->capture_default_str();
+  app.add_option("--hue", o.aug.hue, "hue shift, share of the circle")->capture_default_str();
+  app.add_option("--saturation", o.aug.saturation, "saturation factor range [1/s, s]")->capture_default_str();
+  app.add_option("--exposure", o.aug.exposure, "brightness factor range [1/e, e]")->capture_default_str();
+  app.add_flag("--no-flip", o.no_flip, "no left-right mirroring");
+  app.add_flag("--no-letterbox", o.no_letterbox, "stretch instead of keeping the aspect ratio");
 }
 
 // Writes through a temporary name and renames, so an interrupted write never replaces the
@@ -109,46 +89,39 @@ std::string clock_text(double s) {
 }  // namespace
 
 int cmd_train(int argc, char** argv) {
+  CLI::App app("Teaches a network from a list of labelled pictures (docs/TRAINING.md).", "orva train");
   TrainOptions o;
-  if (!parse(argc, argv, o)) return usage();
+  addTrainOptions(app, o);
+  int status;
+  if (parseArgs(app, argc, argv, status)) return status;
+  o.aug.flip = !o.no_flip;
+  o.aug.letterbox = !o.no_letterbox;
 
-  std::unique_ptr<ORVA::Network> net(new ORVA::Network(ORVA::TEST, 1, -1));
+  std::unique_ptr<ORVA::Network> net(new ORVA::Network(ORVA::TEST, 1, o.gpu));
   try {
-    net->load(o.cfg, o.weights);
+    net->load(o.cfg.c_str(), o.weights.c_str());
   } catch (const std::exception& e) {
-    fprintf(stderr, "%s: %s\n", o.weights ? o.weights : o.cfg, e.what());
-    return 1;
+    return fail("train", (o.weights.empty() ? o.cfg : o.weights) + ": " + e.what());
   }
-  if (net->getMode() != ORVA::TRAIN) {
-    fprintf(stderr, "%s: no [train] section; nothing to train\n", o.cfg);
-    return 1;
-  }
-  if (net->iC != 3) {
-    fprintf(stderr, "%s: training from images needs channels=3, not %d\n", o.cfg, net->iC);
-    return 1;
-  }
+  if (net->getMode() != ORVA::TRAIN) return fail("train", o.cfg + ": no [train] section; nothing to train");
+  if (net->iC != 3)
+    return fail("train", o.cfg + ": training from pictures needs channels=3, not " + std::to_string(net->iC));
   // The head decides the truth layout: box records for heads that read them, else a grid
   // of (objectness, x, y, w, h, classes) planes for a convolution closed by a cost layer.
   ORVA::Layer* head = net->getOutputLayer();
   const int truths = net->getTruths();
   const bool records = head->_truths > 0;
   const int classes = records ? 0 : head->_out_c - 5;
-  if (records ? truths % 5 != 0 : (classes < 1 || truths != head->_outputs)) {
-    fprintf(stderr, "%s: the output layer is neither a box-record head nor a grid of 5 + classes planes\n", o.cfg);
-    return 1;
-  }
+  if (records ? truths % 5 != 0 : (classes < 1 || truths != head->_outputs))
+    return fail("train", o.cfg + ": the output layer is neither a box-record head nor a grid of 5 + classes planes");
   std::vector<ORVA::LabelledImage> items;
   int faults = 0;
-  if (!ORVA::read_label_list(o.list, items, records ? 1 << 30 : classes, &faults)) return 1;
-  if (faults && o.strict) {
-    fprintf(stderr, "%s: %d faulty line(s); stopped before training (--strict)\n", o.list, faults);
-    return 1;
-  }
-  if (items.empty()) {
-    fprintf(stderr, "%s: no usable labelled image\n", o.list);
-    return 1;
-  }
-  if (faults) fprintf(stderr, "%s: %d faulty line(s) skipped, training on %zu images\n", o.list, faults, items.size());
+  if (!ORVA::read_label_list(o.list.c_str(), items, records ? 1 << 30 : classes, &faults))
+    return fail("train", o.list + ": can't open the label list");
+  if (faults && o.strict)
+    return fail("train", o.list + ": " + std::to_string(faults) + " faulty line(s); stopped before training (--strict)");
+  if (items.empty()) return fail("train", o.list + ": no usable labelled picture");
+  if (faults) fprintf(stderr, "%s: %d faulty line(s) skipped, training on %zu images\n", o.list.c_str(), faults, items.size());
 
   const TrainParams& tp = net->getTrainParams();
   const int rows = net->getBatch() * tp.subdivisions;
@@ -158,7 +131,7 @@ int cmd_train(int argc, char** argv) {
   ORVA::ExtImagePipeline pipeline(items, o.aug);
   ORVA::TData d;
   d.Y = ORVA::make_matrix(rows, truths);
-  const std::string base = o.out + "/" + stem(o.cfg);
+  const std::string base = o.out + "/" + stem(o.cfg.c_str());
 
   signal(SIGINT, on_signal);
   signal(SIGTERM, on_signal);
@@ -168,7 +141,7 @@ int cmd_train(int argc, char** argv) {
   int iteration = (int)(seen0 / rows);
   float avg = -1.f, group = 0.f;
   int in_group = 0;
-  printf("training %s on %zu images, %d samples per update, from iteration %d to %d\n", o.cfg, items.size(), rows,
+  printf("training %s on %zu images, %d samples per update, from iteration %d to %d\n", o.cfg.c_str(), items.size(), rows,
          iteration, max);
   while (iteration < max && !g_stop) {
     pipeline.load(d, rows, net->getSeen());
@@ -200,9 +173,5 @@ int cmd_train(int argc, char** argv) {
   ORVA::free_data(d);
   const bool ok = checkpoint(*net, base + "_last.weights");
   printf("%s at iteration %d; weights in %s_last.weights\n", g_stop ? "stopped" : "done", iteration, base.c_str());
-  return ok ? 0 : 1;
+  return ok ? kOk : kFailed;
 }
-
-#ifdef ORVA_TRAIN_STANDALONE
-int main(int argc, char** argv) { return cmd_train(argc, argv); }
-#endif

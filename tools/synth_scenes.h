@@ -81,7 +81,8 @@ inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORV
     const cv::Scalar colour(c[0], c[1], c[2]);
     const float l = cx - w / 2, t = cy - h / 2;
     if (b.id == 0) {
-      cv::ellipse(img, cv::Point2f(cx, cy), cv::Size2f(w, h), 0, 0, 360, colour, cv::FILLED, cv::LINE_AA);
+      // The rotated-rectangle form takes the full box size (the other form takes half axes).
+      cv::ellipse(img, cv::RotatedRect(cv::Point2f(cx, cy), cv::Size2f(w, h), 0.f), colour, cv::FILLED, cv::LINE_AA);
     } else if (b.id == 1) {
       cv::rectangle(img, cv::Point((int)std::lround(l), (int)std::lround(t)),
                     cv::Point((int)std::lround(l + w) - 1, (int)std::lround(t + h) - 1), colour, cv::FILLED);

@@ -77,6 +77,8 @@ class Network {
   virtual bool testChecksum(const char* path);
 
   int getMode() const { return mode; }
+  // The CUDA device serving this network; -1 on the host backend.
+  int getGpuIndex() const { return _gpu_index; }
   int getBatch() const { return nBatch; }
   int getLayerCount() const { return (int)_layers.size(); }
   int getInputs() const { return _inputs; }

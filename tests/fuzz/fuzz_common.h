@@ -20,7 +20,8 @@
 
 namespace fuzz {
 
-// One folder per process under TMPDIR, removed when the process ends.
+// One folder per process, removed when the process ends: in memory (/dev/shm) where there
+// is one, since every input passes through a file, else under TMPDIR.
 class Scratch {
  public:
   static std::string file(const std::string& name) {
@@ -35,7 +36,9 @@ class Scratch {
  private:
   Scratch() : _owner(getpid()) {
     const char* t = getenv("TMPDIR");
-    std::string p = std::string(t && *t ? t : "/tmp") + "/orva_fuzz_XXXXXX";
+    std::string base = t && *t ? t : "/tmp";
+    if (access("/dev/shm", W_OK) == 0) base = "/dev/shm";
+    std::string p = base + "/orva_fuzz_XXXXXX";
     if (!mkdtemp(&p[0])) abort();
     _dir = p;
   }
@@ -89,7 +92,7 @@ inline const std::vector<std::string>& descriptions() {
       "[network]\nwidth=8\nheight=8\nchannels=3\nsiamese=2\n[convolution]\nfilters=4\nsize=3\n"
       "[smerge]\n[spresize]\nstride=2\n[heatmap]\nclasses=2\n",
       "[network]\nwidth=16\nheight=16\nchannels=3\n[convolution]\nfilters=18\nsize=1\n"
-      "[qregion]\nclasses=1\nnum=3\n",
+      "[qregion]\nclasses=1\nnum=3\nanchors=1,1, 2,2, 3,3\n",
       "[network]\nwidth=16\nheight=16\nchannels=3\n[convolution]\nfilters=12\nsize=1\n[detobj]\nclasses=2\n",
   };
   return d;
