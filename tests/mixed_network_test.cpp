@@ -35,7 +35,6 @@ void check_round_trip(const std::string& text, int side_w, int side_h, int chann
   ORVA::Network first(ORVA::TEST, batch, -1);
   load_model(first, model);
   const std::vector<float> expected = predict_copy(first, input, batch);
-  for (float v : expected) ASSERT_FALSE(std::isnan(v));
   first.save(again.c_str(), true);
   // The description with the weights-only file builds the same network.
   write_file(cfg, text);
