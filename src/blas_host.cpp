@@ -519,16 +519,61 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
 
 void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
   const int out_c = c / (stride * stride);
+#if defined(__F16C__)
+  if (!forward && stride == 2 && w >= 8) {
+    // The gather by 2: source row ih * 2 + k of plane (b, c2), 2 w wide, holds in its even
+    // and odd columns output row ih of channels (2 k) out_c + c2 and (2 k + 1) out_c + c2, so
+    // each sixteen source values are loaded once and split into both rows.
+    const size_t pairs = (size_t)batch * out_c * 2 * h;
+    const __m128i split = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, pairs, std::max<size_t>(1, kGrain / (2 * w))),
+                      [&](const tbb::blocked_range<size_t>& r) {
+                        for (size_t q = r.begin(); q != r.end();) {
+                          // One run of rows ih of one (b, c2, k): divisions once per run.
+                          const size_t ih0 = q % h, k = q / h % 2, c2 = q / h / 2 % out_c, b = q / h / 2 / out_c;
+                          const size_t end = std::min<size_t>(r.end(), q + (h - ih0));
+                          const Ftype* src = x + (size_t)w * 2 * ((size_t)h * 2 * (c2 + (size_t)out_c * b) + ih0 * 2 + k);
+                          Ftype* even = out + (((size_t)b * c + 2 * k * out_c + c2) * h + ih0) * w;
+                          Ftype* odd = even + (size_t)out_c * h * w;
+                          for (; q != end; ++q, src += 4 * (size_t)w, even += w, odd += w) {
+                            auto eight = [&](int at) {
+                              const __m128i lo = _mm_shuffle_epi8(
+                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * at)), split);
+                              const __m128i hi = _mm_shuffle_epi8(
+                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * at + 8)), split);
+                              _mm_storeu_si128(reinterpret_cast<__m128i*>(even + at), _mm_unpacklo_epi64(lo, hi));
+                              _mm_storeu_si128(reinterpret_cast<__m128i*>(odd + at), _mm_unpackhi_epi64(lo, hi));
+                            };
+                            int iw = 0;
+                            for (; iw + 8 <= w; iw += 8) eight(iw);
+                            if (iw < w) eight(w - 8);  // the last eight again rather than a scalar tail
+                          }
+                        }
+                      });
+    return;
+  }
+#endif
   // Row by row: along a row of w elements only the column moves, by one on one side and by
   // stride on the other, so the index arithmetic is paid once per row.
   const size_t rows = (size_t)h * c * batch;
   tbb::parallel_for(tbb::blocked_range<size_t>(0, rows, std::max<size_t>(1, kGrain / std::max(w, 1))),
                     [&](const tbb::blocked_range<size_t>& r) {
-                      for (size_t row = r.begin(); row != r.end(); ++row) {
-                        const size_t ih = row % h, ic = row / h % c, b = row / h / c;
-                        const size_t c2 = ic % out_c, offset = ic / out_c;
-                        const size_t h2 = ih * stride + offset / stride;
-                        const size_t base = offset % stride + (size_t)w * stride * (h2 + (size_t)h * stride * (c2 + (size_t)out_c * b));
+                      // Divisions once per task; the row's place then advances by counting.
+                      size_t ih = r.begin() % h, ic = r.begin() / h % c, b = r.begin() / h / c;
+                      size_t c2, offset, plane;  // of channel ic
+                      auto channel = [&] {
+                        c2 = ic % out_c, offset = ic / out_c;
+                        plane = (size_t)w * stride * ((size_t)h * stride * (c2 + (size_t)out_c * b) + offset / stride) +
+                                offset % stride;
+                      };
+                      channel();
+                      for (size_t row = r.begin(); row != r.end(); ++row, ++ih) {
+                        if (ih == (size_t)h) {
+                          ih = 0;
+                          if (++ic == (size_t)c) ic = 0, ++b;
+                          channel();
+                        }
+                        const size_t base = plane + (size_t)w * stride * ih * stride;
                         const Ftype* src = x + row * w;
                         Ftype* dst = out + row * w;
                         if (forward)

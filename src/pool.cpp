@@ -52,7 +52,7 @@ bool present(const char* fn, const void* a, const void* b, const void* c = "") {
 void pool_max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
                       Ftype* input, Ftype* output, int* indexes) {
   const char* fn = "pool_max_forward";
-  if (!window_ok(fn, batch, in_h, in_w, in_c, size, stride, pad) || !present(fn, input, output, indexes)) return;
+  if (!window_ok(fn, batch, in_h, in_w, in_c, size, stride, pad) || !present(fn, input, output)) return;
   ORVA_DISPATCH(handle, pool::max_forward, batch, in_h, in_w, in_c, pool_out_side(in_h, pad, stride),
                 pool_out_side(in_w, pad, stride), size, stride, pad, input, output, indexes);
 }

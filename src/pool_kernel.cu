@@ -46,7 +46,7 @@ __global__ void maxpool_forward_kernel(size_t n, int in_h, int in_w, int out_h, 
     }
   }
   output[id] = at < 0 ? __ushort_as_half(0xFC00) : input[at];
-  indexes[id] = at;
+  if (indexes) indexes[id] = at;
 }
 
 __global__ void maxpool_backward_kernel(size_t n, int in_h, int in_w, int out_h, int out_w, int size, int stride,

@@ -30,39 +30,20 @@ cv::Mat random_bytes(int rows, int cols, int type) {
 }
 
 TEST(ImageConversion, BytesWidenPerPlaneWithChannelsReversed) {
-  cv::Mat gray = random_bytes(5, 7, CV_8UC1);
-  OwnedImage g;
-  cvt_cv2image(gray, g.img);
-  ASSERT_EQ(g.img.w, 7);
-  ASSERT_EQ(g.img.h, 5);
-  ASSERT_EQ(g.img.c, 1);
-  for (int i = 0; i < 35; ++i) EXPECT_EQ(g.img.data[i], gray.data[i] / 255.f) << i;
-
-  cv::Mat bgr = random_bytes(4, 6, CV_8UC3);
-  bgr.at<cv::Vec3b>(0, 0) = cv::Vec3b(10, 20, 30);
-  OwnedImage c;
-  cvt_cv2image(bgr, c.img);
-  ASSERT_EQ(c.img.c, 3);
-  const int plane = 24;
-  EXPECT_EQ(c.img.data[0], 30 / 255.f);
-  EXPECT_EQ(c.img.data[plane], 20 / 255.f);
-  EXPECT_EQ(c.img.data[2 * plane], 10 / 255.f);
-  for (int p = 0; p < plane; ++p)
-    for (int k = 0; k < 3; ++k) ASSERT_EQ(c.img.data[k * plane + p], bgr.data[p * 3 + 2 - k] / 255.f) << p << "," << k;
-}
-
-TEST(ImageConversion, RegionOfALargerMatrixConvertsByRows) {
-  cv::Mat big = random_bytes(9, 11, CV_8UC3);
-  cv::Mat roi = big(cv::Rect(2, 3, 5, 4));  // rows are not contiguous
-  ASSERT_FALSE(roi.isContinuous());
-  OwnedImage img;
-  cvt_cv2image(roi, img.img);
-  ASSERT_EQ(img.img.w, 5);
-  ASSERT_EQ(img.img.h, 4);
-  for (int y = 0; y < 4; ++y)
-    for (int x = 0; x < 5; ++x)
-      for (int k = 0; k < 3; ++k)
-        ASSERT_EQ(img.img.data[k * 20 + y * 5 + x], roi.at<cv::Vec3b>(y, x)[2 - k] / 255.f);
+  // a gray image, and a colour region of a larger matrix whose rows are not contiguous
+  const cv::Mat big = random_bytes(9, 11, CV_8UC3);
+  for (cv::Mat m : {random_bytes(5, 7, CV_8UC1), big(cv::Rect(2, 3, 5, 4))}) {  // shallow copies
+    OwnedImage img;
+    cvt_cv2image(m, img.img);
+    ASSERT_EQ(img.img.w, m.cols);
+    ASSERT_EQ(img.img.h, m.rows);
+    ASSERT_EQ(img.img.c, m.channels());
+    const int c = m.channels(), plane = m.cols * m.rows;
+    for (int y = 0; y < m.rows; ++y)
+      for (int x = 0; x < m.cols; ++x)
+        for (int k = 0; k < c; ++k)
+          ASSERT_EQ(img.img.data[k * plane + y * m.cols + x], m.ptr<unsigned char>(y)[x * c + c - 1 - k] / 255.f);
+  }
 }
 
 TEST(ImageConversion, ValuesNarrowClampedAndTruncated) {
@@ -127,20 +108,13 @@ TEST_P(DeviceConversion, BytesToPlanesMatchTheHostImage) {
     for (size_t i = 0; i < n; ++i)
       ASSERT_EQ(got[i].__x, want[i].__x) << "element " << i << " of npix " << k.npix << " c " << k.c;
     EXPECT_TRUE(dst.guard_intact());
+    if (k.cgroup != 1 || k.batch != 1) continue;
+    // a negative group request is the same interleaved image
+    cvt_cv2data(handle(), bytes.data(), dst, raw, k.npix, -k.c, -1, 1);
+    cuda_sync(handle());
+    const std::vector<Ftype> again = dst.download();
+    for (size_t i = 0; i < n; ++i) ASSERT_EQ(again[i].__x, want[i].__x) << "negative group, element " << i;
   }
-}
-
-TEST_P(DeviceConversion, NegativeGroupRequestIsTheInterleavedImage) {
-  const int npix = 400, c = 3;
-  std::vector<unsigned char> bytes((size_t)npix * c);
-  for (auto& b : bytes) b = (unsigned char)(orva_test::rng()() & 0xFF);
-  Buffer<unsigned char> raw(handle(), bytes.size());
-  Tensor a(handle(), bytes.size()), b(handle(), bytes.size());
-  cvt_cv2data(handle(), bytes.data(), a, raw, npix, c, 1, 1);
-  cvt_cv2data(handle(), bytes.data(), b, raw, npix, -c, -1, 1);
-  cuda_sync(handle());
-  const std::vector<Ftype> ga = a.download(), gb = b.download();
-  for (size_t i = 0; i < ga.size(); ++i) ASSERT_EQ(ga[i].__x, gb[i].__x) << i;
 }
 
 TEST_P(DeviceConversion, PlanesToBytesMatchTheHostImage) {
@@ -149,6 +123,9 @@ TEST_P(DeviceConversion, PlanesToBytesMatchTheHostImage) {
     std::vector<Ftype> planes = orva_test::random_halves((size_t)npix * c, -0.2f, 1.2f);
     planes[0] = orva_test::to_halves(std::vector<float>{0.999f})[0];
     planes[1].__x = 0x7E00;  // NaN narrows to 0
+    // The last pixel narrows to 127 in every channel: neither a zeroed nor a NaN-filled
+    // (0xFF) staging byte passes for it, so a kernel that skips the end of its last block fails.
+    for (int k = 0; k < c; ++k) planes[(size_t)k * npix + npix - 1] = orva_test::to_halves(std::vector<float>{0.5f})[0];
     Tensor src(handle(), planes);
     Buffer<unsigned char> raw(handle(), (size_t)npix * c);
     std::vector<unsigned char> got((size_t)npix * c + 16, 0xAB);

@@ -38,6 +38,11 @@ std::vector<double> to_doubles(const std::vector<Ftype>& h);
 std::vector<Ftype> to_halves(const std::vector<float>& f);
 std::vector<Ftype> to_halves(const std::vector<double>& f);
 
+// Each element of a result against the same element of a reference: within 4 x tol of the
+// larger of its magnitude and the reference's RMS, so that one wrong element (an unwritten
+// tail, a skipped last block) cannot hide in a long tensor's L2 norm.
+::testing::AssertionResult NearEach(const std::vector<Ftype>& ref, const std::vector<Ftype>& got, double tol);
+
 // Relative L2 check of a result against a reference.
 ::testing::AssertionResult NearL2(const std::vector<double>& ref, const std::vector<float>& got, double tol);
 ::testing::AssertionResult NearL2(const std::vector<double>& ref, const std::vector<Ftype>& got, double tol);
@@ -73,5 +78,8 @@ using BackendOp = std::function<std::vector<Ftype>(void* handle)>;
 // Host output against the float64 reference, then CUDA (when present) against the host.
 void check_on_backends(const BackendOp& op, const std::vector<double>& reference, double host_tol,
                        double cuda_tol, const char* what);
+// CUDA (when present) against the host twin only, for launchers whose float64 references
+// live in their layers' tests; the host result must be free of NaN.
+void compare_backends(const BackendOp& op, double cuda_tol, const char* what);
 
 }  // namespace orva_test

@@ -143,7 +143,8 @@ int cmd_detect(int argc, char** argv) {
   app.add_option("-t,--thresh", thresh, "score threshold")->capture_default_str()->check(CLI::Range(0.0, 1.0));
   app.add_option("--nms", nms, "overlap above which the lower-scored box goes; <= 0: soft suppression")
       ->capture_default_str();
-  app.add_option("--source-thresh", per_source, "SOURCE=THRESH[:NMS] for one source (its argument or number)");
+  app.add_option("--source-thresh", per_source, "SOURCE=THRESH[:NMS] for one source (its argument or number)")
+      ->allow_extra_args(false);
   app.add_option("-o,--output", out_dir, "folder for annotated pictures and videos");
   app.add_option("--json", json_path, "JSON lines to this file; - for stdout")->capture_default_str();
   app.add_flag("--track", track, "follow objects from frame to frame and report their ids");
@@ -179,21 +180,21 @@ int cmd_detect(int argc, char** argv) {
     sources.push_back(std::move(s));
   }
   std::map<unsigned, std::pair<float, float>> thresholds;
-  for (const std::string& spec : per_source) {
-    const size_t eq = spec.rfind('=');
-    if (eq == std::string::npos) return fail("detect", "--source-thresh " + spec + ": expected SOURCE=THRESH[:NMS]");
-    const std::string name = spec.substr(0, eq);
+  for (const std::string& entry : per_source) {
+    const size_t eq = entry.rfind('=');
+    if (eq == std::string::npos) return fail("detect", "--source-thresh " + entry + ": expected SOURCE=THRESH[:NMS]");
+    const std::string name = entry.substr(0, eq);
     int found = -1;
     for (const auto& s : sources)
       if (s->arg == name || std::to_string(s->key) == name) found = (int)s->key;
-    if (found < 0) return fail("detect", "--source-thresh " + spec + ": '" + name + "' is none of the sources");
-    const std::string v = spec.substr(eq + 1);
+    if (found < 0) return fail("detect", "--source-thresh " + entry + ": '" + name + "' is none of the sources");
+    const std::string v = entry.substr(eq + 1);
     char* end = nullptr;
     const float t = std::strtof(v.c_str(), &end);
     float n = nms;
     if (*end == ':') n = std::strtof(end + 1, &end);
     if (v.empty() || *end || !(t >= 0 && t <= 1))
-      return fail("detect", "--source-thresh " + spec + ": expected SOURCE=THRESH[:NMS], THRESH in 0..1");
+      return fail("detect", "--source-thresh " + entry + ": expected SOURCE=THRESH[:NMS], THRESH in 0..1");
     thresholds[(unsigned)found] = {t, n};
   }
 

@@ -9,7 +9,8 @@
 inline int pool_out_side(int in, int pad, int stride) { return (in + 2 * pad) / stride; }
 
 // Window maximum; indexes[o] = flat input index of the first strictly greatest value in
-// row-major window order, -1 when the window lies wholly outside the input.
+// row-major window order, -1 when the window lies wholly outside the input. indexes may be
+// null where no gradient will be taken: only the maxima are written then.
 void pool_max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
                       Ftype* input, Ftype* output, int* indexes);
 // prev_delta[i] += sum of delta over the outputs whose recorded index is i.

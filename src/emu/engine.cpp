@@ -18,6 +18,18 @@
 #include "emu/cuda_emu.h"
 #include "emu/emu_state.h"
 
+// AddressSanitizer has to be told of every switch between the scheduler's stack and a fiber's.
+#if defined(__SANITIZE_ADDRESS__)
+#define ORVA_EMU_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORVA_EMU_ASAN 1
+#endif
+#endif
+#if ORVA_EMU_ASAN
+#include <sanitizer/common_interface_defs.h>
+#endif
+
 thread_local uint3 threadIdx ORVA_EMU_TLS;
 thread_local uint3 blockIdx ORVA_EMU_TLS;
 thread_local dim3 blockDim ORVA_EMU_TLS;
@@ -87,10 +99,13 @@ struct Fiber {
   std::unique_ptr<char[]> stack;
   uint3 tid;
   State state = Ready;
+  void* fake_stack = nullptr;  // the sanitizer's, while the fiber is suspended
 };
 
 struct BlockRun {
   ucontext_t scheduler;
+  const void* scheduler_stack = nullptr;  // its bounds, for the sanitizer
+  size_t scheduler_stack_size = 0;
   Fiber* current = nullptr;
   ThreadBody body = nullptr;
   void* body_ctx = nullptr;
@@ -98,16 +113,31 @@ struct BlockRun {
 };
 
 thread_local BlockRun* t_run = nullptr;
+
+// Leaving the current stack for [bottom, bottom + size); fake = null when it ends for good.
+inline void leaving_stack(void** fake, const void* bottom, size_t size) {
+#if ORVA_EMU_ASAN
+  __sanitizer_start_switch_fiber(fake, bottom, size);
+#endif
+}
+// Arrived on a stack; learns the bounds of the one left.
+inline void arrived_on_stack(void* fake, const void** bottom, size_t* size) {
+#if ORVA_EMU_ASAN
+  __sanitizer_finish_switch_fiber(fake, bottom, size);
+#endif
+}
 thread_local std::vector<std::unique_ptr<Fiber>> t_fibers;
 
 void fiber_main() {
   BlockRun* r = t_run;
+  arrived_on_stack(nullptr, &r->scheduler_stack, &r->scheduler_stack_size);
   try {
     r->body(r->body_ctx);
   } catch (...) {
     fault("kernel %s: exception escaped thread (%u,%u,%u)", r->kernel, threadIdx.x, threadIdx.y, threadIdx.z);
   }
   r->current->state = Fiber::Done;
+  leaving_stack(nullptr, r->scheduler_stack, r->scheduler_stack_size);
   // returning resumes the scheduler through uc_link
 }
 
@@ -131,7 +161,10 @@ Fiber* start_fiber(size_t slot, uint3 tid) {
 void resume(Fiber* f) {
   threadIdx = f->tid;
   t_run->current = f;
+  void* fake = nullptr;
+  leaving_stack(&fake, f->stack.get(), kFiberStack);
   swapcontext(&t_run->scheduler, &f->ctx);
+  arrived_on_stack(fake, nullptr, nullptr);
   t_run->current = nullptr;
 }
 
@@ -271,6 +304,8 @@ void __syncthreads() {
   if (!r->current) throw BarrierInPlainThread{};
   Fiber* f = r->current;
   f->state = Fiber::Waiting;
+  leaving_stack(&f->fake_stack, r->scheduler_stack, r->scheduler_stack_size);
   swapcontext(&f->ctx, &r->scheduler);
+  arrived_on_stack(f->fake_stack, &r->scheduler_stack, &r->scheduler_stack_size);
   threadIdx = f->tid;
 }

@@ -83,7 +83,8 @@ void MaxpoolLayer::_makeLayer(bool quant, bool fast) {
   _inputs = _in_w * _in_h * _in_c;
   _outputs = _out_w * _out_h * _out_c;
   layer_make_output(this);
-  _indexes = static_cast<int*>(cuda_malloc(_gpu_handle, (size_t)_batch * _outputs * sizeof(int)));
+  // Only a backward pass reads the winners' places; inference writes the maxima alone.
+  if (mode) _indexes = static_cast<int*>(cuda_malloc(_gpu_handle, (size_t)_batch * _outputs * sizeof(int)));
   _flops = (size_t)_size * _size * _out_w * _out_h * _out_c;
   ORVA_MSG(INFO, "maxp         %dx%d / %d    %4d x%4d x%4d   ->  %4d x%4d x%4d  %6.1fM\n", _size, _size, _stride, _in_w,
            _in_h, _in_c, _out_w, _out_h, _out_c, _flops * 0.000001);
@@ -95,7 +96,7 @@ void MaxpoolLayer::forward(NetworkParams& params) {
 }
 
 void MaxpoolLayer::backward(NetworkParams& params) {
-  if (!_delta || !params.delta) return;
+  if (!_delta || !params.delta || !_indexes) return;
   pool_max_backward(_gpu_handle, _batch, _in_h, _in_w, _in_c, _size, _stride, _pad, _delta, _indexes, params.delta);
 }
 

@@ -21,7 +21,7 @@ class MaxpoolLayer : public Layer {
   int _size = 1;
   int _stride = 1;
   int _pad = 0;
-  int* _indexes = nullptr;  // batch * outputs flat input indexes, -1 for an empty window
+  int* _indexes = nullptr;  // training only: batch * outputs flat input indexes, -1 for an empty window
 
  private:
   void _check(bool from_file) const;
