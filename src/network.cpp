@@ -262,10 +262,12 @@ void Network::_makeNetwork(size_t workspace_size, size_t qinput_size) {
   _output = _omem;
   if (mode == TRAIN) {
     _truths = _loutput ? (_loutput->_truths ? _loutput->_truths : _loutput->_outputs) : 0;
-    if (checked_product({nBatch, _truths}, kMaxTensorElements) < 0)
-      throw std::runtime_error("network: batch " + std::to_string(nBatch) + " x truths " + std::to_string(_truths) +
-                               " exceeds " + std::to_string(kMaxTensorElements));
-    _truth = static_cast<float*>(calloc((size_t)nBatch * _truths + 1, 4));
+    if (checked_product({nBatch, _siamese, _truths}, kMaxTensorElements) < 0)
+      throw std::runtime_error("network: batch " + std::to_string(nBatch) + " x siamese " + std::to_string(_siamese) +
+                               " x truths " + std::to_string(_truths) + " exceeds " +
+                               std::to_string(kMaxTensorElements));
+    // A pass carries batch x siamese samples, and the cost layers read truth for each of them.
+    _truth = static_cast<float*>(calloc((size_t)nBatch * _siamese * _truths + 1, 4));
     if (!_truth) throw std::bad_alloc();
   }
   if (workspace_size) _workspace = cuda_malloc(h, workspace_size);

@@ -162,6 +162,19 @@ TEST(NetworkPredict, BatchIsClampedAndThePointerStays) {
   EXPECT_EQ(std::vector<float>(second, second + 4 * net.getOutputs()), four);
 }
 
+// A training pass carries batch x siamese samples; the cost layer reads truth for each.
+TEST(NetworkPredict, SiameseTrainingPassStaysInsideTheTruth) {
+  const std::string cfg = temp_path("siamese_train.cfg");
+  write_file(cfg, "[network]\nwidth=4\nheight=3\nchannels=1\nsiamese=2\n[train]\nbatch=2\n"
+                  "[convolution]\nfilters=2\nsize=1\n[cost]\n");
+  ORVA::Network net(ORVA::TEST, 1, -1);
+  ::testing::internal::CaptureStderr();
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  ::testing::internal::GetCapturedStderr();
+  std::vector<float> input = random_floats(2 * 2 * 4 * 3, 0.f, 1.f);
+  EXPECT_NE(net.predict(input.data(), 2), nullptr);  // the sanitizer build checks the reads
+}
+
 // Input planes as the conversion writes them: byte / 255, channel order reversed.
 std::vector<float> planes_of(const cv::Mat& m) {
   const int c = m.channels(), npix = m.rows * m.cols;

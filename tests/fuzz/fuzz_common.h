@@ -110,15 +110,21 @@ inline std::unique_ptr<ORVA::Network> build(size_t i, int mode) {
 }
 
 // One pass over a zeroed input when the network is cheap to run, so the layers' forward
-// passes meet the shapes a file asked for.
-inline void run_if_small(ORVA::Network& net) {
-  if (net.getLayerCount() == 0) return;
-  double flops = 0;
-  for (int i = 0; i < net.getLayerCount(); ++i) flops += (double)net.getLayer(i)->_flops;
-  if (flops > 2e6) return;
+// passes meet the shapes a file asked for. Returns whether it ran. Large networks within the
+// limits are legal, just too slow to run for every input.
+inline bool run_if_small(ORVA::Network& net) {
+  if (net.getLayerCount() == 0) return false;
+  double flops = 0, elements = 0;
+  for (int i = 0; i < net.getLayerCount(); ++i) {
+    const ORVA::Layer* l = net.getLayer(i);
+    flops += (double)l->_flops;
+    elements += (double)l->_weights + (double)l->_batch * l->_outputs;
+  }
+  if (flops > 2e6 || elements > 1e6) return false;
   const size_t n = (size_t)net.getBatch() * net.getSiamese() * (size_t)std::max(net.getInputs(), net.iW * net.iH * net.iC);
   cuda_memset(net.getHandle(), net.getInput(), 0, n * sizeof(Ftype));
   net.predict(1);
+  return true;
 }
 
 inline void write_seed(const std::string& dir, const std::string& name, const std::vector<uint8_t>& bytes) {
