@@ -352,6 +352,54 @@ ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
 
 namespace {
 
+// One group per channel: a product per group would have a single row and K = size x size,
+// all overhead. Each output row sums its taps in float over zero-bordered float copies of
+// the input rows, rounded once by `finish`.
+bool is_depthwise(const ConvShape& s) { return s.groups > 1 && s.groups == s.in_c && s.out_c == s.in_c; }
+
+void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, const Ftype* input,
+                       const Ftype* weight, Ftype* output, const OutputStep& finish) {
+  const int k = s.size, wp = s.in_w + 2 * s.pad;
+  const size_t per_thread = (size_t)k * wp + s.out_w + k * k;
+  const int threads = tbb::this_task_arena::max_concurrency();
+  float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
+  if (!scratch) {
+    ORVA_ERROR("conv_forward: no host scratch for %d depthwise rows of %d", k, wp);
+    return;
+  }
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
+    float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
+    float* acc = rows + (size_t)k * wp;
+    float* w = acc + s.out_w;
+    for (int bc = r.begin(); bc != r.end(); ++bc) {
+      const int c = bc % s.in_c;
+      const Ftype* plane = input + (size_t)bc * s.in_h * s.in_w;
+      Ftype* out = output + (size_t)bc * s.out_h * s.out_w;
+      widen_strided(weight + (size_t)c * k * k, 1, k * k, w);
+      for (int y = 0; y < s.out_h; ++y) {
+        std::fill(acc, acc + s.out_w, 0.f);
+        for (int ky = 0; ky < k; ++ky) {
+          const int iy = y * s.stride - s.pad + ky * s.dilation;
+          if (iy < 0 || iy >= s.in_h) continue;
+          float* row = rows + (size_t)ky * wp;
+          std::fill(row, row + s.pad, 0.f);
+          widen_strided(plane + (size_t)iy * s.in_w, 1, s.in_w, row + s.pad);
+          std::fill(row + s.pad + s.in_w, row + wp, 0.f);
+          for (int kx = 0; kx < k; ++kx) {
+            const float wk = w[ky * k + kx];
+            const float* src = row + kx * s.dilation;
+            if (s.stride == 1)
+              for (int x = 0; x < s.out_w; ++x) acc[x] += wk * src[x];
+            else
+              for (int x = 0; x < s.out_w; ++x) acc[x] += wk * src[(size_t)x * s.stride];
+          }
+        }
+        finish(acc, out + (size_t)y * s.out_w, s.out_w, c);
+      }
+    }
+  });
+}
+
 void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const Ftype* weight, Ftype* output,
              const OutputStep& finish) {
   const ConvShape& s = plan->shape;
@@ -360,6 +408,7 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
   ORVA::Backend* backend = ORVA::backend_of(handle);
   if (takes_winograd(s))
     return winograd_forward(static_cast<HostConvPlan*>(plan), backend, batch, input, weight, output, finish);
+  if (is_depthwise(s)) return depthwise_forward(backend, s, batch, input, weight, output, finish);
   const long long columns = (long long)batch * N;
   const int threads = tbb::this_task_arena::max_concurrency();
   const ForwardTiling t = forward_tiling(fpg, columns, K, threads);

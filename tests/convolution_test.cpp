@@ -141,6 +141,9 @@ TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
       // Enough channels for the host's Winograd product; odd output sides, a wider border.
       {"filters=32\nsize=3\nactivation=relu\n", 32, 9, 19},
       {"filters=40\nsize=3\npad=2\nactivation=linear\n", 36, 6, 9},
+      // One group per channel (depthwise), unit and double stride, a dilated one without bias.
+      {"filters=12\nsize=3\ngroups=12\nactivation=leaky\n", 12, 9, 21},
+      {"filters=8\nsize=3\nstride=2\ngroups=8\ndilation=2\n", 8, 13, 19},
   };
   const int batch = 2;
   for (const Geometry& g : cases) {
