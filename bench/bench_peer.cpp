@@ -7,8 +7,12 @@
 // load), the ratio host / OpenCV of the medians, and the relative L2 difference of the
 // outputs.
 //
-//   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T]
+//   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE]
+//
+// The face detector takes the weights of its model file (default models/face.orva, made by
+// scripts/run.sh) when it is there, random ones otherwise.
 #include <tbb/task_arena.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,23 +32,39 @@
 
 namespace {
 
-// One layer, written in both description dialects.
+// One layer, written in both description dialects. A convolution without activation
+// (nullptr) is "linear" for OpenCV; the host backend then skips the bias step, so such a
+// layer's biases are written as zeros.
 struct LayerSpec {
   enum Kind { kConv, kMaxPool } kind;
   int filters, size, stride;
   bool bn;
   const char* activation;
+  bool depthwise = false;  // one group per channel, filters = channels
+  bool border = true;      // size / 2 zeros around the image, else none
 };
 
 LayerSpec conv(int filters, int size, int stride, bool bn = true, const char* act = "leaky") {
   return {LayerSpec::kConv, filters, size, stride, bn, act};
 }
 LayerSpec maxpool(int size, int stride) { return {LayerSpec::kMaxPool, 0, size, stride, false, nullptr}; }
+LayerSpec depthwise(int channels) {
+  LayerSpec l = conv(channels, 3, 1, false, nullptr);
+  l.depthwise = true;
+  return l;
+}
+LayerSpec unpadded(LayerSpec l) {
+  l.border = false;
+  return l;
+}
 
 struct PeerModel {
   const char* name;
   int w, h, c;
   std::vector<LayerSpec> layers;
+  // A model file whose weights replace the random ones when it exists (same layers in the
+  // same order; a head without weights may follow them).
+  std::string weights_from;
 };
 
 std::vector<PeerModel> networks() {
@@ -65,7 +85,19 @@ std::vector<PeerModel> networks() {
        {conv(16, 3, 1), maxpool(2, 2), conv(32, 3, 1), maxpool(2, 2), conv(64, 3, 1), maxpool(2, 2), conv(128, 3, 1),
         maxpool(2, 2), conv(256, 3, 1), maxpool(2, 2), conv(512, 3, 1), maxpool(2, 1), conv(1024, 3, 1),
         conv(1024, 3, 1), conv(125, 1, 1, false, "linear")}},
-      // The face detector joins here once its layers exist on the host backend.
+      // The face detector of the detect program (orva convert --faceapi) up to its last
+      // convolution: the region head decodes differently in the two engines, so the raw
+      // 13 x 13 x 30 map is compared. Depthwise stages are grouped convolutions with one group
+      // per channel; 0.42 GFLOP per 418 x 418 image.
+      {"face",
+       418,
+       418,
+       3,
+       {unpadded(conv(16, 3, 1, false)), maxpool(2, 2), depthwise(16), conv(32, 1, 1, false), maxpool(2, 2),
+        depthwise(32), conv(64, 1, 1, false), maxpool(2, 2), depthwise(64), conv(128, 1, 1, false), maxpool(2, 2),
+        depthwise(128), conv(256, 1, 1, false), maxpool(2, 2), depthwise(256), conv(512, 1, 1, false), maxpool(2, 1),
+        conv(30, 1, 1, false, "linear")},
+       "models/face.orva"},
   };
 }
 
@@ -76,7 +108,9 @@ std::string orva_cfg(const PeerModel& n, int batch) {
     if (l.kind == LayerSpec::kConv)
       s += "[convolution]\nfilters=" + std::to_string(l.filters) + "\nsize=" + std::to_string(l.size) +
            "\nstride=" + std::to_string(l.stride) + "\nbatch_normalize=" + (l.bn ? "1" : "0") +
-           "\nactivation=" + l.activation + "\n";
+           (l.activation ? "\nactivation=" + std::string(l.activation) : std::string()) +
+           (l.depthwise ? "\ngroups=" + std::to_string(l.filters) : std::string()) +
+           (l.border ? "" : "\npad=0") + "\n";
     else
       s += "[maxpool]\nsize=" + std::to_string(l.size) + "\nstride=" + std::to_string(l.stride) + "\n";
   }
@@ -89,8 +123,9 @@ std::string darknet_cfg(const PeerModel& n, int batch) {
   for (const LayerSpec& l : n.layers) {
     if (l.kind == LayerSpec::kConv)
       s += "[convolutional]\nfilters=" + std::to_string(l.filters) + "\nsize=" + std::to_string(l.size) +
-           "\nstride=" + std::to_string(l.stride) + "\npad=1\nbatch_normalize=" + (l.bn ? "1" : "0") +
-           "\nactivation=" + l.activation + "\n";
+           "\nstride=" + std::to_string(l.stride) + "\npad=" + (l.border ? "1" : "0") +
+           "\nbatch_normalize=" + (l.bn ? "1" : "0") + "\nactivation=" + (l.activation ? l.activation : "linear") +
+           (l.depthwise ? "\ngroups=" + std::to_string(l.filters) : std::string()) + "\n";
     else
       s += "[maxpool]\nsize=" + std::to_string(l.size) + "\nstride=" + std::to_string(l.stride) + "\n";
   }
@@ -118,8 +153,11 @@ void write_weights(const PeerModel& n, const std::string& path, std::mt19937& rn
   int channels = n.c;
   for (const LayerSpec& l : n.layers) {
     if (l.kind != LayerSpec::kConv) continue;
-    const int k = channels * l.size * l.size;
-    uniform(l.filters, -0.1f, 0.1f);
+    const int k = (l.depthwise ? 1 : channels) * l.size * l.size;
+    if (l.activation)
+      uniform(l.filters, -0.1f, 0.1f);
+    else
+      data.insert(data.end(), l.filters, 0.f);
     if (l.bn) {
       uniform(l.filters, 0.5f, 1.5f);
       uniform(l.filters, -0.1f, 0.1f);
@@ -138,6 +176,39 @@ void write_weights(const PeerModel& n, const std::string& path, std::mt19937& rn
     exit(1);
   }
   fclose(f);
+}
+
+// Floats of the weights-only file after its header.
+size_t weight_count(const PeerModel& n) {
+  size_t count = 0;
+  int channels = n.c;
+  for (const LayerSpec& l : n.layers) {
+    if (l.kind != LayerSpec::kConv) continue;
+    count += (size_t)l.filters * ((l.bn ? 4 : 1) + (l.depthwise ? 1 : channels) * l.size * l.size);
+    channels = l.filters;
+  }
+  return count;
+}
+
+// The weights of a model file written as a weights-only file. The file must hold exactly the
+// model's convolutions, else the two descriptions would not be the network it came from.
+bool copy_weights(const PeerModel& n, const std::string& path) {
+  try {
+    ORVA::Network source(ORVA::TEST, 1, -1);
+    source.load(n.weights_from.c_str());
+    source.save(path.c_str(), false);
+  } catch (const std::exception& e) {
+    fprintf(stderr, "%s: cannot take the weights of %s: %s\n", n.name, n.weights_from.c_str(), e.what());
+    return false;
+  }
+  struct stat st;
+  const size_t want = 20 + 4 * weight_count(n);
+  if (stat(path.c_str(), &st) != 0 || (size_t)st.st_size != want) {
+    fprintf(stderr, "%s: %s holds %lld bytes of weights, the network takes %zu\n", n.name, n.weights_from.c_str(),
+            (long long)st.st_size, want);
+    return false;
+  }
+  return true;
 }
 
 struct Stats {
@@ -164,6 +235,7 @@ struct Options {
   int passes = 20, warmup = 3;
   std::string network;
   int batch = 0, threads = 0;
+  std::string face_model = "models/face.orva";
 };
 
 template <typename F>
@@ -173,12 +245,15 @@ double time_ms(F f) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
 
-bool run_row(const PeerModel& model, int batch, int threads, const Options& opt, std::mt19937& rng) {
+// Model weights (a file copied once per network) or fresh random ones for each row.
+bool run_row(const PeerModel& model, const std::string& model_weights, int batch, int threads, const Options& opt,
+             std::mt19937& rng) {
   const std::string base = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid());
-  const std::string ocfg = base + ".orva.cfg", dcfg = base + ".darknet.cfg", weights = base + ".weights";
+  const std::string ocfg = base + ".orva.cfg", dcfg = base + ".darknet.cfg";
+  const std::string weights = model_weights.empty() ? base + ".weights" : model_weights;
   write_text(ocfg, orva_cfg(model, batch));
   write_text(dcfg, darknet_cfg(model, batch));
-  write_weights(model, weights, rng);
+  if (model_weights.empty()) write_weights(model, weights, rng);
 
   std::vector<float> input((size_t)batch * model.c * model.h * model.w);
   std::uniform_real_distribution<float> pixel(0.f, 1.f);
@@ -194,7 +269,7 @@ bool run_row(const PeerModel& model, int batch, int threads, const Options& opt,
   peer.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
   remove(ocfg.c_str());
   remove(dcfg.c_str());
-  remove(weights.c_str());
+  if (model_weights.empty()) remove(weights.c_str());
 
   const int dims[4] = {batch, model.c, model.h, model.w};
   cv::Mat blob(4, dims, CV_32F, input.data());
@@ -244,25 +319,46 @@ int main(int argc, char** argv) {
     else if (key == "--network") opt.network = value;
     else if (key == "--batch") opt.batch = atoi(value);
     else if (key == "--threads") opt.threads = atoi(value);
+    else if (key == "--face-model") opt.face_model = value;
     else {
-      fprintf(stderr, "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T]\n", argv[0]);
+      fprintf(stderr, "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE]\n",
+              argv[0]);
       return 2;
     }
   }
   ORVA::setMsgLevel(WARNING);
   std::mt19937 rng(12345);
+  std::vector<PeerModel> models;
+  std::vector<std::string> model_weights;
+  bool ok = true;
+  for (PeerModel& model : networks()) {
+    if (!opt.network.empty() && opt.network != model.name) continue;
+    if (!model.weights_from.empty()) model.weights_from = opt.face_model;
+    std::string copied;
+    if (!model.weights_from.empty() && access(model.weights_from.c_str(), R_OK) == 0) {
+      copied = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid()) + ".model.weights";
+      if (!copy_weights(model, copied)) {
+        ok = false;
+        continue;
+      }
+      printf("# %s: weights of %s\n", model.name, model.weights_from.c_str());
+    } else if (!model.weights_from.empty()) {
+      printf("# %s: random weights (%s not found)\n", model.name, model.weights_from.c_str());
+    }
+    models.push_back(model);
+    model_weights.push_back(copied);
+  }
   printf("%-12s %5s %7s %9s %9s %9s %9s %7s %10s\n", "network", "batch", "threads", "host min", "host med",
          "cv min", "cv med", "ratio", "rel L2");
-  bool ok = true;
-  for (const PeerModel& model : networks()) {
-    if (!opt.network.empty() && opt.network != model.name) continue;
+  for (size_t m = 0; m < models.size(); ++m) {
     for (int batch : {1, 4}) {
       if (opt.batch && batch != opt.batch) continue;
       for (int threads : {1, 2}) {
         if (opt.threads && threads != opt.threads) continue;
-        ok = run_row(model, batch, threads, opt, rng) && ok;
+        ok = run_row(models[m], model_weights[m], batch, threads, opt, rng) && ok;
       }
     }
+    if (!model_weights[m].empty()) remove(model_weights[m].c_str());
   }
   return ok ? 0 : 1;
 }

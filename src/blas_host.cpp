@@ -519,6 +519,40 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
 
 void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
   const int out_c = c / (stride * stride);
+#if defined(__F16C__)
+  if (!forward && stride == 2 && w >= 8) {
+    // The gather by 2: source row ih * 2 + k of plane (b, c2), 2 w wide, holds in its even
+    // and odd columns output row ih of channels (2 k) out_c + c2 and (2 k + 1) out_c + c2, so
+    // each sixteen source values are loaded once and split into both rows.
+    const size_t pairs = (size_t)batch * out_c * 2 * h;
+    const __m128i split = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, pairs, std::max<size_t>(1, kGrain / (2 * w))),
+                      [&](const tbb::blocked_range<size_t>& r) {
+                        for (size_t q = r.begin(); q != r.end();) {
+                          // One run of rows ih of one (b, c2, k): divisions once per run.
+                          const size_t ih0 = q % h, k = q / h % 2, c2 = q / h / 2 % out_c, b = q / h / 2 / out_c;
+                          const size_t end = std::min<size_t>(r.end(), q + (h - ih0));
+                          const Ftype* src = x + (size_t)w * 2 * ((size_t)h * 2 * (c2 + (size_t)out_c * b) + ih0 * 2 + k);
+                          Ftype* even = out + (((size_t)b * c + 2 * k * out_c + c2) * h + ih0) * w;
+                          Ftype* odd = even + (size_t)out_c * h * w;
+                          for (; q != end; ++q, src += 4 * (size_t)w, even += w, odd += w) {
+                            auto eight = [&](int at) {
+                              const __m128i lo = _mm_shuffle_epi8(
+                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * at)), split);
+                              const __m128i hi = _mm_shuffle_epi8(
+                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * at + 8)), split);
+                              _mm_storeu_si128(reinterpret_cast<__m128i*>(even + at), _mm_unpacklo_epi64(lo, hi));
+                              _mm_storeu_si128(reinterpret_cast<__m128i*>(odd + at), _mm_unpackhi_epi64(lo, hi));
+                            };
+                            int iw = 0;
+                            for (; iw + 8 <= w; iw += 8) eight(iw);
+                            if (iw < w) eight(w - 8);  // the last eight again rather than a scalar tail
+                          }
+                        }
+                      });
+    return;
+  }
+#endif
   // Row by row: along a row of w elements only the column moves, by one on one side and by
   // stride on the other, so the index arithmetic is paid once per row.
   const size_t rows = (size_t)h * c * batch;
@@ -542,32 +576,10 @@ void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int str
                         const size_t base = plane + (size_t)w * stride * ih * stride;
                         const Ftype* src = x + row * w;
                         Ftype* dst = out + row * w;
-                        if (forward) {
+                        if (forward)
                           for (int iw = 0; iw < w; ++iw) out[base + (size_t)iw * stride] = src[iw];
-                          continue;
-                        }
-                        int iw = 0;
-#if defined(__F16C__)
-                        if (stride == 2 && w >= 8) {
-                          // Every other column of a source row of 2 w: sixteen loaded from the
-                          // row's start (never past its end), split into evens and odds.
-                          const Ftype* from = x + base - offset % 2;
-                          const __m128i split = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
-                          const bool odd = offset % 2;
-                          auto eight = [&](int at) {
-                            const __m128i a = _mm_shuffle_epi8(
-                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 2 * at)), split);
-                            const __m128i b = _mm_shuffle_epi8(
-                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 2 * at + 8)), split);
-                            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + at),
-                                             odd ? _mm_unpackhi_epi64(a, b) : _mm_unpacklo_epi64(a, b));
-                          };
-                          for (; iw + 8 <= w; iw += 8) eight(iw);
-                          if (iw < w) eight(w - 8);  // the last eight again rather than a scalar tail
-                          continue;
-                        }
-#endif
-                        for (; iw < w; ++iw) dst[iw] = x[base + (size_t)iw * stride];
+                        else
+                          for (int iw = 0; iw < w; ++iw) dst[iw] = x[base + (size_t)iw * stride];
                       }
                     });
 }

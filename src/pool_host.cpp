@@ -64,10 +64,9 @@ constexpr int kPhase = kTile + 8 + kSepMaxSize;  // floats per phase of a widene
 // max(v, best) is the walk's step "v > best ? v : best" and NaN never enters.
 
 // h[t] = maximum over the window starting at widened position t of one row, t < lanes.
-inline void row_maxima(const float* ph, int size, int stride, int lanes, float* h) {
+// at[m]: where column m of window 0 lies among the phases.
+inline void row_maxima(const float* ph, const int* at, int size, int lanes, float* h) {
   const float minus_inf = -std::numeric_limits<float>::infinity();
-  int at[kSepMaxSize];  // where window column m of window 0 lies among the phases
-  for (int m = 0; m < size; ++m) at[m] = (m % stride) * kPhase + m / stride;
 #if defined(__F16C__)
   for (int t = 0; t < lanes; t += 8) {
     __m256 best = _mm256_set1_ps(minus_inf);
@@ -107,8 +106,9 @@ inline void column_maxima(const float* const* rows, int nrows, int tw, Ftype* ou
   }
 }
 
-// Phase r, position u of ph holds input column xa + u * stride + r, -inf outside the row.
-void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, float* ph) {
+// Phase r, position u of ph holds input column xa + u * stride + r, -inf outside the row;
+// positions below lo have a column before the row's start.
+void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, int lo, float* ph) {
   const float minus_inf = -std::numeric_limits<float>::infinity();
   auto scalar = [&](int u) {
     for (int r = 0; r < stride; ++r) {
@@ -117,7 +117,6 @@ void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, flo
     }
   };
   int u = 0;
-  const int lo = std::min(count, xa >= 0 ? 0 : (-xa + stride - 1) / stride);  // first whole group inside
   for (; u < lo; ++u) scalar(u);
 #if defined(__F16C__)
   if (stride == 1) {
@@ -144,6 +143,78 @@ void widen_phases(const Ftype* row, int in_w, int xa, int stride, int count, flo
   for (; u < count; ++u) scalar(u);
 }
 
+// Stride 1 on a small plane: the plane is widened once into a float copy with -inf borders
+// (pad before, the window's reach after, on both axes), so that every window lies inside the
+// copy and the row maxima run over the copy as one flat array, without per-row work beyond
+// the widening and the final narrowing.
+constexpr int kFlatMax = 4096;  // floats of the bordered copy of one plane
+
+bool fits_flat(int in_h, int in_w, int size, int pad) {
+  return (long long)(in_h + 2 * pad + size - 1) * (in_w + 2 * pad + size - 1) <= kFlatMax;
+}
+
+void max_values_flat(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int pad,
+                     const Ftype* input, Ftype* output) {
+  const float minus_inf = -std::numeric_limits<float>::infinity();
+  const int wp = in_w + 2 * pad + size - 1, hp = in_h + 2 * pad + size - 1, n = wp * hp;
+  tbb::parallel_for(tbb::blocked_range<int>(0, batch * in_c, std::max(1, 16384 / n)), [&](const tbb::blocked_range<int>& r) {
+    alignas(32) float p[kFlatMax + 8 + kSepMaxSize];
+    alignas(32) float h[kFlatMax + 8];
+    std::fill(p, p + n + 8 + kSepMaxSize, minus_inf);  // the borders stay -inf from here on
+    for (int k = r.begin(); k != r.end(); ++k) {
+      const Ftype* plane = input + (size_t)k * in_h * in_w;
+      for (int y = 0; y < in_h; ++y) {
+        const Ftype* src = plane + (size_t)y * in_w;
+        float* dst = p + (size_t)(y + pad) * wp + pad;
+        int x = 0;
+#if defined(__F16C__)
+        auto eight = [&](int at) {
+          _mm256_storeu_ps(dst + at, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + at))));
+        };
+        for (; x + 8 <= in_w; x += 8) eight(x);
+        if (x < in_w && in_w >= 8) eight(in_w - 8), x = in_w;  // the last eight again
+#endif
+        for (; x < in_w; ++x) dst[x] = h2f(src[x]);
+      }
+      // h[q] = maximum of the window row starting at q (values past a row's end are that
+      // row's -inf border or the next row's, and only windows inside a row are read below).
+      int q = 0;
+#if defined(__F16C__)
+      for (; q < n; q += 8) {
+        __m256 best = _mm256_max_ps(_mm256_loadu_ps(p + q), _mm256_set1_ps(minus_inf));
+        for (int m = 1; m < size; ++m) best = _mm256_max_ps(_mm256_loadu_ps(p + q + m), best);
+        _mm256_storeu_ps(h + q, best);
+      }
+#else
+      for (; q < n; ++q) {
+        float best = p[q] > minus_inf ? p[q] : minus_inf;
+        for (int m = 1; m < size; ++m) best = p[q + m] > best ? p[q + m] : best;
+        h[q] = best;
+      }
+#endif
+      for (int i = 0; i < out_h; ++i) {
+        Ftype* out = output + ((size_t)k * out_h + i) * out_w;
+        const float* top = h + (size_t)i * wp;
+        int j = 0;
+#if defined(__F16C__)
+        auto block = [&](int at) {
+          __m256 best = _mm256_loadu_ps(top + at);
+          for (int m = 1; m < size; ++m) best = _mm256_max_ps(_mm256_loadu_ps(top + (size_t)m * wp + at), best);
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), _mm256_cvtps_ph(best, _MM_FROUND_TO_NEAREST_INT));
+        };
+        for (; j + 8 <= out_w; j += 8) block(j);
+        if (j < out_w && out_w >= 8) block(out_w - 8), j = out_w;  // the last eight again
+#endif
+        for (; j < out_w; ++j) {
+          float best = top[j];
+          for (int m = 1; m < size; ++m) best = top[(size_t)m * wp + j] > best ? top[(size_t)m * wp + j] : best;
+          out[j] = f2h(best);
+        }
+      }
+    }
+  });
+}
+
 void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int stride, int pad,
                 const Ftype* input, Ftype* output) {
   const int planes = batch * in_c;
@@ -153,6 +224,8 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
   tbb::parallel_for(tbb::blocked_range<size_t>(0, (size_t)planes * bands), [&](const tbb::blocked_range<size_t>& r) {
     alignas(32) float ph[kSepMaxStride * kPhase];
     alignas(32) float ring[kSepMaxSize][kTile + 8];
+    int at[kSepMaxSize];
+    for (int m = 0; m < size; ++m) at[m] = (m % stride) * kPhase + m / stride;
     for (size_t task = r.begin(); task != r.end(); ++task) {
       const size_t k = task / bands;
       const int i0 = (int)(task % bands) * band, i1 = std::min(out_h, i0 + band);
@@ -161,23 +234,26 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
         const int tw = std::min(kTile, out_w - j0);
         const int lanes = (tw + 7) / 8 * 8;  // lanes past tw are computed and dropped
         const int xa = j0 * stride - pad;
+        const int count = lanes + (size - 1) / stride;  // positions per phase
+        const int lo = std::min(count, xa >= 0 ? 0 : (-xa + stride - 1) / stride);
         int held[kSepMaxSize];
         std::fill(held, held + size, -1);
         int first = ((i0 * stride - pad) % size + size) % size;  // ring slot of the window's first row
-        for (int i = i0; i < i1; ++i, first = first + stride < size ? first + stride : (first + stride) % size) {
+        for (int i = i0; i < i1; ++i) {
           const float* rows[kSepMaxSize];
           int nrows = 0;
           for (int n = 0, slot = first; n < size; ++n, slot = slot + 1 == size ? 0 : slot + 1) {
             const int y = i * stride - pad + n;
             if (y < 0 || y >= in_h) continue;  // rows outside are -inf, which never wins
             if (held[slot] != y) {
-              widen_phases(plane + (size_t)y * in_w, in_w, xa, stride, lanes + (size - 1) / stride, ph);
-              row_maxima(ph, size, stride, lanes, ring[slot]);
+              widen_phases(plane + (size_t)y * in_w, in_w, xa, stride, count, lo, ph);
+              row_maxima(ph, at, size, lanes, ring[slot]);
               held[slot] = y;
             }
             rows[nrows++] = ring[slot];
           }
           column_maxima(rows, nrows, tw, output + (k * out_h + i) * out_w + j0);
+          for (first += stride; first >= size;) first -= size;
         }
       }
     }
@@ -188,6 +264,36 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
 
 void max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int out_h, int out_w, int size, int stride,
                  int pad, const Ftype* input, Ftype* output, int* indexes) {
+#if defined(__F16C__)
+  if (!indexes && size == 2 && stride == 2 && pad == 0 && out_w >= 8) {
+    // The common 2 x 2 / 2: every window inside the input, eight at a time straight from the
+    // two rows, each row's columns split into evens and odds before widening.
+    const __m128i split = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+    const __m256 minus = _mm256_set1_ps(-std::numeric_limits<float>::infinity());
+    for_each_row(batch * in_c, out_h, [&](int i, int k) {
+      const Ftype* r0 = input + ((size_t)k * in_h + 2 * i) * in_w;
+      Ftype* out = output + ((size_t)k * out_h + i) * out_w;
+      auto row = [&](const Ftype* p) {  // the first of the window row's maxima, as the walk takes it
+        const __m128i a = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), split);
+        const __m128i b = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)), split);
+        return _mm256_max_ps(_mm256_cvtph_ps(_mm_unpackhi_epi64(a, b)),
+                             _mm256_max_ps(_mm256_cvtph_ps(_mm_unpacklo_epi64(a, b)), minus));
+      };
+      auto block = [&](int j) {
+        const __m256 best = _mm256_max_ps(row(r0 + in_w + 2 * j), row(r0 + 2 * j));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + j), _mm256_cvtps_ph(best, _MM_FROUND_TO_NEAREST_INT));
+      };
+      int j = 0;
+      for (; j + 8 <= out_w; j += 8) block(j);
+      if (j < out_w) block(out_w - 8);  // the last eight again rather than a scalar tail
+    });
+    return;
+  }
+#endif
+  if (!indexes && stride == 1 && size <= kSepMaxSize && fits_flat(in_h, in_w, size, pad)) {
+    max_values_flat(batch, in_h, in_w, in_c, out_h, out_w, size, pad, input, output);
+    return;
+  }
   if (!indexes && size <= kSepMaxSize && stride <= kSepMaxStride) {
     max_values(batch, in_h, in_w, in_c, out_h, out_w, size, stride, pad, input, output);
     return;

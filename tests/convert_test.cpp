@@ -32,7 +32,7 @@ cv::Mat random_bytes(int rows, int cols, int type) {
 TEST(ImageConversion, BytesWidenPerPlaneWithChannelsReversed) {
   // a gray image, and a colour region of a larger matrix whose rows are not contiguous
   const cv::Mat big = random_bytes(9, 11, CV_8UC3);
-  for (cv::Mat m : {random_bytes(5, 7, CV_8UC1), big(cv::Rect(2, 3, 5, 4))}) {
+  for (cv::Mat m : {random_bytes(5, 7, CV_8UC1), big(cv::Rect(2, 3, 5, 4))}) {  // shallow copies
     OwnedImage img;
     cvt_cv2image(m, img.img);
     ASSERT_EQ(img.img.w, m.cols);

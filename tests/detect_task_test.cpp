@@ -81,7 +81,8 @@ TEST(DetectTask, BoundPerSourceKeysAndResultsOfDirectDetection) {
   EXPECT_FALSE(task.getResult(out));
   EXPECT_EQ(out.id, 77u);
 
-  // Queued while stopped: 2 x batch frames fit, then frames are refused; so is an empty one.
+  // Queued while stopped: 2 x batch frames fit, then frames are refused; so are an
+  // empty frame and one the network can't take.
   struct Frame { unsigned id; cv::Mat img; };
   const std::vector<Frame> frames = {
       {2, random_frame(64, 32)}, {1, random_frame(64, 32)}, {2, random_frame(20, 40)}, {5, random_frame(32, 24)}};
@@ -89,12 +90,13 @@ TEST(DetectTask, BoundPerSourceKeysAndResultsOfDirectDetection) {
     ORVA::TaskInput in{frames[t].id, t, frames[t].img};
     EXPECT_TRUE(task.process(in));
   }
-  ORVA::TaskInput extra{2, 9, frames[0].img}, empty{2, 10, cv::Mat()};
+  ORVA::TaskInput extra{2, 9, frames[0].img}, empty{2, 10, cv::Mat()}, gray{2, 11, cv::Mat(24, 32, CV_8UC1)};
   EXPECT_FALSE(task.process(extra));
   task.run();
   auto got = collect(task, frames.size());
   task.stop();
   EXPECT_FALSE(task.process(empty));
+  EXPECT_FALSE(task.process(gray));
   EXPECT_FALSE(task.getResult(out));
   ASSERT_EQ(got.size(), frames.size());
 

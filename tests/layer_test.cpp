@@ -15,8 +15,6 @@ using namespace orva_test;
 
 namespace {
 
-ORVA::Layer* last_layer(ORVA::Network& net) { return net.getLayer(net.getLayerCount() - 1); }
-
 std::vector<double> reference_softmax(ORVA::Network& net, int batch) {
   auto* l = static_cast<ORVA::SoftmaxLayer*>(last_layer(net));
   std::vector<double> x = layer_input(net, net.getLayerCount() - 1, batch);
@@ -73,6 +71,14 @@ const char* kElementwise[] = {
 };
 
 TEST(LayerForward, MatchesReferenceOnEveryBackend) {
+  // The references read the group map and the input count from the layer: check those first.
+  // A description without a map always builds one group over every input.
+  auto soft = net_from_text("[network]\nwidth=5\nheight=3\nchannels=2\n[softmax]\ngroups=4\n", 1, -1);
+  auto* s = static_cast<ORVA::SoftmaxLayer*>(soft->getLayer(0));
+  EXPECT_EQ(std::make_pair(s->_groups, s->_gmap_cpu[0]), std::make_pair(1, 30));
+  auto fc = net_from_text(kFconn, 1, -1);
+  EXPECT_EQ(std::make_pair(fc->getLayer(0)->_in_c, fc->getOutputs()), std::make_pair(60, 7));
+
   // Exponentials in float: one rounding per output.
   check_forward(kSoftmaxMap, 2, reference_softmax, kHalfChain, -4.f, 4.f);
   check_forward("[network]\nwidth=5\nheight=3\nchannels=2\n[softmax]\ngroups=4\n", 2, reference_softmax, kHalfChain,
@@ -83,47 +89,19 @@ TEST(LayerForward, MatchesReferenceOnEveryBackend) {
   for (const char* text : kElementwise) check_forward(text, 2, reference_elementwise, kHalfChain, -2.f, 2.f);
 }
 
-TEST(LayerForward, ShapesAndRecords) {
-  auto soft = net_from_text("[network]\nwidth=5\nheight=3\nchannels=2\n[softmax]\ngroups=4\n", 1, -1);
-  auto* s = static_cast<ORVA::SoftmaxLayer*>(soft->getLayer(0));
-  // A description always builds a map: groups collapse to one over every input.
-  EXPECT_EQ(s->_groups, 1);
-  EXPECT_EQ(s->_gmap_cpu[0], 30);
-  auto fc = net_from_text(kFconn, 1, -1);
-  EXPECT_EQ(fc->getLayer(0)->_in_c, 60);
-  EXPECT_EQ(fc->getOutputs(), 7);
-}
-
 TEST(LayerBackward, MatchesFiniteDifferences) {
-  for (int gpu : test_backends()) {
-    const int batch = 2;
-    struct Case {
-      const char* text;
-      float step;
-      double tol;
-      bool distinct;
-    };
-    // Smooth layers take a step well above the half resolution of their outputs; the learned
-    // rectifier is linear on each side of zero, which the distinct inputs keep away from.
-    const Case cases[] = {
-        {"[network]\nwidth=5\nheight=3\nchannels=4\n[fconn]\noutput=6\nactivation=linear\n", 0.25f, 2e-2, false},
-        {"[network]\nwidth=5\nheight=3\nchannels=4\n[activation]\nactivation=logistic\n", 0.25f, 2e-2, false},
-        {"[network]\nwidth=5\nheight=3\nchannels=4\n[batchnorm]\n", 0.25f, 5e-2, false},
-        {"[network]\nwidth=5\nheight=3\nchannels=4\n[dynact]\nslope=0.3\n", 0.02f, 2e-2, true},
-    };
-    for (const Case& c : cases) {
-      SCOPED_TRACE(c.text);
-      if (skip_without_cudnn(c.text, gpu)) continue;
-      auto net = net_from_text(c.text, batch, gpu, ORVA::TRAIN);
-      ORVA::Layer* l = net->getLayer(0);
-      const size_t n = (size_t)batch * l->_inputs;
-      Buffer<Ftype> dx(net->getHandle(), n);
-      std::vector<GradPair> pairs = {{net->getInput(), dx.get(), n}};
-      if (l->type == ORVA::LAYER_DYNACT) pairs.push_back({l->_weight, l->_weight_update, (size_t)l->_weights});
-      check_backward(*net, batch, pairs, dx.get(), c.step, c.tol, c.distinct);
-    }
+  const int batch = 2;
+  // Smooth layers take a step well above the half resolution of their outputs; the learned
+  // rectifier is linear on each side of zero, which the distinct inputs keep away from.
+  check_input_backward("[network]\nwidth=5\nheight=3\nchannels=4\n[fconn]\noutput=6\nactivation=linear\n", batch,
+                       0.25f, 2e-2);
+  check_input_backward(kElementwise[0], batch, 0.25f, 2e-2);
+  check_input_backward(kElementwise[1], batch, 0.25f, 5e-2);
+  check_input_backward("[network]\nwidth=5\nheight=3\nchannels=4\n[dynact]\nslope=0.3\n", batch, 0.02f, 2e-2, true,
+                       true);
 
-    // Dropout draws a fresh mask per pass, so its gradient is checked against the mask.
+  // Dropout draws a fresh mask per pass, so its gradient is checked against the mask.
+  for (int gpu : test_backends()) {
     auto net = net_from_text("[network]\nwidth=5\nheight=3\nchannels=4\n[dropout]\nprobability=0.25\n", batch, gpu,
                              ORVA::TRAIN);
     auto* d = static_cast<ORVA::DropoutLayer*>(net->getLayer(0));

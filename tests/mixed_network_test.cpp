@@ -10,8 +10,6 @@ using namespace orva_test;
 
 namespace {
 
-// Outputs of one network: the host reference run against its own model-file copy, then CUDA
-// (when present) against the host.
 ORVA::Network* load_model(ORVA::Network& net, const std::string& path) {
   ::testing::internal::CaptureStdout();  // the checksum line
   const int status = net.load(path.c_str(), false, false);
@@ -37,7 +35,6 @@ void check_round_trip(const std::string& text, int side_w, int side_h, int chann
   ORVA::Network first(ORVA::TEST, batch, -1);
   load_model(first, model);
   const std::vector<float> expected = predict_copy(first, input, batch);
-  for (float v : expected) ASSERT_FALSE(std::isnan(v));
   first.save(again.c_str(), true);
   // The description with the weights-only file builds the same network.
   write_file(cfg, text);
@@ -63,33 +60,41 @@ void check_round_trip(const std::string& text, int side_w, int side_h, int chann
   }
 }
 
-TEST(MixedNetwork, TinyYoloTrunkShapesAndRoundTrip) {
-  auto net = net_from_text(tiny_yolo_trunk(64), 1, -1);
-  ASSERT_EQ(net->getLayerCount(), 13);
-  const int sides[] = {64, 32, 32, 16, 16, 8, 8, 4, 4, 2, 2, 2, 2};
-  for (int i = 0; i < 13; ++i) EXPECT_EQ(net->getLayer(i)->_out_w, sides[i]) << i;
-  EXPECT_EQ(net->getOutputs(), 2 * 2 * 1024);
-  check_round_trip(tiny_yolo_trunk(64, 8), 64, 64, 3);
-}
-
-TEST(MixedNetwork, ResidualTrunkRoundTrip) {
-  auto net = net_from_text(kResidualTrunk, 1, -1);
-  EXPECT_EQ(net->getLayer(5)->_in_w, 18);
-  EXPECT_EQ(net->getLayer(5)->_out_w, 9);
-  EXPECT_EQ(net->getOutputs(), 8);
-  check_round_trip(kResidualTrunk, 18, 14, 3);
-}
-
-TEST(MixedNetwork, BranchedTrunkRoundTrip) {
-  auto net = net_from_text(kBranchedTrunk, 1, -1);
-  const int c[] = {8, 8, 16, 16, 16, 64, 64, 88, 4};
-  const int w[] = {16, 8, 8, 5, 8, 4, 8, 8, 8};
-  for (int i = 0; i < 9; ++i) {
-    EXPECT_EQ(net->getLayer(i)->_out_c, c[i]) << i;
-    EXPECT_EQ(net->getLayer(i)->_out_w, w[i]) << i;
+// Convolutions with batch normalisation and leaky, six max-pools, the last 2 x 2 / 1; the
+// filter counts are an eighth of the real trunk's (same geometry, little work).
+std::string tiny_yolo_trunk() {
+  std::string s = "[network]\nwidth=64\nheight=64\nchannels=3\n";
+  for (int i = 0; i < 7; ++i) {
+    s += "[convolution]\nbatch_normalize=1\nfilters=" + std::to_string(2 << i) + "\nsize=3\nactivation=leaky\n";
+    if (i < 6) s += i < 5 ? "[maxpool]\nsize=2\nstride=2\n" : "[maxpool]\nsize=2\nstride=1\n";
   }
-  check_round_trip(kBranchedTrunk, 16, 12, 3);
+  return s;
 }
+
+// A residual trunk: shortcuts over one and two convolutions, one from a larger layer.
+const char* kResidualTrunk =
+    "[network]\nwidth=18\nheight=14\nchannels=3\n"
+    "[convolution]\nfilters=8\nsize=3\nactivation=leaky\n"                       // 0
+    "[convolution]\nfilters=8\nsize=3\nactivation=leaky\n"                       // 1
+    "[shortcut]\nfrom=-2\nactivation=linear\n"                                   // 2
+    "[convolution]\nfilters=8\nsize=3\nstride=2\nactivation=leaky\n"            // 3: 9 x 7
+    "[convolution]\nfilters=8\nsize=1\nactivation=leaky\n"                       // 4
+    "[shortcut]\nfrom=2\nalpha=0.5\nbeta=0.75\nactivation=leaky\n"              // 5: strided from 18 x 14
+    "[avgpool]\n"                                                                 // 6
+    "[softmax]\ngroups=1\n";                                                      // 7
+
+// A branched trunk: route of several inputs, upsample, reorg and concatenation.
+const char* kBranchedTrunk =
+    "[network]\nwidth=16\nheight=12\nchannels=3\n"
+    "[convolution]\nfilters=8\nsize=3\nactivation=leaky\n"                       // 0: 16 x 12 x 8
+    "[maxpool]\nsize=2\nstride=2\n"                                               // 1: 8 x 6 x 8
+    "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"                      // 2: 8 x 6 x 16
+    "[maxpool]\nsize=3\nstride=2\n"                                               // 3: 5 x 4 (pad 1) x 16
+    "[route]\nlayers=-2\n"                                                        // 4: 8 x 6 x 16
+    "[reorg]\nstride=2\n"                                                         // 5: 4 x 3 x 64
+    "[upsample]\nstride=2\n"                                                      // 6: 8 x 6 x 64
+    "[route]\nlayers=-1,2,1\n"                                                    // 7: 8 x 6 x 88
+    "[convolution]\nfilters=4\nsize=1\nactivation=linear\n";                     // 8
 
 // Every layer type of the library in one network, siamese so that the merge has pairs.
 const char* kEveryLayer =
@@ -106,15 +111,23 @@ const char* kEveryLayer =
     "[attention]\nfrom=12\n[dropout]\n[smerge]\nmerge=add\n"                    // 15-17
     "[avgpool]\nsquare=1\n[fconn]\noutput=6\n[softmax]\ngroups=2\nmap=2,4\n";    // 18-20
 
-TEST(MixedNetwork, EveryLayerTypeRoundTrip) {
-  auto net = net_from_text(kEveryLayer, 1, -1);
-  ASSERT_EQ(net->getLayerCount(), 21);
-  const int types[] = {0, 19, 14, 27, 3, 11, 23, 22, 24, 13, 8, 0, 25, 11, 2, 26, 6, 28, 11, 2, 4};
-  for (int i = 0; i < 21; ++i) EXPECT_EQ(net->getLayer(i)->type, types[i]) << i;
-  EXPECT_EQ(net->getLayer(10)->_out_c, 16);
-  EXPECT_EQ(net->getLayer(17)->_batch, 1);
-  EXPECT_EQ(net->getOutputs(), 6);
-  check_round_trip(kEveryLayer, 8, 6, 3, 2);
+TEST(MixedNetwork, TrunksBuildAndRoundTrip) {
+  struct Case {
+    std::string text;
+    int w, h, siamese, layers, outputs;
+  } cases[] = {
+      {tiny_yolo_trunk(), 64, 64, 1, 13, 2 * 2 * 128},
+      {kResidualTrunk, 18, 14, 1, 8, 8},
+      {kBranchedTrunk, 16, 12, 1, 9, 8 * 6 * 4},
+      {kEveryLayer, 8, 6, 2, 21, 6},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    auto net = net_from_text(c.text, 1, -1);
+    EXPECT_EQ(net->getLayerCount(), c.layers);
+    EXPECT_EQ(net->getOutputs(), c.outputs);
+    check_round_trip(c.text, c.w, c.h, 3, c.siamese);
+  }
 }
 
 // Every configuration word of that network's model file replaced by a hostile value: the

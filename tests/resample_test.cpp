@@ -3,6 +3,8 @@
 // Forward against index references on every backend; finite differences of each backward.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "layer_test_util.h"
 
 using namespace orva_test;
@@ -59,26 +61,15 @@ const Case kCases[] = {
     {"[network]\nwidth=5\nheight=3\nchannels=12\n[spresize]\n", 10, 6, 3},
 };
 
-TEST(ResampleForward, MatchesReferenceOnEveryBackend) {
+TEST(Resample, ForwardAndBackwardOnEveryBackend) {
   for (const Case& c : kCases) {
     auto net = net_from_text(c.text, 1, -1);
     const ORVA::Layer* l = net->getLayer(0);
-    EXPECT_EQ(l->_out_w, c.out_w) << c.text;
-    EXPECT_EQ(l->_out_h, c.out_h) << c.text;
-    EXPECT_EQ(l->_out_c, c.out_c) << c.text;
+    EXPECT_EQ(std::make_tuple(l->_out_w, l->_out_h, l->_out_c), std::make_tuple(c.out_w, c.out_h, c.out_c)) << c.text;
     check_forward(c.text, 2, reference_resample, kHalfRounding);
+    // Copies: the loss is linear; the upsample gradient sums stride^2 values in float.
+    check_input_backward(c.text, 2, 0.5f, 1e-2);
   }
-}
-
-TEST(ResampleBackward, MatchesFiniteDifferences) {
-  for (const Case& c : kCases)
-    for (int gpu : test_backends()) {
-      auto net = net_from_text(c.text, 2, gpu, ORVA::TRAIN);
-      const size_t n = (size_t)2 * net->getLayer(0)->_inputs;
-      Buffer<Ftype> dx(net->getHandle(), n);
-      // Copies: the loss is linear; the upsample gradient sums stride^2 values in float.
-      check_backward(*net, 2, {{net->getInput(), dx.get(), n}}, dx.get(), 0.5f, 1e-2);
-    }
 }
 
 }  // namespace

@@ -13,8 +13,6 @@ using namespace orva_test;
 
 namespace {
 
-ORVA::Layer* last_layer(ORVA::Network& net) { return net.getLayer(net.getLayerCount() - 1); }
-
 std::vector<double> reference_route(ORVA::Network& net, int batch) {
   auto* l = static_cast<ORVA::RouteLayer*>(last_layer(net));
   std::vector<double> out;
@@ -99,6 +97,14 @@ std::string siamese_net(const char* merge) {
 }
 
 TEST(RouteForward, EarlierLayersOnEveryBackend) {
+  // The route reference follows the layer's own indexes: check them against the description.
+  auto route = net_from_text(kRoute, 1, -1);
+  auto* r = static_cast<ORVA::RouteLayer*>(route->getLayer(3));
+  EXPECT_EQ(std::vector<int>(r->_lindex, r->_lindex + r->_ln), (std::vector<int>{2, 0, 1}));
+  EXPECT_EQ(r->_out_c, 9);
+  auto merged = net_from_text(siamese_net("concat"), 3, -1);
+  EXPECT_EQ(std::make_pair(merged->getLayer(1)->_batch, merged->getOutputs()), std::make_pair(3, 5 * 3 * 4));
+
   check_forward(kRoute, 2, reference_route, kHalfRounding);
   check_forward(shortcut_down("leaky"), 2, reference_shortcut, kHalfChain);
   check_forward(kShortcutUp, 2, reference_shortcut, kHalfChain);
@@ -106,19 +112,6 @@ TEST(RouteForward, EarlierLayersOnEveryBackend) {
   check_forward(kScalemap, 2, reference_scale, kHalfRounding);
   check_forward(kAttention, 2, reference_scale, kHalfRounding);
   for (const char* merge : {"concat", "add", "sub"}) check_forward(siamese_net(merge), 2, reference_smerge, kHalfRounding);
-}
-
-TEST(RouteForward, ShapesAndIndexes) {
-  auto route = net_from_text(kRoute, 1, -1);
-  auto* r = static_cast<ORVA::RouteLayer*>(route->getLayer(3));
-  EXPECT_EQ(r->_lindex[0], 2);
-  EXPECT_EQ(r->_lindex[1], 0);
-  EXPECT_EQ(r->_lindex[2], 1);
-  EXPECT_EQ(r->_out_c, 9);
-  auto merged = net_from_text(siamese_net("concat"), 3, -1);
-  EXPECT_EQ(merged->getLayer(1)->_batch, 3);
-  EXPECT_EQ(merged->getLayer(1)->_out_c, 4);
-  EXPECT_EQ(merged->getOutputs(), 5 * 3 * 4);
 }
 
 TEST(RouteBackward, MatchesFiniteDifferences) {

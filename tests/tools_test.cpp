@@ -34,6 +34,17 @@ ConfigReader read_cfg(const std::string& text) {
   return r;
 }
 
+// The conversion must fail with a message containing `want`.
+template <typename F>
+void expect_convert_error(F convert, const std::string& want, const std::string& input = "") {
+  try {
+    convert();
+    ADD_FAILURE() << "accepted:\n" << input << "\nwanted: " << want;
+  } catch (const ConvertError& e) {
+    EXPECT_NE(std::string(e.what()).find(want), std::string::npos) << input << " -> " << e.what();
+  }
+}
+
 // ---- face-api manifests ----
 
 // A face detector with few channels: every tensor the mapping reads, in random uint8 bytes,
@@ -179,12 +190,8 @@ TEST(FaceApiConverter, FaultsNameTheFileAndTheTensor) {
   };
   for (const Case& c : cases) {
     const std::string manifest = f.write(c.drop, c.extra);
-    try {
-      orvacli::tinyFaceDetector(orvacli::readWeightsManifest(manifest), c.size, manifest);
-      ADD_FAILURE() << c.expect;
-    } catch (const ConvertError& e) {
-      EXPECT_NE(std::string(e.what()).find(c.expect), std::string::npos) << e.what();
-    }
+    expect_convert_error([&] { orvacli::tinyFaceDetector(orvacli::readWeightsManifest(manifest), c.size, manifest); },
+                         c.expect);
   }
 }
 
@@ -300,24 +307,11 @@ TEST(DarknetImport, FaultsNameTheLineAndTheKey) {
       {"key=1\n[net]\n", "dn.cfg:1: key before the first section"},
       {head + "[convolutional\n", "section header without ']'"},
   };
-  for (const Case& c : cases) {
-    try {
-      convert_darknet(c.text);
-      ADD_FAILURE() << c.expect;
-    } catch (const ConvertError& e) {
-      EXPECT_NE(std::string(e.what()).find(c.expect), std::string::npos) << c.text << " -> " << e.what();
-    }
-  }
+  for (const Case& c : cases) expect_convert_error([&] { convert_darknet(c.text); }, c.expect, c.text);
   // Weights that end early or run long name the weights file.
-  std::vector<float> floats(2 + 2 * 27);
   for (int extra : {-1, 1}) {
-    std::vector<float> w(floats.size() + extra);
-    try {
-      convert_darknet(head + "[convolutional]\nfilters=2\nsize=3\n", &w);
-      ADD_FAILURE() << extra;
-    } catch (const ConvertError& e) {
-      EXPECT_NE(std::string(e.what()).find("dn.weights: "), std::string::npos) << e.what();
-    }
+    const std::vector<float> w(2 + 2 * 27 + extra);
+    expect_convert_error([&] { convert_darknet(head + "[convolutional]\nfilters=2\nsize=3\n", &w); }, "dn.weights: ");
   }
 }
 
@@ -332,14 +326,8 @@ TEST(DarknetImport, EngineBuildsWhatItExpressesExactlyAndRefusesTheRest) {
     const ConvertedModel m = convert_darknet(text, &w);
     const std::string out = temp_path("dn.orva");
     if (side == 9) {
-      try {
-        orvacli::writeModel(m, out);
-        ADD_FAILURE() << "an odd pool was accepted";
-      } catch (const ConvertError& e) {
-        EXPECT_NE(std::string(e.what()).find("[maxpool] (line 10): the engine's layer gives 4 x 4 x 2, the source 5 x 5 x 2"),
-                  std::string::npos)
-            << e.what();
-      }
+      expect_convert_error([&] { orvacli::writeModel(m, out); },
+                           "[maxpool] (line 10): the engine's layer gives 4 x 4 x 2, the source 5 x 5 x 2");
       continue;
     }
     orvacli::writeModel(m, out);

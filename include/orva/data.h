@@ -47,6 +47,32 @@ struct Image {
   float* data = nullptr;
 };
 
+// Rows of floats, one sample per row.
+struct Matrix {
+  int rows = 0, cols = 0;
+  float** vals = nullptr;
+};
+// Zeroed rows x cols in one block.
+Matrix make_matrix(int rows, int cols);
+void free_matrix(Matrix& m);
+
+// One labelled object: class and centre-based box normalised to the image (0..1).
+struct BoxLabel {
+  int id = 0;
+  float x = 0, y = 0, w = 0, h = 0;
+};
+typedef std::vector<BoxLabel> BoxLabelList;
+
+// A block of training samples: X the network inputs, Y the truth rows, boxes the labels
+// each row was made from. shallow: the rows belong to someone else.
+struct TData {
+  int w = 0, h = 0;
+  Matrix X, Y;
+  int shallow = 0;
+  std::vector<BoxLabelList> boxes;
+};
+void free_data(TData& d);
+
 }  // namespace ORVA
 
 // Image and tensor conversion. Bytes are interleaved BGR (OpenCV), tensors planar in [0, 1]

@@ -7,6 +7,7 @@
 #include "orva/image.h"
 #include "orva/networks.h"
 #include "orva/orva.h"
+#include "orva/util.h"
 
 namespace ORVA {
 
@@ -38,6 +39,11 @@ DetectTask::~DetectTask() {
 }
 
 bool DetectTask::process(TaskInput& in) {
+  // Refused here rather than failing later on the worker, where nobody could be told.
+  if (!in.img.empty() && in.img.channels() != _net->iC) {
+    ORVA_ERROR("frame has %d channels, the network takes %d", in.img.channels(), _net->iC);
+    return false;
+  }
   const size_t bound = 2 * (size_t)_net->getBatch();
   {
     // Checked apart from the push so that a dropped frame costs no resize; concurrent
