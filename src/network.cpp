@@ -262,12 +262,16 @@ void Network::_makeNetwork(size_t workspace_size, size_t qinput_size) {
   _output = _omem;
   if (mode == TRAIN) {
     _truths = _loutput ? (_loutput->_truths ? _loutput->_truths : _loutput->_outputs) : 0;
-    if (checked_product({nBatch, _siamese, _truths}, kMaxTensorElements) < 0)
+    // Every cost layer reads truth for its own outputs, which need not be the output layer's.
+    int per_sample = _truths;
+    for (Layer* l : _layers)
+      if (l->type == LAYER_COST) per_sample = std::max(per_sample, l->_outputs);
+    if (checked_product({nBatch, _siamese, per_sample}, kMaxTensorElements) < 0)
       throw std::runtime_error("network: batch " + std::to_string(nBatch) + " x siamese " + std::to_string(_siamese) +
-                               " x truths " + std::to_string(_truths) + " exceeds " +
+                               " x truths " + std::to_string(per_sample) + " exceeds " +
                                std::to_string(kMaxTensorElements));
     // A pass carries batch x siamese samples, and the cost layers read truth for each of them.
-    _truth = static_cast<float*>(calloc((size_t)nBatch * _siamese * _truths + 1, 4));
+    _truth = static_cast<float*>(calloc((size_t)nBatch * _siamese * per_sample + 1, 4));
     if (!_truth) throw std::bad_alloc();
   }
   if (workspace_size) _workspace = cuda_malloc(h, workspace_size);
