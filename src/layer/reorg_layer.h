@@ -1,26 +1,20 @@
 // Space-to-depth by a whole stride, in the channel order that imported models of this layer
 // type were trained with: the tensor primitive blas_reorg, run backwards over the input shape.
 #pragma once
-#include "orva/layer.h"
+#include "layer/resample_layer.h"
 
 namespace ORVA {
 
-class ReorgLayer : public Layer {
+class ReorgLayer : public ResampleLayer {
  public:
-  ReorgLayer(int mode, void* handle) : Layer(mode, handle) {}
+  ReorgLayer(int mode, void* handle) : ResampleLayer(mode, handle) {}
 
-  void parseConfig(ConfigReader& cfg, InputParams& params) override;
-  int loadConfig(FILE* fp, InputParams& params) override;
-  int saveConfig(FILE* fp) override;
-  void resize(InputParams& params) override;
   void forward(NetworkParams& params) override;
   void backward(NetworkParams& params) override;
   void _makeLayer(bool quant, bool fast) override;
 
-  int _stride = 2;
-
  private:
-  void _check(bool from_file) const;
+  void _check(bool from_file) const override;
 };
 
 }  // namespace ORVA

@@ -13,42 +13,6 @@ void UpsizennLayer::_check(bool from_file) const {
                 _batch);
 }
 
-void UpsizennLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
-  _stride = cfg.findInt(params.nsect, "stride", 2, true);
-  Layer::parseConfig(cfg, params);
-  _check(false);
-  _makeLayer(params.quant, params.fast);
-}
-
-int UpsizennLayer::loadConfig(FILE* fp, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
-  Layer::loadConfig(fp, params);
-  chk_fread(&_stride, 4, 1, fp);
-  _check(true);
-  _makeLayer(params.quant, params.fast);
-  return 0;
-}
-
-int UpsizennLayer::saveConfig(FILE* fp) {
-  Layer::saveConfig(fp);
-  chk_fwrite(&_stride, 4, 1, fp);
-  return 0;
-}
-
-void UpsizennLayer::resize(InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _check(false);
-  _makeLayer(params.quant, params.fast);
-}
-
 void UpsizennLayer::_makeLayer(bool quant, bool fast) {
   _out_w = _in_w * _stride;
   _out_h = _in_h * _stride;

@@ -14,42 +14,6 @@ void UpsizespLayer::_check(bool from_file) const {
     LAYER_FAULT(from_file, "spresize: input %d x %d x %d, batch %d too large", _in_w, _in_h, _in_c, _batch);
 }
 
-void UpsizespLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
-  _stride = cfg.findInt(params.nsect, "stride", 2, true);
-  Layer::parseConfig(cfg, params);
-  _check(false);
-  _makeLayer(params.quant, params.fast);
-}
-
-int UpsizespLayer::loadConfig(FILE* fp, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
-  Layer::loadConfig(fp, params);
-  chk_fread(&_stride, 4, 1, fp);
-  _check(true);
-  _makeLayer(params.quant, params.fast);
-  return 0;
-}
-
-int UpsizespLayer::saveConfig(FILE* fp) {
-  Layer::saveConfig(fp);
-  chk_fwrite(&_stride, 4, 1, fp);
-  return 0;
-}
-
-void UpsizespLayer::resize(InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _check(false);
-  _makeLayer(params.quant, params.fast);
-}
-
 void UpsizespLayer::_makeLayer(bool quant, bool fast) {
   _out_w = _in_w * _stride;
   _out_h = _in_h * _stride;
