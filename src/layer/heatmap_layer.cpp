@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "layer/layer_util.h"
 #include "orva/blas.h"
 #include "orva/cuda.h"
 #include "orva/region.h"
@@ -209,12 +210,7 @@ void HeatmapLayer::_trainingPass(int batch, const float* truth) {
       ++count;
     }
   }
-  const float norm = mag_array(_delta_cpu, _batch * _outputs);
-  cost = norm * norm;
-  // The gradient goes to the device tensor here, so that backward finds it whoever runs it.
-  float2half_cpu(_delta_cpu, _delta_stage, (size_t)_batch * _outputs);
-  cuda_push(_gpu_handle, _delta, _delta_stage, (size_t)_batch * _outputs * sizeof(Ftype));
-  cuda_sync(_gpu_handle);
+  cost = layer_publish_gradient(this, _delta_cpu, _delta_stage);
   printf("Class: %.2f, Obj: %.2f, NObj: %f, count: %d\n", class_sum / count, obj_sum / count,
          bg_sum / ((double)W * H * _anchors * _batch), count);
 }

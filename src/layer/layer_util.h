@@ -38,6 +38,18 @@ inline void layer_make_output(Layer* l) {
   if (l->mode) l->_delta = layer_tensor(l->_gpu_handle, n, true);
 }
 
+// A head's loss gradient, computed on the host, goes to the layer's device delta at the end of
+// its forward pass, so that backward finds it whoever runs it; returns the squared norm as
+// the cost. stage holds batch * outputs halves.
+inline float layer_publish_gradient(Layer* l, const float* delta_cpu, Ftype* stage) {
+  const size_t n = (size_t)l->_batch * l->_outputs;
+  const float norm = mag_array(const_cast<float*>(delta_cpu), (int)n);
+  float2half_cpu(delta_cpu, stage, n);
+  cuda_push(l->_gpu_handle, l->_delta, stage, n * sizeof(Ftype));
+  cuda_sync(l->_gpu_handle);
+  return norm * norm;
+}
+
 // Samples in this pass: the caller's count, never more than the layer was built for.
 inline int layer_pass_batch(const NetworkParams& params, int batch) { return std::min(params.batch, batch); }
 

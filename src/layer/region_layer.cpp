@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "layer/layer_util.h"
 #include "orva/blas.h"
 #include "orva/cuda.h"
 #include "orva/networks.h"
@@ -331,12 +332,7 @@ void RegionLayer::_trainingPass(int batch, const float* truth) {
       ++count;
     }
   }
-  const float norm = mag_array(_delta_cpu, _batch * _outputs);
-  cost = norm * norm;
-  // The gradient goes to the device tensor here, so that backward finds it whoever runs it.
-  float2half_cpu(_delta_cpu, _delta_stage, (size_t)_batch * _outputs);
-  cuda_push(_gpu_handle, _delta, _delta_stage, (size_t)_batch * _outputs * sizeof(Ftype));
-  cuda_sync(_gpu_handle);
+  cost = layer_publish_gradient(this, _delta_cpu, _delta_stage);
   printf("%s IOU: %.2f, Class: %.2f, Obj: %.2f, No-Obj: %f, Recall: %.2f, count: %d\n", _statsName(),
          iou_sum / count, class_sum / count, obj_sum / count, bg_sum / ((double)wh * _anchors * _batch),
          (double)recalled / count, count);
