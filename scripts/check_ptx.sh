@@ -42,7 +42,7 @@ scan() {
     END { for (f in fma) print f, fma[f], pairs[f] }' "$1" | sort
 }
 
-sources=$(ls "$root"/src/*.cu "$root"/src/*/*.cu 2>/dev/null || true)
+sources=$(ls "$root"/src/*/*.cu 2>/dev/null || true)
 found=0
 for cu in $sources; do
   base=$(basename "$cu" .cu)

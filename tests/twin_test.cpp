@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "batchnorm_kernel.h"
+#include "kernels/batchnorm_kernel.h"
 #include "harness.h"
 #include "orva/pool.h"
 #include "orva/region.h"

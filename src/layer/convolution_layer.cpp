@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "checked_size.h"
-#include "conv_kernel.h"
+#include "base/checked_size.h"
+#include "kernels/conv_kernel.h"
 #include "orva/blas.h"
 #include "orva/cuda.h"
 #include "orva/util.h"
