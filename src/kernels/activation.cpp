@@ -5,7 +5,7 @@
 #include "kernels/activation_kernel.h"
 #include "backend/backend.h"
 #include "kernels/half_math.h"
-#include "orva/blas.h"
+#include "orva/normalize.h"
 #include "orva/util.h"
 
 namespace {

@@ -1,7 +1,8 @@
-#include "kernels/conv_kernel.h"
+#include "orva/conv.h"
 
 #include "backend/backend.h"
-#include "orva/blas.h"
+#include "kernels/conv_kernel.h"
+#include "orva/quant.h"
 #include "orva/util.h"
 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& shape) { return ORVA_DISPATCH(handle, conv_plan_create, shape); }

@@ -15,7 +15,7 @@
 #include "backend/backend.h"
 #include "kernels/conv_kernel.h"
 #include "kernels/half_math.h"
-#include "orva/blas.h"
+#include "orva/gemm.h"
 #include "orva/util.h"
 
 namespace cpu {

@@ -1,6 +1,6 @@
 // 8-bit quantisation of weights and layer inputs for the convolution layer's 8-bit path.
 #include "backend/backend.h"
-#include "orva/blas.h"
+#include "orva/quant.h"
 #include "orva/util.h"
 #include "kernels/quant_kernel.h"
 
