@@ -15,6 +15,6 @@ void blas_softmax(void* handle, Ftype* input, int batch, int batch_offset, int g
 void blas_softmax2d(void* handle, Ftype* input, int h, int w, Ftype* output);
 void blas_softmax_backward(void* handle, Ftype* output, Ftype* delta, int n, Ftype* odelta);
 void blas_softmax2d_backward(void* handle, Ftype* output, Ftype* delta, int h, int w, Ftype* odelta);
-// Traps kept for old callers: both end the process with status 1.
+// Kept for old callers: both throw std::runtime_error.
 void softmax_device();
 void softmax_device(Ftype* input, int n, Ftype* output);
