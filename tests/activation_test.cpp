@@ -19,7 +19,7 @@ using orva_test::NearL2;
 using orva_test::Tensor;
 
 // The ids with a function; the others are free slots.
-const int kIds[] = {0, 1, 2, 3, 5, 7, 8, 9, 11, 13, 14, 15};
+const int kIds[] = {0, 1, 2, 3, 5, 7, 8, 9, 11, 13, 14, 15, 16};
 
 // The slopes of "relie" and "leaky" are the half constants 0x211F and 0x2E66.
 const double kRelieSlope = 0.01000213623046875;
@@ -41,6 +41,7 @@ double ref_activate(int type, double x) {
     case 13: return x > 0 ? (x > 6 ? 6 : x) : 0;
     case 14: return x > 0 ? (x > 10 ? 10 : x) : 0;
     case 15: return x * std::tanh(ref_softplus(x));
+    case 16: return x / (1 + std::exp(-x));
   }
   return NAN;
 }
@@ -65,21 +66,25 @@ double ref_gradient(int type, double y) {
       const double sp = ref_softplus(y), t = std::tanh(sp);
       return y * (t + (1 - t * t) * (1 - std::exp(-sp)));
     }
+    case 16: {
+      const double s = 1 / (1 + std::exp(-y));
+      return s + y * s * (1 - s);
+    }
   }
   return NAN;
 }
 
 TEST(ActivationType, NamesAndIdsFollowTheTable) {
   const char* names[] = {"logistic", "relu", "relie", "linear", "tanh", "leaky",
-                         "elu", "loggy", "hardtan", "relu6", "relu10", "mish"};
-  for (size_t k = 0; k < 12; ++k) EXPECT_EQ(ActivationType::type(names[k]), kIds[k]) << names[k];
+                         "elu", "loggy", "hardtan", "relu6", "relu10", "mish", "swish"};
+  for (size_t k = 0; k < 13; ++k) EXPECT_EQ(ActivationType::type(names[k]), kIds[k]) << names[k];
   EXPECT_EQ(ActivationType::type("Leaky"), -1);
   EXPECT_EQ(ActivationType::type("relu "), -1);
   EXPECT_EQ(ActivationType::type(""), -1);
   EXPECT_EQ(ActivationType::type(nullptr), -1);
 
   int handle_dummy = 0;
-  for (int id = -1; id <= 16; ++id) {
+  for (int id = -1; id <= 17; ++id) {
     std::unique_ptr<Activation> a(ActivationType::create(id, &handle_dummy));
     const bool named = std::find(std::begin(kIds), std::end(kIds), id) != std::end(kIds);
     ASSERT_EQ(a != nullptr, named) << "id " << id;

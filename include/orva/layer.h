@@ -132,6 +132,9 @@ enum LayerTypeId {
   LAYER_QREGION = 29,
   LAYER_HEATMAP = 30,
   LAYER_DETOBJ = 31,
+  LAYER_YOLO = 32,
+  LAYER_CMAXPOOL = 35,
+  LAYER_GROUTE = 36,
 };
 
 // Per-channel normalisation owned by a layer: normalises the layer's output, scales it and

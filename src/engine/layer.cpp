@@ -25,6 +25,7 @@
 #include "layer/softmax_layer.h"
 #include "layer/upsizenn_layer.h"
 #include "layer/upsizesp_layer.h"
+#include "layer/yolo_layer.h"
 #include "orva/cuda.h"
 #include "orva/orva.h"
 #include "orva/util.h"
@@ -100,6 +101,10 @@ const RegistryEntry kRegistry[] = {
     {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
     {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
     {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},
+    {"yolo", LAYER_YOLO, make_layer<YoloLayer>},
+    // Stored ids of [maxpool] with centred=1 and of [route] with groups > 1.
+    {"cmaxpool", LAYER_CMAXPOOL, make_layer<MaxpoolLayer>},
+    {"groute", LAYER_GROUTE, make_layer<RouteLayer>},
 };
 }  // namespace
 

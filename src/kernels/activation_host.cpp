@@ -50,6 +50,11 @@ _half mish_activate(_half x) {
   return f2h(v * tanh_float(softplus(v)));
 }
 
+_half swish_activate(_half x) {
+  const float v = h2f(x);
+  return f2h(v / (1.f + fast_exp(-v)));
+}
+
 _half logistic_gradient(_half y) { return hmul(hsub(fp_1, y), y); }
 _half relu_gradient(_half y) { return select(hgt(y, fp_0)); }
 _half relie_gradient(_half y) { return hgt(y, fp_0) ? fp_1 : fp_0_01; }
@@ -71,16 +76,25 @@ _half mish_gradient(_half y) {
   return hmul(y, f2h(bracket));
 }
 
+// Taken at x = y, exact where the output is positive and large, as for mish.
+_half swish_gradient(_half y) {
+  const float v = h2f(y);
+  const float s = 1.f / (1.f + fast_exp(-v));
+  const float vs = v * s;
+  const float slope = vs * (1.f - s);
+  return f2h(s + slope);
+}
+
 using ValueFn = _half (*)(_half);
 
 const ValueFn activate_func[kActivationSlots] = {
     logistic_activate, relu_activate,    relie_activate, linear_activate, nullptr,         tanh_activate,
     nullptr,           leaky_activate,   elu_activate,   loggy_activate,  nullptr,         hardtan_activate,
-    nullptr,           relu6_activate,   relu10_activate, mish_activate};
+    nullptr,           relu6_activate,   relu10_activate, mish_activate, swish_activate};
 const ValueFn gradient_func[kActivationSlots] = {
     logistic_gradient, relu_gradient,    relie_gradient, linear_gradient, nullptr,         tanh_gradient,
     nullptr,           leaky_gradient,   elu_gradient,   loggy_gradient,  nullptr,         hardtan_gradient,
-    nullptr,           relu6_gradient,   relu10_gradient, mish_gradient};
+    nullptr,           relu6_gradient,   relu10_gradient, mish_gradient, swish_gradient};
 
 // Loops are instantiated per function so the per-value code inlines; the tables above serve
 // single values only.
@@ -225,6 +239,7 @@ bool with_functions(int type, Args... args) {
     case 13: Op<relu6_activate, relu6_gradient>::run(args...); return true;
     case 14: Op<relu10_activate, relu10_gradient>::run(args...); return true;
     case 15: Op<mish_activate, mish_gradient>::run(args...); return true;
+    case 16: Op<swish_activate, swish_gradient>::run(args...); return true;
     default: return false;
   }
 }

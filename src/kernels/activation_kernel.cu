@@ -68,6 +68,11 @@ __device__ __half mish_activate(__half x) {
   return __float2half_rn(v * tanh_float(softplus(v)));
 }
 
+__device__ __half swish_activate(__half x) {
+  const float v = __half2float(x);
+  return __float2half_rn(v / (1.f + fast_exp(-v)));
+}
+
 __device__ __half logistic_gradient(__half y) { return hmul(hsub(h_1(), y), y); }
 __device__ __half relu_gradient(__half y) { return select(__hgt(y, h_0())); }
 __device__ __half relie_gradient(__half y) { return __hgt(y, h_0()) ? h_1() : h_0_01(); }
@@ -89,17 +94,24 @@ __device__ __half mish_gradient(__half y) {
   return hmul(y, __float2half_rn(bracket));
 }
 
+// Taken at x = y, exact where the output is positive and large, as for mish.
+__device__ __half swish_gradient(__half y) {
+  const float v = __half2float(y);
+  const float s = 1.f / (1.f + fast_exp(-v));
+  return __float2half_rn(__fadd_rn(s, __fmul_rn(__fmul_rn(v, s), __fsub_rn(1.f, s))));
+}
+
 using ValueFn = __half (*)(__half);
 
 // Indexed by activation id; the free ids stay null and are never launched.
 __device__ ValueFn activate_func[kActivationSlots] = {
     logistic_activate, relu_activate,  relie_activate, linear_activate, nullptr,         tanh_activate,
     nullptr,           leaky_activate, elu_activate,   loggy_activate,  nullptr,         hardtan_activate,
-    nullptr,           relu6_activate, relu10_activate, mish_activate};
+    nullptr,           relu6_activate, relu10_activate, mish_activate, swish_activate};
 __device__ ValueFn gradient_func[kActivationSlots] = {
     logistic_gradient, relu_gradient,  relie_gradient, linear_gradient, nullptr,         tanh_gradient,
     nullptr,           leaky_gradient, elu_gradient,   loggy_gradient,  nullptr,         hardtan_gradient,
-    nullptr,           relu6_gradient, relu10_gradient, mish_gradient};
+    nullptr,           relu6_gradient, relu10_gradient, mish_gradient, swish_gradient};
 
 __global__ void activate_kernel(int type, __half* x, int n) {
   const size_t i = ORVA_INDEX();
