@@ -373,21 +373,26 @@ TEST(TfjsImport, SmallGraphMatchesItsFloat64Evaluation) {
 
 TEST(TfjsImport, FaultsNameTheNodeOrTensor) {
   const GraphBuilder g = small_graph();
+  auto named = [](json& d, const char* name) -> json& {
+    for (json& n : d["modelTopology"]["node"])
+      if (n["name"] == name) return n;
+    throw std::runtime_error(name);
+  };
   struct Case {
     std::function<void(json&, std::vector<unsigned char>&)> edit;
     const char* want;
   };
   const Case cases[] = {
-      {[](json& d, std::vector<unsigned char>&) { d["modelTopology"]["node"][5]["op"] = "Softplus"; },
-       "(Softplus): the engine has no layer"},
+      {[&](json& d, std::vector<unsigned char>&) { named(d, "up")["op"] = "Softplus"; },
+       "node 'up' (Softplus): the engine has no layer"},
       {[](json& d, std::vector<unsigned char>& b) { b.pop_back(); }, "end inside it"},
       {[](json& d, std::vector<unsigned char>& b) { b.push_back(0); }, "bytes more than their tensors"},
       {[](json& d, std::vector<unsigned char>&) { d["weightsManifest"][0]["weights"][0]["dtype"] = "string"; },
        "tensor 'c0/w': dtype string"},
-      {[](json& d, std::vector<unsigned char>&) { d["weightsManifest"][0]["weights"][0]["shape"] = {3, 2, 3, 8}; },
+      {[](json& d, std::vector<unsigned char>&) { d["weightsManifest"][0]["weights"][0]["shape"] = {2, 3, 3, 12}; },
        "kernels are square"},
       {[](json& d, std::vector<unsigned char>&) { d.erase("weightsManifest"); }, "not a TF.js graph model"},
-      {[](json& d, std::vector<unsigned char>&) { d["modelTopology"]["node"][3]["input"] = {"nowhere", "c0/w", "c0/b"}; },
+      {[&](json& d, std::vector<unsigned char>&) { named(d, "cat")["input"][0] = "nowhere"; },
        "no node 'nowhere'"},
   };
   for (const Case& c : cases) {
@@ -405,6 +410,15 @@ TEST(TfjsImport, FaultsNameTheNodeOrTensor) {
                                      "g.json"),
                ConvertError);
   EXPECT_THROW(orvacli::tfjsToEngine(temp_path("absent/model.json")), ConvertError);
+  // The manifest names a weight file that is not beside it.
+  const std::string lone = temp_path("lone.json");
+  orva_test::write_file(lone, g.doc("in", 16).dump());
+  try {
+    orvacli::tfjsToEngine(lone);
+    ADD_FAILURE() << "accepted a missing weight file";
+  } catch (const ConvertError& e) {
+    EXPECT_NE(std::string(e.what()).find("g.bin can't be opened"), std::string::npos) << e.what();
+  }
 }
 
 // The fetched model on frame 100 of the street video, stretched to 512 x 512: the heat maps
