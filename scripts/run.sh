@@ -79,7 +79,9 @@ else
   [ $has_thresh -eq 1 ] || defaults+=(-t 0.3)
   [ $has_track -eq 1 ] || defaults+=(--track)
 fi
-[ $has_model -eq 1 ] || defaults+=(-m "$model")
+# Paths under the caller's folder are shown relative to it in the output.
+rel() { case "$1" in "$PWD"/*) echo "${1#"$PWD"/}" ;; *) echo "$1" ;; esac; }
+[ $has_model -eq 1 ] || defaults+=(-m "$(rel "$model")")
 [ $has_out -eq 1 ] || defaults+=(-o "${ORVA_OUT:-out}")
-[ $has_source -eq 1 ] || set -- "$@" "$source"
+[ $has_source -eq 1 ] || set -- "$@" "$(rel "$source")"
 exec "$orva" detect "${defaults[@]}" "$@"
