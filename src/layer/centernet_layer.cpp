@@ -25,10 +25,7 @@ void CenternetLayer::_check(bool from_file) const {
 }
 
 void CenternetLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
+  _takeInput(params);
   const int ns = params.nsect;
   _classes = cfg.findInt(ns, "classes", 80, true);
   _stride = cfg.findInt(ns, "stride", 4, true);
@@ -41,10 +38,7 @@ void CenternetLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
 }
 
 int CenternetLayer::loadConfig(FILE* fp, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
+  _takeInput(params);
   int rec[4];
   chk_fread(rec, 4, 4, fp);
   chk_fread(&_scale, 4, 1, fp);
@@ -73,12 +67,10 @@ void CenternetLayer::resize(InputParams& params) {
 }
 
 void CenternetLayer::_makeLayer(bool quant, bool fast) {
-  _out_w = _in_w;
-  _out_h = _in_h;
-  _out_c = _in_c;
-  _inputs = _outputs = _in_w * _in_h * _in_c;
-  layer_make_output(this);
-  ORVA_MSG(INFO, "centernet %5d classes x%d  %4d x%4d x%4d\n", _classes, _stride, _in_w, _in_h, _in_c);
+  DetectionHead::_freeLayer();
+  char summary[96];
+  snprintf(summary, sizeof summary, "centernet %5d classes x%d  %4d x%4d x%4d", _classes, _stride, _in_w, _in_h, _in_c);
+  _makeHead(_in_c, 0, summary);
 }
 
 void CenternetLayer::forward(NetworkParams& params) {
@@ -88,7 +80,7 @@ void CenternetLayer::forward(NetworkParams& params) {
   for (int b = 0; b < batch; ++b) activation_forward(_gpu_handle, 0, _output + (size_t)b * _outputs, maps);
 }
 
-void CenternetLayer::getRegionBox(const float* output, float thresh, float* probs, int* classes, BBox* boxes) const {
+void CenternetLayer::getRegionBox(float* output, float thresh, float* probs, int* classes, BBox* boxes) {
   const int w = _in_w, h = _in_h, plane = w * h, r = _peak / 2;
   struct Peak {
     float score;

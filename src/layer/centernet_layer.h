@@ -6,37 +6,34 @@
 // (stride i - scale l, stride j - scale t, stride i + scale r, stride j + scale b) for the cell
 // in column i, row j. It is an inference head: backward passes no gradient.
 #pragma once
-#include "orva/data.h"
-#include "orva/layer.h"
+#include "layer/detection_head.h"
 
 namespace ORVA {
 
-class CenternetLayer : public Layer {
+class CenternetLayer : public DetectionHead {
  public:
-  CenternetLayer(int mode, void* handle) : Layer(mode, handle) {}
+  CenternetLayer(int mode, void* handle) : DetectionHead(mode, handle) { _classes = 80; }
 
   void parseConfig(ConfigReader& cfg, InputParams& params) override;
   int loadConfig(FILE* fp, InputParams& params) override;
-  int loadWeight(FILE* fp, bool quant) override { return 0; }
   int saveConfig(FILE* fp) override;
-  int saveWeight(FILE* fp) override { return 0; }
   void resize(InputParams& params) override;
   void forward(NetworkParams& params) override;
-  void backward(NetworkParams& params) override {}
-  void update(int batch, float rate, float momentum, float decay) override {}
   void _makeLayer(bool quant, bool fast) override;
 
   // One image's output (host floats) into topk candidates, best first: normalised centre
   // boxes, scores and classes; slots past the last peak above thresh get score 0.
-  void getRegionBox(const float* output, float thresh, float* probs, int* classes, BBox* boxes) const;
-  int getRegionOutputNum() const { return _topk; }
-  int getClassNum() const { return _classes; }
+  void getRegionBox(float* output, float thresh, float* probs, int* classes, BBox* boxes) override;
+  int getRegionOutputNum() override { return _topk; }
 
-  int _classes = 80;
   int _stride = 4;
   int _peak = 3;
   int _topk = 100;
   float _scale = 1;
+
+ protected:
+  // No loss: nothing reaches the layers below.
+  void _activateGradient() override {}
 
  private:
   void _check(bool from_file) const;

@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "layer/centernet_layer.h"
-#include "layer/region_layer.h"
+#include "layer/detection_head.h"
 #include "orva/networks.h"
 #include "orva/util.h"
 
@@ -17,19 +16,8 @@ constexpr float kDefaultThresh = 0.3f;
 constexpr float kDefaultNms = 0.4f;
 constexpr float kMinThresh = 0.001f;
 
-RegionLayer* region_of(Network* net) { return static_cast<RegionLayer*>(net->getOutputLayer()); }
-CenternetLayer* centernet_of(Network* net) {
-  Layer* top = net->getOutputLayer();
-  return top && top->type == LAYER_CENTERNET ? static_cast<CenternetLayer*>(top) : nullptr;
-}
-// The head's candidates of one image: the anchor heads decode every cell, the CenterNet head
-// its best peaks.
-void head_boxes(Network* net, const float* output, float thresh, float* prob, int* cid, BBox* box) {
-  if (CenternetLayer* c = centernet_of(net))
-    c->getRegionBox(output, thresh, prob, cid, box);
-  else
-    region_of(net)->getRegionBox(const_cast<float*>(output), thresh, prob, cid, box);
-}
+// Every head a detect network accepts decodes boxes through the shared base.
+DetectionHead* region_of(Network* net) { return static_cast<DetectionHead*>(net->getOutputLayer()); }
 }  // namespace
 
 DetectNetwork::~DetectNetwork() { _freeDetect(); }
@@ -57,7 +45,7 @@ void DetectNetwork::_makeDetect() {
   if (type != LAYER_REGION && type != LAYER_QREGION && type != LAYER_DETOBJ && type != LAYER_CENTERNET)
     ORVA_FATAL("top layer is not LayerType::Region");
   _freeDetect();
-  _gridsz = centernet_of(this) ? centernet_of(this)->getRegionOutputNum() : region_of(this)->getRegionOutputNum();
+  _gridsz = region_of(this)->getRegionOutputNum();
   const size_t n = (size_t)_gridsz * nBatch;
   _prob = static_cast<float*>(calloc(n, sizeof(float)));
   _cid = static_cast<int*>(calloc(n, sizeof(int)));
@@ -76,10 +64,7 @@ void DetectNetwork::_freeDetect() {
   _gridsz = 0;
 }
 
-int DetectNetwork::getClassNum() {
-  if (!_gridsz) return 0;
-  return centernet_of(this) ? centernet_of(this)->getClassNum() : region_of(this)->getClassNum();
-}
+int DetectNetwork::getClassNum() { return _gridsz ? region_of(this)->getClassNum() : 0; }
 
 void DetectNetwork::setParameter(unsigned int key, float thresh, float nms) {
   _thresh[key] = std::max(thresh, kMinThresh);
@@ -105,7 +90,7 @@ void DetectNetwork::_detectOne(const float* output, int k, DetectObjList& objs, 
   int* cid = _cid + o;
   int* rank = _rank + o;
   BBox* box = _box + o;
-  head_boxes(this, output, thresh, prob, cid, box);
+  region_of(this)->getRegionBox(const_cast<float*>(output), thresh, prob, cid, box);
   if (nms > 0)
     box_nms(box, prob, rank, _gridsz, nms, thresh);
   else
@@ -153,7 +138,7 @@ void DetectNetwork::_heatmapOne(const float* output, int k, cv::Mat& map, int ci
   float* prob = _prob + o;
   int* cls = _cid + o;
   BBox* box = _box + o;
-  head_boxes(this, output, thresh, prob, cls, box);
+  region_of(this)->getRegionBox(const_cast<float*>(output), thresh, prob, cls, box);
   for (int i = 0; i < _gridsz; ++i) {
     if (!(prob[i] > thresh) || cls[i] != cid) continue;
     const int row = (int)(map.rows * box[i].y), col = (int)(map.cols * box[i].x);
