@@ -41,7 +41,8 @@ void DetectNetwork::resize(int w, int h) {
 void DetectNetwork::_makeDetect() {
   Layer* top = getOutputLayer();
   const int type = top ? top->type : -1;
-  if (type != LAYER_REGION && type != LAYER_QREGION && type != LAYER_DETOBJ && type != LAYER_YOLO)
+  if (type != LAYER_REGION && type != LAYER_QREGION && type != LAYER_DETOBJ && type != LAYER_YOLO &&
+      type != LAYER_CENTERNET)
     ORVA_FATAL("top layer is not LayerType::Region");
   _freeDetect();
   size_t pulled = 0;
