@@ -16,7 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include <opencv2/imgproc.hpp>
 
 #include "orva/networks.h"
 #include "orva/orva.h"
@@ -157,9 +156,19 @@ struct Running {
   std::vector<GQuark> names;  // roi_type of each class
   std::unique_ptr<ORVA::Tracker> tracker;
   GstVideoInfo info;
-  cv::Mat bgr;  // converted frame, reused from frame to frame
-  cv::Mat yuv;  // I420 planes made contiguous
+  // Formats other than BGR: converted into one BGR buffer, reused from frame to frame.
+  GstVideoConverter* converter = nullptr;
+  GstVideoInfo bgr_info;
+  GstBuffer* bgr_buffer = nullptr;
   ORVA::DetectObjList objs;
+
+  void dropConverter() {
+    if (converter) gst_video_converter_free(converter);
+    if (bgr_buffer) gst_buffer_unref(bgr_buffer);
+    converter = nullptr;
+    bgr_buffer = nullptr;
+  }
+  ~Running() { dropConverter(); }
 };
 
 std::vector<std::string> readNames(const std::string& path) {
@@ -292,45 +301,37 @@ static gboolean orva_detect_set_caps(GstBaseTransform* trans, GstCaps* incaps, G
   if (!self->run) return FALSE;
   GstVideoInfo info;
   if (!gst_video_info_from_caps(&info, incaps)) return FALSE;
-  const GstVideoFormat f = GST_VIDEO_INFO_FORMAT(&info);
-  if ((f == GST_VIDEO_FORMAT_NV12 || f == GST_VIDEO_FORMAT_I420) &&
-      (GST_VIDEO_INFO_WIDTH(&info) % 2 || GST_VIDEO_INFO_HEIGHT(&info) % 2)) {
-    GST_WARNING_OBJECT(self, "%s frames of odd size %dx%d are not taken", gst_video_format_to_string(f),
-                       GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info));
-    return FALSE;
+  Running& r = *self->run;
+  r.dropConverter();
+  if (GST_VIDEO_INFO_FORMAT(&info) != GST_VIDEO_FORMAT_BGR) {
+    gst_video_info_set_format(&r.bgr_info, GST_VIDEO_FORMAT_BGR, GST_VIDEO_INFO_WIDTH(&info),
+                              GST_VIDEO_INFO_HEIGHT(&info));
+    const guint threads = std::min(4u, g_get_num_processors());
+    r.converter = gst_video_converter_new(
+        &info, &r.bgr_info, gst_structure_new("config", GST_VIDEO_CONVERTER_OPT_THREADS, G_TYPE_UINT, threads, nullptr));
+    r.bgr_buffer = gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&r.bgr_info), nullptr);
+    if (!r.converter || !r.bgr_buffer) {
+      r.dropConverter();
+      GST_WARNING_OBJECT(self, "no conversion from %s to BGR", gst_video_format_to_string(GST_VIDEO_INFO_FORMAT(&info)));
+      return FALSE;
+    }
   }
   self->run->info = info;
   return TRUE;
 }
 
-// The frame as 8-bit BGR: the mapped pixels themselves for BGR, else a converted copy.
+// The frame as 8-bit BGR: the mapped pixels themselves for BGR, else the converter's output,
+// which follows the stream's colorimetry (full-range JPEG, BT.709 HD video and so on).
 static cv::Mat to_bgr(GstVideoFrame& f, Running& r) {
   const int w = GST_VIDEO_FRAME_WIDTH(&f), h = GST_VIDEO_FRAME_HEIGHT(&f);
-  auto plane = [&](int i, int rows, int cols, int type) {
-    return cv::Mat(rows, cols, type, GST_VIDEO_FRAME_PLANE_DATA(&f, i), GST_VIDEO_FRAME_PLANE_STRIDE(&f, i));
-  };
-  switch (GST_VIDEO_FRAME_FORMAT(&f)) {
-    case GST_VIDEO_FORMAT_BGR: return plane(0, h, w, CV_8UC3);
-    case GST_VIDEO_FORMAT_BGRx: cv::cvtColor(plane(0, h, w, CV_8UC4), r.bgr, cv::COLOR_BGRA2BGR); break;
-    case GST_VIDEO_FORMAT_RGB: cv::cvtColor(plane(0, h, w, CV_8UC3), r.bgr, cv::COLOR_RGB2BGR); break;
-    case GST_VIDEO_FORMAT_NV12:
-      cv::cvtColorTwoPlane(plane(0, h, w, CV_8UC1), plane(1, h / 2, w / 2, CV_8UC2), r.bgr, cv::COLOR_YUV2BGR_NV12);
-      break;
-    case GST_VIDEO_FORMAT_I420: {
-      // Y, then U and V each (w / 2) x (h / 2), back to back as the conversion wants them.
-      r.yuv.create(h * 3 / 2, w, CV_8UC1);
-      plane(0, h, w, CV_8UC1).copyTo(r.yuv.rowRange(0, h));
-      uchar* dst = r.yuv.ptr(h);
-      for (int p = 1; p <= 2; ++p) {
-        cv::Mat chroma = plane(p, h / 2, w / 2, CV_8UC1);
-        for (int y = 0; y < h / 2; ++y, dst += w / 2) memcpy(dst, chroma.ptr(y), w / 2);
-      }
-      cv::cvtColor(r.yuv, r.bgr, cv::COLOR_YUV2BGR_I420);
-      break;
-    }
-    default: r.bgr.release();
-  }
-  return r.bgr;
+  if (!r.converter)
+    return cv::Mat(h, w, CV_8UC3, GST_VIDEO_FRAME_PLANE_DATA(&f, 0), GST_VIDEO_FRAME_PLANE_STRIDE(&f, 0));
+  GstVideoFrame out;
+  if (!gst_video_frame_map(&out, &r.bgr_info, r.bgr_buffer, GST_MAP_WRITE)) return cv::Mat();
+  gst_video_converter_frame(r.converter, &f, &out);
+  cv::Mat m(h, w, CV_8UC3, GST_VIDEO_FRAME_PLANE_DATA(&out, 0), GST_VIDEO_FRAME_PLANE_STRIDE(&out, 0));
+  gst_video_frame_unmap(&out);  // the buffer's memory stays: it is ours and lives until the caps change
+  return m;
 }
 
 static GstFlowReturn orva_detect_transform_ip(GstBaseTransform* trans, GstBuffer* buf) {
@@ -346,6 +347,11 @@ static GstFlowReturn orva_detect_transform_ip(GstBaseTransform* trans, GstBuffer
     return GST_FLOW_ERROR;
   }
   const cv::Mat bgr = to_bgr(frame, *r);
+  if (bgr.empty()) {
+    gst_video_frame_unmap(&frame);
+    GST_ELEMENT_ERROR(self, STREAM, FAILED, ("can't map the converted frame"), (nullptr));
+    return GST_FLOW_ERROR;
+  }
   r->detector->detect(r->key, r->tick++, bgr, r->objs);
   gst_video_frame_unmap(&frame);
 
