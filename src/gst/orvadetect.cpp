@@ -306,6 +306,11 @@ static gboolean orva_detect_set_caps(GstBaseTransform* trans, GstCaps* incaps, G
   if (GST_VIDEO_INFO_FORMAT(&info) != GST_VIDEO_FORMAT_BGR) {
     gst_video_info_set_format(&r.bgr_info, GST_VIDEO_FORMAT_BGR, GST_VIDEO_INFO_WIDTH(&info),
                               GST_VIDEO_INFO_HEIGHT(&info));
+    // The converter wants the two sides alike in everything but format and colorimetry.
+    GST_VIDEO_INFO_FPS_N(&r.bgr_info) = GST_VIDEO_INFO_FPS_N(&info);
+    GST_VIDEO_INFO_FPS_D(&r.bgr_info) = GST_VIDEO_INFO_FPS_D(&info);
+    GST_VIDEO_INFO_PAR_N(&r.bgr_info) = GST_VIDEO_INFO_PAR_N(&info);
+    GST_VIDEO_INFO_PAR_D(&r.bgr_info) = GST_VIDEO_INFO_PAR_D(&info);
     const guint threads = std::min(4u, g_get_num_processors());
     r.converter = gst_video_converter_new(
         &info, &r.bgr_info, gst_structure_new("config", GST_VIDEO_CONVERTER_OPT_THREADS, G_TYPE_UINT, threads, nullptr));
