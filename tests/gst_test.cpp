@@ -317,6 +317,14 @@ TEST(GstDetect, BadPropertiesFailTheStateChange) {
   SKIP_WITHOUT_GST();
   const std::string text = TempDir::path() + "not_a_model.orva";
   write_file(text, "[network]\nthis is not a model file\n");
+  // A classifier: a fault the library treats as fatal, which must not end the process here.
+  const std::string cls_cfg = temp_path("classifier.cfg"), classifier = TempDir::path() + "classifier.orva";
+  write_file(cls_cfg, "[network]\nwidth=4\nheight=4\nchannels=3\n[convolution]\nfilters=2\nsize=1\n[softmax]\n");
+  {
+    ORVA::Network net(ORVA::TEST, 1, -1);
+    ASSERT_EQ(net.load(cls_cfg.c_str(), nullptr), 0);
+    net.save(classifier.c_str());
+  }
   const std::string m = "orvadetect name=d gpu=-1 model=" + model_path();
   const struct {
     std::string element, property;
@@ -324,6 +332,7 @@ TEST(GstDetect, BadPropertiesFailTheStateChange) {
       {"orvadetect name=d", "model"},
       {"orvadetect name=d model=/nonexistent/x.orva", "model"},
       {"orvadetect name=d model=" + text, "model"},
+      {"orvadetect name=d gpu=-1 model=" + classifier, "model"},
       {m + " threshold=2", "threshold"},
       {m + " nms=-0.5", "nms"},
       {m + " batch=0", "batch"},
