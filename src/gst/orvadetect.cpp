@@ -29,6 +29,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// The detect task with a wait for results: on the task's own signal instead of polling.
+class WaitingDetectTask : public ORVA::DetectTask {
+ public:
+  using DetectTask::DetectTask;
+  // Returns once a result is waiting or `limit` has passed; takes nothing.
+  void waitForResult(std::chrono::microseconds limit) {
+    std::unique_lock<std::mutex> lock(_omutex);
+    _ocv.wait_for(lock, limit, [this] { return !_qoutput.empty(); });
+  }
+};
+
 // One network and its detect task, shared by every orvadetect of the process that names the
 // same model file, batch and device. Each instance is one source key of the task (its own
 // threshold and suppression) and has at most one frame in flight; results of all instances
@@ -57,7 +68,7 @@ class SharedDetector {
     if (error.empty() && d->_net.iC != 3)
       error = "the network takes " + std::to_string(d->_net.iC) + " channels; colour frames need 3";
     if (!error.empty()) return nullptr;
-    d->_task = std::make_unique<ORVA::DetectTask>(&d->_net);
+    d->_task = std::make_unique<WaitingDetectTask>(&d->_net);
     slot = d;
     return d;
   }
@@ -112,7 +123,9 @@ class SharedDetector {
           return;
         }
       }
-      std::this_thread::sleep_for(std::chrono::microseconds(50));
+      // Bounded: with several instances waiting, the one woken may take another's result
+      // into its mailbox while that one sleeps on.
+      _task->waitForResult(std::chrono::microseconds(1000));
     }
   }
 
@@ -129,7 +142,7 @@ class SharedDetector {
   }
 
   ORVA::DetectNetwork _net;
-  std::unique_ptr<ORVA::DetectTask> _task;
+  std::unique_ptr<WaitingDetectTask> _task;
   std::mutex _m;
   std::condition_variable _cv;
   bool _joining = false;  // a new key is being set up: no new frames meanwhile
