@@ -10,6 +10,10 @@ pkgs=(cmake g++ make pkg-config ccache libopencv-dev libtbb-dev libopenblas-dev
       python3-matplotlib)  # training curves
 # the orva program: argument parsing and JSON
 pkgs+=(libcli11-dev nlohmann-json3-dev)
+# the GStreamer elements (src/gst) and their tests: videotestsrc, videoconvert, appsrc/appsink,
+# jpegdec and the MP4 muxer
+pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base
+       gstreamer1.0-plugins-good)
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 apt_install() {
