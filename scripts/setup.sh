@@ -98,16 +98,18 @@ fetch_coco_model() {
 fetch_coco_model
 
 # OpenCV's pedestrian sample video (768 x 576, 795 frames) from the Debian package
-# opencv-doc: downloaded, not installed; only models/vtest.avi is kept.
+# opencv-doc: downloaded, not installed; only models/vtest.avi is taken out of it.
 fetch_street_video() {
   local dest="$root/models/vtest.avi"
   [ -f "$dest" ] && return 0
   local tmp
   tmp=$(mktemp -d)
   if (cd "$tmp" && apt-get download opencv-doc >/dev/null 2>&1); then
-    dpkg -x "$tmp"/opencv-doc_*.deb "$tmp/x"
+    # Only the one file leaves the package (dpkg -x would unpack all of it).
+    local member=./usr/share/doc/opencv-doc/examples/data/vtest.avi
+    dpkg-deb --fsys-tarfile "$tmp"/opencv-doc_*.deb | tar -x -C "$tmp" "$member"
     mkdir -p "$root/models"
-    mv "$tmp/x/usr/share/doc/opencv-doc/examples/data/vtest.avi" "$dest"
+    mv "$tmp/$member" "$dest"
   else
     echo "setup: apt-get download opencv-doc failed; no street video" >&2
   fi
