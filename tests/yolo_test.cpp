@@ -472,3 +472,45 @@ INSTANTIATE_TEST_SUITE_P(Shapes, YoloFamilies,
                          });
 
 }  // namespace
+
+namespace {
+
+// Two heads at two scales learn squares of two sizes through the training loop: each truth
+// trains only the head whose anchor of the whole list fits it best, so both heads' losses
+// must fall for the total to fall this far.
+TEST(YoloHead, TwoHeadDetectorLossFallsInTheTrainingLoop) {
+  const std::string cfg = temp_path("yolo_train.cfg");
+  orva_test::write_file(cfg,
+                        "[network]\nwidth=16\nheight=16\nchannels=1\n"
+                        "[train]\nbatch=8\nlearning_rate=0.02\nmomentum=0.9\ndecay=0.0005\nburn_in=1\n"
+                        "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"
+                        "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
+                        "[yolo]\nclasses=2\nnum=4\nmask=0,1\nanchors=2,2, 3,3, 6,6, 8,8\nnoobject_scale=0.25\n"
+                        "[route]\nlayers=0\n[maxpool]\nsize=2\nstride=2\n"
+                        "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"
+                        "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
+                        "[yolo]\nclasses=2\nnum=4\nmask=2,3\nanchors=2,2, 3,3, 6,6, 8,8\nnoobject_scale=0.25\n");
+  sqrand(5);
+  ORVA::Network net(ORVA::TEST, 1, -1);
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  ORVA::TData d;
+  d.X = ORVA::make_matrix(8, 256);
+  d.Y = ORVA::make_matrix(8, net.getOutputLayer()->_truths);
+  for (int i = 0; i < 8; ++i) {
+    // A 2 x 2 square (class 0, first head) or a 7 x 7 one (class 1, second head).
+    const int side = i % 2 ? 7 : 2, x0 = (i * 5) % (17 - side), y0 = (i * 3) % (17 - side);
+    for (int y = y0; y < y0 + side; ++y)
+      for (int x = x0; x < x0 + side; ++x) d.X.vals[i][y * 16 + x] = 1.f;
+    const float truth[5] = {(x0 + side / 2.f) / 16, (y0 + side / 2.f) / 16, side / 16.f, side / 16.f, (float)(i % 2)};
+    std::copy(truth, truth + 5, d.Y.vals[i]);
+  }
+  ::testing::internal::CaptureStdout();
+  const float first = net.train(d);
+  float last = first;
+  for (int epoch = 0; epoch < 200; ++epoch) last = net.train(d);
+  ::testing::internal::GetCapturedStdout();
+  EXPECT_LT(last, first / 10) << "first " << first << " last " << last;
+  ORVA::free_data(d);
+}
+
+}  // namespace

@@ -104,7 +104,8 @@ const char* layerTypeName(int type) {
       "convolution", "?",        "fconn",   "maxpool",  "softmax", "?",       "dropout", "?",
       "route",       "cost",     "?",       "avgpool",  "?",       "shortcut", "activation", "?",
       "?",           "?",        "?",       "batchnorm", "?",      "region",  "reorg",   "upsample",
-      "spresize",    "scalemap", "attention", "dynact", "smerge",  "qregion", "heatmap", "detobj"};
+      "spresize",    "scalemap", "attention", "dynact", "smerge",  "qregion", "heatmap", "detobj",
+      "yolo",        "?",        "?",       "cmaxpool", "groute"};
   return type >= 0 && type < (int)(sizeof kNames / sizeof *kNames) ? kNames[type] : "?";
 }
 
