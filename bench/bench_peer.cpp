@@ -292,7 +292,7 @@ void yolo_rows(ORVA::Network& net, const float* host_out, const cv::Mat& peer_ou
           const float* out = host_out + (size_t)n * y->_outputs;
           const ORVA::BBox box = y->decode(out, k, i, j);
           const float mine[5] = {box.x, box.y, box.w, box.h, out[y->_entry_index(0, k, j * W + i, 4)]};
-          const float* r = peer_out.ptr<float>(n * rows + (j * W + i) * A + k);
+          const float* r = peer_out.ptr<float>() + ((size_t)n * rows + (j * W + i) * A + k) * (5 + y->_classes);
           a.insert(a.end(), mine, mine + 5);
           b.insert(b.end(), r, r + 5);
         }
@@ -355,6 +355,12 @@ bool run_row(const PeerModel& model, const std::string& model_weights, int batch
 
   double diff;
   if (model.darknet) {
+    const auto* y = net.getOutputLayer();
+    const size_t want = (size_t)batch * y->_outputs;  // rows x (5 + classes) per item
+    if (peer_out.total() != want || !peer_out.isContinuous()) {
+      fprintf(stderr, "%s: OpenCV gives %zu values for the top head, the host %zu\n", model.name, peer_out.total(), want);
+      return false;
+    }
     std::vector<float> a, b;
     yolo_rows(net, host_out, peer_out, batch, a, b);
     diff = relative_l2(a.data(), b.data(), a.size());
