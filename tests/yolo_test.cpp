@@ -18,6 +18,7 @@
 #include "layer/yolo_layer.h"
 #include "model_build.h"
 #include "network_test_util.h"
+#include "backend_fixture.h"
 #include "orva/networks.h"
 
 namespace {
@@ -502,6 +503,107 @@ TEST(YoloHead, TwoHeadDetectorLossFallsInTheTrainingLoop) {
   ::testing::internal::GetCapturedStdout();
   EXPECT_LT(last, first / 10) << "first " << first << " last " << last;
   ORVA::free_data(d);
+}
+
+}  // namespace
+
+namespace {
+
+// The head's loss gradient through backward against central differences of the loss written
+// out in float64: squared errors of every objectness (towards 0) and, for the anchor of each
+// truth's cell, of the box (centre after the logistic, log sizes), objectness (towards 1) and
+// classes. ignore_thresh above any IoU keeps the loss smooth; each truth's anchor depends on
+// the anchor shapes only.
+TEST(YoloHead, LossGradientMatchesFiniteDifferences) {
+  const int W = 3, H = 2, A = 2, C = 3, E = 5 + C, batch = 2;
+  const float obj_s = 2, noobj_s = 0.5f, cls_s = 1.5f, iou_n = 1.25f;
+  const std::string path = temp_path("yolo_head.cfg");
+  orva_test::write_file(path, "[yolo]\nclasses=3\nnum=2\nanchors=0.8,1.2, 2,1.5\nignore_thresh=2\nobject_scale=2\n"
+                              "noobject_scale=0.5\nclass_scale=1.5\niou_normalizer=1.25\n");
+  ConfigReader cfg;
+  ASSERT_EQ(cfg.load(path.c_str()), 0);
+  // Declared first, so the layer and the buffers are released before the context.
+  struct Context {
+    CudaHandle h{};
+    Context() { create_handle(&h, -1); }
+    ~Context() { destroy_handle(&h); }
+  } context;
+  CudaHandle& ctx = context.h;
+  ORVA::InputParams params;
+  params.batch = batch;
+  params.w = W;
+  params.h = H;
+  params.c = A * E;
+  params.inputs = W * H * A * E;
+  params.nsect = 0;
+  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create("yolo", ORVA::TRAIN, nullptr, &ctx));
+  l->parseConfig(cfg, params);
+  const size_t n = (size_t)batch * l->_outputs;
+  const std::vector<Ftype> xh = orva_test::random_halves(n, -1.5f, 1.5f);
+  const std::vector<double> x = orva_test::to_doubles(xh);
+  // x, y, w, h, class; one truth per cell at most, sizes near each anchor in turn.
+  const float truths[batch][2][5] = {{{0.2f, 0.3f, 0.3f, 0.55f, 1}, {0.8f, 0.7f, 0.6f, 0.7f, 2}},
+                                     {{0.5f, 0.75f, 0.65f, 0.8f, 0}, {0, 0, 0, 0, 0}}};
+  std::vector<float> truth((size_t)batch * l->_truths + 1, 0.f);
+  for (int b = 0; b < batch; ++b)
+    for (int t = 0; t < 2; ++t)
+      for (int k = 0; k < 5; ++k) truth[(size_t)b * l->_truths + t * 5 + k] = truths[b][t][k];
+
+  orva_test::Buffer<Ftype> in(&ctx, xh);
+  orva_test::Buffer<Ftype> grad(&ctx, std::vector<Ftype>(n, Ftype{0}));
+  ORVA::NetworkParams p;
+  p.input = in;
+  p.batch = batch;
+  p.delta = grad;
+  p.truth = truth.data();
+  ::testing::internal::CaptureStdout();
+  l->forward(p);
+  ::testing::internal::GetCapturedStdout();
+  l->backward(p);
+
+  const double anchors[2][2] = {{0.8, 1.2}, {2, 1.5}};
+  auto at = [&](int b, int a, int e, int loc) { return (size_t)b * A * E * W * H + ((size_t)a * E + e) * W * H + loc; };
+  auto loss = [&](const std::vector<double>& v) {
+    auto y = [&](size_t k, int e) { return e == 2 || e == 3 ? v[k] : 1 / (1 + std::exp(-v[k])); };
+    double sum = 0;
+    std::vector<bool> matched((size_t)batch * A * W * H, false);
+    for (int b = 0; b < batch; ++b)
+      for (int t = 0; t < 2; ++t) {
+        const float* tr = truths[b][t];
+        if (tr[0] == 0) continue;
+        int best = 0;
+        double best_iou = -1;
+        for (int a = 0; a < A; ++a) {
+          const double iou = ORVA::box_iou(ORVA::BBox{0, 0, (float)(anchors[a][0] / W), (float)(anchors[a][1] / H)},
+                                           ORVA::BBox{0, 0, tr[2], tr[3]});
+          if (iou > best_iou) best_iou = iou, best = a;
+        }
+        const int i = (int)(tr[0] * W), j = (int)(tr[1] * H), loc = j * W + i;
+        matched[((size_t)b * A + best) * W * H + loc] = true;
+        const double target[4] = {tr[0] * W - i, tr[1] * H - j, std::log(tr[2] * W / anchors[best][0]),
+                                  std::log(tr[3] * H / anchors[best][1])};
+        const double s = iou_n * (2 - tr[2] * tr[3]);
+        for (int e = 0; e < 4; ++e) sum += 0.5 * s * std::pow(target[e] - y(at(b, best, e, loc), e), 2);
+        sum += 0.5 * obj_s * std::pow(1 - y(at(b, best, 4, loc), 4), 2);
+        for (int k = 0; k < C; ++k) sum += 0.5 * cls_s * std::pow((k == tr[4]) - y(at(b, best, 5 + k, loc), 5), 2);
+      }
+    for (int b = 0; b < batch; ++b)
+      for (int a = 0; a < A; ++a)
+        for (int loc = 0; loc < W * H; ++loc)
+          if (!matched[((size_t)b * A + a) * W * H + loc]) sum += 0.5 * noobj_s * std::pow(y(at(b, a, 4, loc), 4), 2);
+    return sum;
+  };
+  std::vector<double> want(n), xp = x;
+  for (size_t k = 0; k < n; ++k) {
+    const double e = 1e-4;
+    xp[k] = x[k] + e;
+    const double up = loss(xp);
+    xp[k] = x[k] - e;
+    want[k] = -(up - loss(xp)) / (2 * e);
+    xp[k] = x[k];
+  }
+  // Outputs, targets and gradients pass through half: a few roundings per value.
+  EXPECT_TRUE(orva_test::NearL2(want, grad.download(), 2e-2));
 }
 
 }  // namespace
