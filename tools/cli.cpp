@@ -100,7 +100,7 @@ void loadNetwork(ORVA::Network& net, const ModelOptions& o) {
   namespace fs = std::filesystem;
   if (!fs::is_regular_file(o.model)) throw std::runtime_error(o.model + ": no such file");
   if (!o.names.empty() && !fs::is_regular_file(o.names)) throw std::runtime_error(o.names + ": no such file");
-  const bool description = !o.weights.empty() || fs::path(o.model).extension() == ".cfg";
+  const bool description = o.description || !o.weights.empty() || fs::path(o.model).extension() == ".cfg";
   if (description && !o.weights.empty()) {
     std::error_code ec;
     if (!fs::is_regular_file(o.weights)) throw std::runtime_error(o.weights + ": no such file");

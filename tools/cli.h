@@ -35,6 +35,7 @@ struct ModelOptions {
   int gpu = 0;          // CUDA device; negative for the host backend
   int batch = 1;
   bool quant = false;
+  bool description = false;  // a text description whatever its name
   bool strict = true;   // refuse descriptions with unknown sections, keys or activations
 };
 void addModelOptions(CLI::App& app, ModelOptions& o);

@@ -45,6 +45,21 @@ bool isCameraIndex(const std::string& s) {
   return !s.empty() && s.size() < 4 && std::all_of(s.begin(), s.end(), ::isdigit) && !fs::exists(s);
 }
 
+// A tracker that also tells which of its tracks are confirmed and were fed this frame.
+struct IdTracker : ORVA::Tracker {
+  using Tracker::Tracker;
+  ORVA::DetectObjList fed() {
+    ORVA::DetectObjList out;
+    for (KalmanTracker& t : _ktracker)
+      if (t.active && t.miss == 0) {
+        ORVA::DetectObj o{};
+        t.getState(o);
+        out.push_back(o);
+      }
+    return out;
+  }
+};
+
 // What the user asked for beyond the model.
 struct Settings {
   float thresh = 0.5f, nms = 0.4f;
@@ -66,8 +81,9 @@ struct Source {
   bool camera = false;
   long total = 0;  // frames to go through in a video file, 0 when unknown
   long next = 0;   // index of the next frame
+  long read = 0;   // frames read to detect
   long done = 0;   // frames detected
-  std::unique_ptr<ORVA::Tracker> tracker;
+  std::unique_ptr<IdTracker> tracker;
   std::unique_ptr<cv::VideoWriter> writer;
   fs::path out_path, part_path;
   bool write_failed = false;
@@ -172,22 +188,23 @@ bool parseClasses(const std::string& arg, const std::vector<std::string>& names,
   return true;
 }
 
-// The detector's own boxes and scores, with the id of the track each one feeds; -1 where the
-// tracker has no confirmed track for it yet.
-void trackIds(ORVA::Tracker& tracker, cv::Mat& frame, ORVA::DetectObjList& dets, float min_iou) {
-  ORVA::DetectObjList tracks = dets;
-  tracker.process(frame, tracks);
+// The detector's own boxes and scores, each with the id of the confirmed track it fed; -1
+// until its track has been hit in enough frames in a row.
+void trackIds(IdTracker& tracker, cv::Mat& frame, ORVA::DetectObjList& dets) {
+  ORVA::DetectObjList reported = dets;
+  tracker.process(frame, reported);
+  const ORVA::DetectObjList tracks = tracker.fed();
   std::vector<bool> taken(tracks.size(), false);
   for (ORVA::DetectObj& d : dets) {
     d.oid = -1;
-    double best = min_iou;
+    double best = 0;
     int pick = -1;
     for (size_t t = 0; t < tracks.size(); ++t) {
       if (taken[t]) continue;
       const double inter = (d.bbox & tracks[t].bbox).area();
       const double uni = d.bbox.area() + tracks[t].bbox.area() - inter;
       const double iou = uni > 0 ? inter / uni : 0;
-      if (iou >= best) best = iou, pick = (int)t;
+      if (iou > best) best = iou, pick = (int)t;
     }
     if (pick >= 0) {
       taken[pick] = true;
@@ -377,7 +394,7 @@ int cmd_detect(int argc, char** argv) {
     const auto it = thresholds.find(s->key);
     net.setParameter(s->key, it == thresholds.end() ? st.thresh : it->second.first,
                      it == thresholds.end() ? st.nms : it->second.second);
-    if (st.track) s->tracker = std::make_unique<ORVA::Tracker>(st.track_max_miss, st.track_min_hits, st.track_iou);
+    if (st.track) s->tracker = std::make_unique<IdTracker>(st.track_max_miss, st.track_min_hits, st.track_iou);
     s->start = Clock::now();
   }
 
@@ -403,10 +420,10 @@ int cmd_detect(int argc, char** argv) {
 
   // Reads the next frame of a source to detect; false when it has no more.
   auto nextFrame = [&](Source& s, Frame& f, std::string& error) {
-    if (stopSignal() || (st.max_frames > 0 && s.done >= st.max_frames)) return false;
+    if (stopSignal() || (st.max_frames > 0 && s.read >= st.max_frames)) return false;
     f.src = &s;
     if (s.isVideo()) {
-      for (long skip = 1; skip < st.every; ++skip) {
+      for (long skip = 1; s.read > 0 && skip < st.every; ++skip) {
         if (!s.video->grab()) return false;
         ++s.next;
       }
@@ -420,6 +437,7 @@ int cmd_detect(int argc, char** argv) {
       if (f.img.empty()) error = s.images[s.next].string() + ": can't read as an image";
     }
     f.index = s.next++;
+    ++s.read;
     return true;
   };
 
@@ -506,7 +524,7 @@ int cmd_detect(int argc, char** argv) {
                                          d.cid >= (int)keep_class.size() || !keep_class[d.cid];
                                 }),
                  list.end());
-      if (s.tracker) trackIds(*s.tracker, f.img, list, st.track_iou);
+      if (s.tracker) trackIds(*s.tracker, f.img, list);
       s.objects += (long)list.size();
       ++s.done;
       const bool write = !st.only_hits || !list.empty();
