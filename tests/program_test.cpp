@@ -138,6 +138,7 @@ TEST(OrvaProgram, FaultsEndInOneMessageNamingTheFileAndLeaveNothingBehind) {
       {"convert --cfg " + f.cfg + " -w " + f.weights + " -o " + d + "nodir/x.orva", 1, "nodir/x.orva: no such folder"},
       {"detect --gpu -1 -m " + f.model + " --json /dev/full " + pic, 1, "/dev/full: can't write"},
       {"detect --gpu -1 -m " + f.model + " " + pic, 1, "stdout: can't write", "/dev/full"},
+      {"info --gpu -1 -m " + f.model, 1, "stdout: can't write", "/dev/full"},
       {"train --gpu -1 -o " + d + "missing_dir " + f.cfg + " " + d + "labels.txt", 1, "missing_dir: no such folder"},
       {"detect --gpu -1 -m " + f.model + " --show " + pic, 1, "--show: no display"},
       // What would silently give a useless result.

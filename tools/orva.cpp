@@ -1,4 +1,5 @@
 // orva: find objects in pictures and video, inspect, time and convert models.
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -51,7 +52,12 @@ int main(int argc, char** argv) {
   for (const auto& c : kCommands)
     if (name == c.name) {
       try {
-        return c.run(argc - 1, argv + 1);
+        const int status = c.run(argc - 1, argv + 1);
+        // What a command printed is lost when stdout can't take it (a full disk, a closed pipe).
+        std::cout.flush();
+        if (status == orvacli::kOk && (fflush(stdout) != 0 || ferror(stdout) || !std::cout))
+          return orvacli::fail(name, std::string("stdout: can't write (") + strerror(errno) + ")");
+        return status;
       } catch (const std::exception& e) {
         return orvacli::fail(name, e.what());
       } catch (size_t) {
