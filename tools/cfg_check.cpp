@@ -18,9 +18,9 @@ const char* const kLayerCommon = "learning_rate_scale quant_thresh smooth totrut
 const char* const kTrain =
     "learning_rate momentum decay max_batches subdivisions time_steps policy burn_in power gamma step scale steps "
     "scales";
+const char* const kHead = "class_scale noobject_scale object_scale ";
 const char* const kRegion =
-    "anchors bg_class class_scale classes coord_scale coords loc_type noobject_scale num object_scale rescore "
-    "scale_xy softmax thresh";
+    "anchors bg_class classes coord_scale coords loc_type num rescore scale_xy softmax thresh";
 
 const std::map<std::string, std::string>& sectionKeys() {
   static const std::map<std::string, std::string> keys = {
@@ -28,19 +28,25 @@ const std::map<std::string, std::string>& sectionKeys() {
       {"train", std::string("batch ") + kTrain},
       {"convolution", "activation batch_normalize dilation filters groups pad size stride"},
       {"fconn", "activation batch_normalize output"},
-      {"maxpool", "pad size stride"},
+      {"maxpool", "centred pad size stride"},
+      {"cmaxpool", "centred pad size stride"},
       {"avgpool", "pad size square stride tmax tmin"},
       {"softmax", "groups map temperature"},
       {"dropout", "probability"},
-      {"route", "layers"},
+      {"route", "group_id groups layers"},
+      {"groute", "group_id groups layers"},
       {"cost", "bias gamma neg_scale pos_scale ratio scale thresh type"},
       {"shortcut", "activation alpha beta from"},
       {"activation", "activation"},
       {"batchnorm", ""},
-      {"region", kRegion},
-      {"qregion", kRegion},
-      {"detobj", kRegion},
-      {"heatmap", "bg_class class_scale classes noobject_scale num object_scale softmax thresh"},
+      {"region", std::string(kHead) + kRegion},
+      {"qregion", std::string(kHead) + kRegion},
+      {"detobj", std::string(kHead) + kRegion},
+      {"heatmap", std::string(kHead) + "bg_class classes num softmax thresh"},
+      {"yolo", std::string(kHead) + "anchors beta_nms classes cls_normalizer ignore_thresh iou_loss iou_normalizer "
+                                    "mask new_coords nms_kind num scale_x_y truth_thresh"},
+      {"resize", "align_corners half_pixel height stride width"},
+      {"centernet", "classes peak scale stride topk"},
       {"reorg", "stride"},
       {"upsample", "stride"},
       {"spresize", "stride"},

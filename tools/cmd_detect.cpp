@@ -84,6 +84,7 @@ struct Source {
   long read = 0;   // frames read to detect
   long done = 0;   // frames detected
   std::unique_ptr<IdTracker> tracker;
+  std::map<int, std::set<int>> tracks;  // class -> the track ids seen
   std::unique_ptr<cv::VideoWriter> writer;
   fs::path out_path, part_path;
   bool write_failed = false;
@@ -455,8 +456,16 @@ int cmd_detect(int argc, char** argv) {
       }
     }
     const double secs = std::chrono::duration<double>(Clock::now() - s.start).count();
-    fprintf(stderr, "%s: %ld frames, %ld detections, %.1f frames/s%s%s%s\n", s.arg.c_str(), s.done, s.objects,
-            secs > 0 ? s.done / secs : 0.0, s.out_path.empty() ? "" : " -> ", s.out_path.c_str(),
+    // Distinct tracks per class, the most followed first.
+    std::vector<std::pair<size_t, int>> counts;
+    for (const auto& t : s.tracks) counts.push_back({t.second.size(), t.first});
+    std::sort(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    std::string tracked;
+    for (const auto& c : counts)
+      tracked += (tracked.empty() ? ", tracks: " : ", ") + std::to_string(c.first) + " " +
+                 (c.second < (int)names.size() ? names[c.second] : "class " + std::to_string(c.second));
+    fprintf(stderr, "%s: %ld frames, %ld detections, %.1f frames/s%s%s%s%s\n", s.arg.c_str(), s.done, s.objects,
+            secs > 0 ? s.done / secs : 0.0, tracked.c_str(), s.out_path.empty() ? "" : " -> ", s.out_path.c_str(),
             stopSignal() ? " (interrupted)" : "");
   };
 
@@ -524,7 +533,11 @@ int cmd_detect(int argc, char** argv) {
                                          d.cid >= (int)keep_class.size() || !keep_class[d.cid];
                                 }),
                  list.end());
-      if (s.tracker) trackIds(*s.tracker, f.img, list);
+      if (s.tracker) {
+        trackIds(*s.tracker, f.img, list);
+        for (const ORVA::DetectObj& d : list)
+          if (d.oid >= 0) s.tracks[d.cid].insert(d.oid);
+      }
       s.objects += (long)list.size();
       ++s.done;
       const bool write = !st.only_hits || !list.empty();
