@@ -1,6 +1,9 @@
 // orva detect: objects in images, folders, video files and cameras, as JSON lines, annotated
 // pictures or video, and one summary line per picture or stream.
+#include <netdb.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -156,6 +159,46 @@ void progress(const Source& s, bool done) {
   if (done) fprintf(stderr, "\r%*s\r", width + 60, "");
 }
 
+// Whether a window can be opened: the display toolkit ends the process when it can't reach
+// its server, so the X or Wayland socket is tried first.
+bool displayReachable(std::string& why) {
+  const char* wayland = getenv("WAYLAND_DISPLAY");
+  const char* runtime = getenv("XDG_RUNTIME_DIR");
+  if (wayland && *wayland && fs::exists(wayland[0] == '/' ? fs::path(wayland) : fs::path(runtime ? runtime : "") / wayland))
+    return true;
+  const char* display = getenv("DISPLAY");
+  if (!display || !*display) {
+    why = "DISPLAY is not set";
+    return false;
+  }
+  const std::string d = display;
+  const size_t colon = d.rfind(':');
+  const int number = colon == std::string::npos ? -1 : atoi(d.c_str() + colon + 1);
+  const std::string host = colon == std::string::npos ? "" : d.substr(0, colon);
+  bool ok = false;
+  if (number >= 0 && (host.empty() || host == "unix")) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "/tmp/.X11-unix/X%d", number);
+    ok = fd >= 0 && connect(fd, (sockaddr*)&addr, sizeof addr) == 0;
+    if (fd >= 0) close(fd);
+  } else if (number >= 0) {
+    addrinfo hints{}, *res = nullptr;
+    hints.ai_socktype = SOCK_STREAM;
+    if (getaddrinfo(host.c_str(), std::to_string(6000 + number).c_str(), &hints, &res) == 0) {
+      for (addrinfo* a = res; a && !ok; a = a->ai_next) {
+        const int fd = socket(a->ai_family, a->ai_socktype, a->ai_protocol);
+        ok = fd >= 0 && connect(fd, a->ai_addr, a->ai_addrlen) == 0;
+        if (fd >= 0) close(fd);
+      }
+      freeaddrinfo(res);
+    }
+  }
+  if (!ok) why = "can't reach the display " + d;
+  return ok;
+}
+
 // stdout and stderr on the same terminal would mix the bar into the JSON lines.
 bool sameTerminal() {
   struct stat a, b;
@@ -285,8 +328,9 @@ int cmd_detect(int argc, char** argv) {
     else
       start_frame = (long)v;
   }
-  if (st.show && !getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY"))
-    return fail("detect", "--show: no display to show frames on (DISPLAY is not set); use -o to write them");
+  std::string no_display;
+  if (st.show && !displayReachable(no_display))
+    return fail("detect", "--show: no display to show frames on (" + no_display + "); use -o to write them");
 
   // Sources first: a missing file is reported before any model is loaded.
   std::vector<std::unique_ptr<Source>> sources;
