@@ -1,8 +1,5 @@
-// The orva program's converters (face-api manifests, the darknet dialect) and the program
-// itself on a real picture when the face model has been fetched.
+// The orva program's converters: face-api manifests and the darknet dialect.
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -350,70 +347,6 @@ TEST(DarknetImport, EngineBuildsWhatItExpressesExactlyAndRefusesTheRest) {
     for (int i = 0; i < 2; ++i) EXPECT_NEAR(bias[i], w[i], 1e-3) << i;  // stored as half
     for (int i = 0; i < 54; ++i) EXPECT_NEAR(filt[i], w[2 + i], 1e-3) << i;
   }
-}
-
-// ---- the program ----
-
-struct ProgramRun {
-  int status;
-  std::string out, err;
-};
-
-ProgramRun run_orva(const std::string& args) {
-  const std::string out = temp_path("stdout"), err = temp_path("stderr");
-  const int rc = std::system((std::string(ORVA_CLI) + " " + args + " >" + out + " 2>" + err).c_str());
-  auto text = [](const std::string& p) {
-    std::ifstream f(p);
-    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  };
-  return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, text(out), text(err)};
-}
-
-TEST(OrvaProgram, ExitStatusesAndMessages) {
-  EXPECT_EQ(run_orva("frobnicate").status, 2);
-  const ProgramRun missing = run_orva("detect -m no.orva no_such_picture.jpg");
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.err.find("no_such_picture.jpg: no such file"), std::string::npos) << missing.err;
-  const std::string junk = temp_path("junk.orva");
-  write_file(junk, "not a model");
-  const ProgramRun bad = run_orva("info --gpu -1 -m " + junk);
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_NE(bad.err.find(junk + ": Invalid checksum"), std::string::npos) << bad.err;
-}
-
-TEST(OrvaProgram, DetectFindsFacesInADemoPicture) {
-  const std::string face = std::string(ORVA_MODELS_DIR) + "/face-api";
-  const std::string picture = face + "/demo/sample1.jpg";
-  if (!std::filesystem::exists(face + "/model/tiny_face_detector_model.bin") || !std::filesystem::exists(picture))
-    GTEST_SKIP() << "the face detector was not fetched (scripts/setup.sh needs the npm registry): " << face;
-  const std::string model = temp_path("face.orva"), json = temp_path("faces.json");
-  const ProgramRun conv =
-      run_orva("convert --faceapi " + face + "/model/tiny_face_detector_model-weights_manifest.json -o " + model);
-  ASSERT_EQ(conv.status, 0) << conv.err;
-  const ProgramRun det = run_orva("detect --gpu -1 -m " + model + " --json " + json + " " + picture);
-  ASSERT_EQ(det.status, 0) << det.err;
-  EXPECT_NE(det.err.find("sample1.jpg: 1920x1280, "), std::string::npos) << det.err;
-
-  std::ifstream f(json);
-  std::string line;
-  ASSERT_TRUE(std::getline(f, line));
-  const nlohmann::json j = nlohmann::json::parse(line);
-  EXPECT_EQ(j.at("source"), picture);
-  EXPECT_EQ(j.at("frame"), 0);
-  const int w = j.at("width"), h = j.at("height");
-  EXPECT_EQ(w, 1920);
-  ASSERT_GE(j.at("objects").size(), 1u);
-  for (const auto& o : j.at("objects")) {
-    EXPECT_EQ(o.at("class"), "face");
-    EXPECT_EQ(o.at("class_id"), 0);
-    EXPECT_EQ(o.at("id"), -1);
-    EXPECT_GE(o.at("score").get<double>(), 0.5);
-    const std::vector<int> b = o.at("box");
-    ASSERT_EQ(b.size(), 4u);
-    // Faces in this picture are a few hundred pixels wide and lie inside it.
-    EXPECT_TRUE(b[0] >= 0 && b[1] >= 0 && b[0] + b[2] <= w && b[1] + b[3] <= h && b[2] > 100 && b[3] > 100) << o;
-  }
-  EXPECT_FALSE(std::getline(f, line));
 }
 
 }  // namespace

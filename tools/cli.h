@@ -35,16 +35,22 @@ struct ModelOptions {
   int gpu = 0;          // CUDA device; negative for the host backend
   int batch = 1;
   bool quant = false;
+  bool description = false;  // a text description whatever its name
+  bool strict = true;   // refuse descriptions with unknown sections, keys or activations
 };
 void addModelOptions(CLI::App& app, ModelOptions& o);
 
-// Builds `net` from a model file or from a description and weights. The engine's lines for
-// stdout (checksum, unknown sections) go to stderr so stdout stays machine-readable.
+// Builds `net` from a model file or from a description and weights. The engine's own lines
+// (checksum, unknown sections, its error lines) reach stderr only with -v, so stdout stays
+// machine-readable and a fault is told once, by the program's message.
 // Throws std::runtime_error naming the file and the problem.
 void loadNetwork(ORVA::Network& net, const ModelOptions& o);
 
 // The class names for `count` classes: from the names file, else the class numbers.
 std::vector<std::string> classNames(const ModelOptions& o, int count);
+
+// True after -v: the engine's and OpenCV's own lines are shown.
+bool verbose();
 
 // Section name of a layer type id ("convolution", "maxpool", ...), "?" when unknown.
 const char* layerTypeName(int type);

@@ -1,7 +1,9 @@
 // orva classify: the best classes of each picture, as JSON lines and summary lines.
 #include <algorithm>
 #include <cmath>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
 #include <nlohmann/json.hpp>
@@ -9,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "cli.h"
+#include "signals.h"
 #include "orva/networks.h"
 
 namespace fs = std::filesystem;
@@ -21,10 +24,10 @@ int cmd_classify(int argc, char** argv) {
   ModelOptions o;
   addModelOptions(app, o);
   std::vector<std::string> inputs;
-  int top = 5;
+  int best = 5;
   float thresh = 0.f;
   app.add_option("pictures", inputs, "image files or folders of images")->required();
-  app.add_option("-k,--top", top, "classes reported per picture")->capture_default_str()->check(CLI::Range(1, 1000));
+  app.add_option("-k,--top", best, "classes reported per picture")->capture_default_str()->check(CLI::Range(1, 1000));
   app.add_option("-t,--thresh", thresh, "lowest score reported")->capture_default_str();
   int status;
   if (parseArgs(app, argc, argv, status)) return status;
@@ -50,6 +53,11 @@ int cmd_classify(int argc, char** argv) {
   } catch (const std::exception& e) {
     return fail("classify", e.what());
   }
+  const int top = net.getOutputLayer()->type;
+  if (top == ORVA::LAYER_REGION || top == ORVA::LAYER_QREGION || top == ORVA::LAYER_DETOBJ ||
+      top == ORVA::LAYER_HEATMAP)
+    return fail("classify", o.model + ": a detector (its output layer is " + layerTypeName(top) +
+                                "), not a classifier; try orva detect");
   if (net.iC != 3 && net.iC != 1) return fail("classify", o.model + ": takes " + std::to_string(net.iC) + " channels, not a picture");
   const std::vector<std::string> names = classNames(o, net.getClassNum());
   const int batch = net.getBatch();
@@ -60,7 +68,7 @@ int cmd_classify(int argc, char** argv) {
 
   auto run = [&]() {
     if (frames.empty()) return;
-    net.classify(lists.data(), frames.data(), thresh, top, (int)frames.size());
+    net.classify(lists.data(), frames.data(), thresh, best, (int)frames.size());
     for (size_t k = 0; k < frames.size(); ++k) {
       nlohmann::ordered_json line = {{"source", batch_paths[k].string()}};
       nlohmann::ordered_json arr = nlohmann::ordered_json::array();
@@ -73,7 +81,7 @@ int cmd_classify(int argc, char** argv) {
         summary += b;
       }
       line["classes"] = arr;
-      printf("%s\n", line.dump().c_str());
+      printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
       fprintf(stderr, "%s: %s\n", batch_paths[k].filename().c_str(), summary.empty() ? "no class" : summary.c_str());
     }
     fflush(stdout);
@@ -81,7 +89,9 @@ int cmd_classify(int argc, char** argv) {
     batch_paths.clear();
   };
 
+  catchStopSignals();
   for (const fs::path& p : pictures) {
+    if (stopSignal()) break;
     cv::Mat img = cv::imread(p.string(), net.iC == 1 ? cv::IMREAD_GRAYSCALE : cv::IMREAD_COLOR);
     if (img.empty()) {
       fail("classify", p.string() + ": can't read as an image");
@@ -95,5 +105,7 @@ int cmd_classify(int argc, char** argv) {
     if ((int)frames.size() == batch) run();
   }
   run();
+  if (fflush(stdout) != 0 || ferror(stdout)) return fail("classify", std::string("stdout: can't write (") + strerror(errno) + ")");
+  if (stopSignal()) return stopStatus();
   return failures ? kFailed : kOk;
 }

@@ -1,6 +1,7 @@
 // orva train: teaches a network described by a text description from a labelled image list.
 // The label list format, the truth layouts and the checkpoint rules are in docs/TRAINING.md.
 #include <tbb/parallel_for.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,14 +14,14 @@
 #include <string>
 #include <vector>
 
+#include <filesystem>
+
 #include "cli.h"
+#include "signals.h"
 
 using namespace orvacli;
 
 namespace {
-
-std::atomic<bool> g_stop{false};
-void on_signal(int) { g_stop = true; }
 
 struct TrainOptions {
   std::string cfg, list, weights;
@@ -29,7 +30,7 @@ struct TrainOptions {
   int max = 0;
   int every = 500;
   int report = 10;
-  bool strict = false;
+  bool strict = false, lax_description = false;
   bool no_flip = false, no_letterbox = false;
   ORVA::ExtImageParams aug;
 };
@@ -46,6 +47,7 @@ void addTrainOptions(CLI::App& app, TrainOptions& o) {
   app.add_option("--report", o.report, "updates per progress line")->capture_default_str()->check(CLI::PositiveNumber);
   app.add_option("--seed", o.aug.seed, "augmentation seed")->capture_default_str();
   app.add_flag("--strict", o.strict, "stop before training when the label list has a faulty line");
+  app.add_flag("--no-strict", o.lax_description, "build a description with unknown sections, keys or activations");
   app.add_option("--jitter", o.aug.jitter, "crop edges move by up to this share of the side")->capture_default_str();
   app.add_option("--hue", o.aug.hue, "hue shift, share of the circle")->capture_default_str();
   app.add_option("--saturation", o.aug.saturation, "saturation factor range [1/s, s]")->capture_default_str();
@@ -97,11 +99,20 @@ int cmd_train(int argc, char** argv) {
   o.aug.flip = !o.no_flip;
   o.aug.letterbox = !o.no_letterbox;
 
+  // Where the checkpoints go is checked before anything is built: a missing folder would
+  // otherwise show only when the first checkpoint is due.
+  if (!std::filesystem::is_directory(o.out)) return fail("train", o.out + ": no such folder for the checkpoints");
+  if (access(o.out.c_str(), W_OK) != 0) return fail("train", o.out + ": can't write checkpoints there");
   std::unique_ptr<ORVA::Network> net(new ORVA::Network(ORVA::TEST, 1, o.gpu));
   try {
-    net->load(o.cfg.c_str(), o.weights.c_str());
+    ModelOptions m;
+    m.model = o.cfg;
+    m.weights = o.weights;
+    m.strict = !o.lax_description;
+    m.description = true;
+    loadNetwork(*net, m);
   } catch (const std::exception& e) {
-    return fail("train", (o.weights.empty() ? o.cfg : o.weights) + ": " + e.what());
+    return fail("train", e.what());
   }
   if (net->getMode() != ORVA::TRAIN) return fail("train", o.cfg + ": no [train] section; nothing to train");
   if (net->iC != 3)
@@ -133,8 +144,7 @@ int cmd_train(int argc, char** argv) {
   d.Y = ORVA::make_matrix(rows, truths);
   const std::string base = o.out + "/" + stem(o.cfg.c_str());
 
-  signal(SIGINT, on_signal);
-  signal(SIGTERM, on_signal);
+  catchStopSignals();
   using clock = std::chrono::steady_clock;
   const clock::time_point start = clock::now();
   const size_t seen0 = net->getSeen();
@@ -143,7 +153,7 @@ int cmd_train(int argc, char** argv) {
   int in_group = 0;
   printf("training %s on %zu images, %d samples per update, from iteration %d to %d\n", o.cfg.c_str(), items.size(), rows,
          iteration, max);
-  while (iteration < max && !g_stop) {
+  while (iteration < max && !stopSignal()) {
     pipeline.load(d, rows, net->getSeen());
     tbb::parallel_for(0, rows, [&](int i) {
       if (records)
@@ -172,6 +182,7 @@ int cmd_train(int argc, char** argv) {
   }
   ORVA::free_data(d);
   const bool ok = checkpoint(*net, base + "_last.weights");
-  printf("%s at iteration %d; weights in %s_last.weights\n", g_stop ? "stopped" : "done", iteration, base.c_str());
+  printf("%s at iteration %d; weights in %s_last.weights\n", stopSignal() ? "stopped" : "done", iteration, base.c_str());
+  if (stopSignal()) return stopStatus();
   return ok ? kOk : kFailed;
 }

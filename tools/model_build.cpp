@@ -88,6 +88,8 @@ void writeModel(const ConvertedModel& m, const std::string& path) {
     net.save(path.c_str(), true);
   } catch (const std::exception& e) {
     throw ConvertError(path + ": " + e.what());
+  } catch (size_t) {
+    throw ConvertError(path + ": can't write (the device is full or failing)");
   }
   if (!m.names.empty()) {
     std::ofstream f(namesPath(path));

@@ -1,6 +1,10 @@
 // orva: find objects in pictures and video, inspect, time and convert models.
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
+
+#include <opencv2/core/utils/logger.hpp>
 
 #include "cli.h"
 
@@ -37,15 +41,27 @@ int main(int argc, char** argv) {
     return orvacli::kOk;
   }
   // Faults in descriptions and model files end up as messages naming the file; the
-  // engine's own lines only with --verbose.
+  // engine's and OpenCV's own lines only with --verbose (FFmpeg's through OpenCV's setting,
+  // read when a video is first opened).
   ORVA::setFatalThrows(true);
   ORVA::setMsgLevel(ALERT + 1);
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  bool verbose = false;
+  for (int i = 2; i < argc; ++i) verbose |= !strcmp(argv[i], "-v") || !strcmp(argv[i], "--verbose");
+  if (!verbose) setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
   for (const auto& c : kCommands)
     if (name == c.name) {
       try {
-        return c.run(argc - 1, argv + 1);
+        const int status = c.run(argc - 1, argv + 1);
+        // What a command printed is lost when stdout can't take it (a full disk, a closed pipe).
+        std::cout.flush();
+        if (status == orvacli::kOk && (fflush(stdout) != 0 || ferror(stdout) || !std::cout))
+          return orvacli::fail(name, std::string("stdout: can't write (") + strerror(errno) + ")");
+        return status;
       } catch (const std::exception& e) {
         return orvacli::fail(name, e.what());
+      } catch (size_t) {
+        return orvacli::fail(name, "a file ended early or could not be written (short count)");
       }
     }
   std::cerr << "orva: unknown command '" << name << "'\n";

@@ -87,7 +87,23 @@ int write_set(const std::string& dir, int count, uint32_t seed) {
   return 0;
 }
 
+const char* const kUsage =
+    "usage: orva_train_proof [--minutes M] [--out DIR] [--train N] [--test N] [--seed S] [--eval-every SECONDS]\n"
+    "                        [--target F1] [--batch B] [--lr RATE] [--cost-scale S] [--coord W]\n"
+    "       orva_train_proof --write-set DIR COUNT [--seed S]\n"
+    "Teaches a small detector from rendered scenes for --minutes (default 30), evaluating on held-out\n"
+    "scenes; writes its log and weights to --out (default: the current folder). See docs/TRAINING.md.\n";
+
 int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i)
+    if (!strcmp(argv[i], "-h") || !strcmp(argv[i], "--help")) {
+      fputs(kUsage, stdout);
+      return 0;
+    }
+  if (argc % 2 == 0 && !(argc >= 4 && strcmp(argv[1], "--write-set") == 0)) {
+    fprintf(stderr, "%s: every option takes a value\n%s", argc > 1 ? argv[argc - 1] : "", kUsage);
+    return 2;
+  }
   if (argc >= 4 && strcmp(argv[1], "--write-set") == 0)
     return write_set(argv[2], atoi(argv[3]), argc >= 6 ? (uint32_t)atoi(argv[5]) : 1u);
   Args a;
@@ -106,7 +122,7 @@ int main(int argc, char** argv) {
     else if (k == "--cost-scale") a.cost_scale = (float)atof(v);
     else if (k == "--coord") a.coord = (float)atof(v);
     else {
-      fprintf(stderr, "unknown option %s\n", k.c_str());
+      fprintf(stderr, "unknown option %s\n%s", k.c_str(), kUsage);
       return 2;
     }
   }
