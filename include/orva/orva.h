@@ -125,6 +125,9 @@ class Network {
   int _gpu_index;
   int _precision = FP32;
   int _siamese = 1;
+  // The load's choices, kept for resize.
+  bool _quant = false;
+  bool _fast = false;
   void* _gpu_handle;
   int _truths = 0;
   void* _workspace = nullptr;

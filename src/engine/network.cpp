@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "backend/device_error.h"
 #include "base/checked_size.h"
 #include "orva/chksum.h"
 #include "orva/config.h"
@@ -134,7 +135,10 @@ void Network::_loadWeights(const char* path, bool quant) {
     uint64_t seen = 0;
     chk_fread(&seen, 8, 1, fp);
     _seen = (size_t)seen;
-    for (layer = 0; layer < (int)_layers.size(); ++layer) _layers[layer]->loadWeight(fp, quant);
+    for (layer = 0; layer < (int)_layers.size(); ++layer) {
+      Layer* l = _layers[layer];
+      layer_step(LayerType::name(l->type), layer, "loading weights", [&] { l->loadWeight(fp, quant); });
+    }
   } catch (size_t) {
     if (layer < 0)
       ORVA_ERROR("weights file %s has %lld bytes, fewer than the 20 of its header", path, bytes);
@@ -225,7 +229,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
     params.index = (int)_layers.size();
     ORVA_MSG(INFO, "%4d  ", params.index);
     _layers.push_back(l);  // owned from here on, even if its configuration fails
-    l->parseConfig(cfg, params);
+    layer_step(name, params.index, "building", [&] { l->parseConfig(cfg, params); });
     const std::string fault = layer_bounds_fault(l, elements);
     if (!fault.empty()) ORVA_FATAL("%s (layer %d): %s", name, params.index, fault.c_str());
     params.batch = l->_batch;
@@ -307,12 +311,17 @@ void Network::resize(int w, int h) {
   params.h = h;
   params.w = w;
   params.c = iC;
+  // The layers are remade with the choices they were built with: an 8-bit layer needs its
+  // 8-bit plan and quantised-input room again.
+  params.quant = _quant;
+  params.fast = _fast;
   params.net = this;
   size_t workspace = 0, qinput = 0;
   int64_t elements = 0;
   try {
-    for (Layer* l : _layers) {
-      l->resize(params);
+    for (size_t i = 0; i < _layers.size(); ++i) {
+      Layer* l = _layers[i];
+      layer_step(LayerType::name(l->type), (int)i, "resizing", [&] { l->resize(params); });
       const std::string fault = layer_bounds_fault(l, elements);
       if (!fault.empty()) throw std::runtime_error("resize: " + fault);
       params.h = l->_out_h;
@@ -342,8 +351,9 @@ void Network::_forward(int batch) {
   params.net = this;
   params.batch = _siamese * batch;
   params.siamese = _siamese;
-  for (Layer* l : _layers) {
-    l->forward(params);
+  for (size_t i = 0; i < _layers.size(); ++i) {
+    Layer* l = _layers[i];
+    layer_step(LayerType::name(l->type), (int)i, "forward", [&] { l->forward(params); });
     params.input = l->_output;
     params.batch = _siamese * batch;
   }
@@ -357,8 +367,8 @@ InputParams Network::_firstInputParams(int nBatch, int iH, int iW, int iC, bool 
   params.h = iH;
   params.w = iW;
   params.c = iC;
-  params.quant = quant;
-  params.fast = fast;
+  params.quant = _quant = quant;
+  params.fast = _fast = fast;
   params.net = this;
   ORVA_MSG(INFO, "LAYER      FILTER     SIZE          INPUT                 OUTPUT        FLOPS\n");
   return params;
@@ -530,7 +540,10 @@ int Network::load(const char* path_net, bool quant, bool fast) {
 
 void Network::_loadModel(FILE* fp, bool quant, bool fast) {
   _loadConfig(fp, quant, fast);
-  for (Layer* l : _layers) l->loadWeight(fp, quant);
+  for (size_t i = 0; i < _layers.size(); ++i) {
+    Layer* l = _layers[i];
+    layer_step(LayerType::name(l->type), (int)i, "loading weights", [&] { l->loadWeight(fp, quant); });
+  }
 }
 
 void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
@@ -574,7 +587,7 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
     _layers.push_back(l);
     params.index = i;
     ORVA_MSG(INFO, "%4d  ", i);
-    l->loadConfig(fp, params);
+    layer_step(LayerType::name(type), i, "building", [&] { l->loadConfig(fp, params); });
     const std::string fault = layer_bounds_fault(l, elements);
     if (!fault.empty()) {
       snprintf(why, sizeof(why), "Invalid model format: record %d (type %d): %s", i, type, fault.c_str());

@@ -55,8 +55,6 @@ float conv_quantize_weights(void* handle, ConvPlan* plan, Ftype* weight, int n, 
 // batch * inputs bytes each), then output = qscale * conv(qinput, qweight) + bias.
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, Ftype* input, float iqthresh, char* qinput,
                        signed char* qweight, float qscale, Ftype* bias, Ftype* output, void* workspace);
-// Destroys the cuDNN descriptors held in a layer's base fields (nothing on the host).
-void conv_release_descriptors(void* handle, ORVA::Layer* l);
 
 namespace cpu {
 ConvPlan* conv_plan_create(void* handle, const ConvShape& shape);
@@ -71,7 +69,6 @@ void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delt
 void conv_repack_int8(void* handle, ConvPlan* plan, signed char* qweight);
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, char* qinput, signed char* qweight, float qscale,
                        Ftype* bias, Ftype* output, void* workspace);
-void conv_release_descriptors(void* handle, ORVA::Layer* l);
 // Dilated im2col / col2im of one image: rows (c * size + ky) * size + kx, columns out_h * out_w.
 void conv_im2col(const Ftype* im, int channels, int height, int width, int size, int stride, int pad,
                  int dilation, int out_h, int out_w, Ftype* col);
@@ -95,5 +92,4 @@ void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delt
 void conv_repack_int8(void* handle, ConvPlan* plan, signed char* qweight);
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, char* qinput, signed char* qweight, float qscale,
                        Ftype* bias, Ftype* output, void* workspace);
-void conv_release_descriptors(void* handle, ORVA::Layer* l);
 }  // namespace gpu
