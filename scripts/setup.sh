@@ -10,6 +10,10 @@ pkgs=(cmake g++ make pkg-config ccache libopencv-dev libtbb-dev libopenblas-dev
       python3-matplotlib)  # training curves
 # the orva program: argument parsing and JSON
 pkgs+=(libcli11-dev nlohmann-json3-dev)
+# the GStreamer elements (src/gst) and their tests: videotestsrc, videoconvert, appsrc/appsink,
+# jpegdec and the MP4 muxer
+pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base
+       gstreamer1.0-plugins-good)
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 apt_install() {
@@ -94,16 +98,18 @@ fetch_coco_model() {
 fetch_coco_model
 
 # OpenCV's pedestrian sample video (768 x 576, 795 frames) from the Debian package
-# opencv-doc: downloaded, not installed; only models/vtest.avi is kept.
+# opencv-doc: downloaded, not installed; only models/vtest.avi is taken out of it.
 fetch_street_video() {
   local dest="$root/models/vtest.avi"
   [ -f "$dest" ] && return 0
   local tmp
   tmp=$(mktemp -d)
   if (cd "$tmp" && apt-get download opencv-doc >/dev/null 2>&1); then
-    dpkg -x "$tmp"/opencv-doc_*.deb "$tmp/x"
+    # Only the one file leaves the package (dpkg -x would unpack all of it).
+    local member=./usr/share/doc/opencv-doc/examples/data/vtest.avi
+    dpkg-deb --fsys-tarfile "$tmp"/opencv-doc_*.deb | tar -x -C "$tmp" "$member"
     mkdir -p "$root/models"
-    mv "$tmp/x/usr/share/doc/opencv-doc/examples/data/vtest.avi" "$dest"
+    mv "$tmp/$member" "$dest"
   else
     echo "setup: apt-get download opencv-doc failed; no street video" >&2
   fi

@@ -107,16 +107,10 @@ TEST(BoxHelpers, OverlapMeasures) {
 
 // ---- The analytic detector -----------------------------------------------------------------
 
-// A 1 x 1 convolution before a region head on a 16 x 12 input (grid = input). Anchor 0 lights
-// up where the frame is red, anchor 1 where it is blue; class 1 wins where it is also green.
+// The analytic detector of network_test_util.h.
 constexpr int kW = 16, kH = 12, kAnchors = 2, kClasses = 2;
 // Half sizes a 128th past the half cell keep every box edge off pixel boundaries.
 const float kAnchorSize[4] = {1.015625f, 2.515625f, 3.015625f, 1.015625f};
-
-const char* kDetectorCfg =
-    "[network]\nwidth=16\nheight=12\nchannels=3\n"
-    "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
-    "[region]\nclasses=2\nnum=2\nanchors=1.015625,2.515625, 3.015625,1.015625\n";
 
 struct Hot {
   int i, j;
@@ -124,21 +118,6 @@ struct Hot {
 };
 // (2, 6) and (2, 7) overlap with IoU 0.43 (hard 0.4 removes the lower one, soft does not); the rest stand apart.
 const Hot kHot[] = {{2, 2, 1, 0, 0}, {8, 5, 1, 1, 0}, {12, 9, 0, 0, 1}, {5, 9, 0, 1, 1}, {2, 6, 1, 1, 0}, {2, 7, 1, 0, 0}};
-
-void set_detector_weights(ORVA::Network& net) {
-  auto* conv = conv_at(net, 0);
-  std::vector<float> w(14 * 3, 0.f), b(14, 0.f);
-  for (int n = 0; n < kAnchors; ++n) {
-    const int base = n * 7;  // x, y, w, h, objectness, class 0, class 1
-    w[(base + 4) * 3 + (n == 0 ? 0 : 2)] = 8.f;  // plane 0 is red, plane 2 blue
-    b[base + 4] = -4.f;
-    b[base + 5] = 0.5f;
-    w[(base + 6) * 3 + 1] = 0.5f;
-    b[base + 6] = 0.25f;
-  }
-  push(net.getHandle(), conv->_weight, to_halves(w));
-  push(net.getHandle(), conv->_bias, to_halves(b));
-}
 
 cv::Mat detector_frame() {
   cv::Mat m(kH, kW, CV_8UC3, cv::Scalar(0, 0, 0));
@@ -194,10 +173,10 @@ class DetectNetworkTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(DetectNetworkTest, AnalyticDetectorSingleAndBatch) {
   const std::string cfg = temp_path("detector.cfg");
-  write_file(cfg, kDetectorCfg);
+  write_file(cfg, kAnalyticDetectorCfg);
   ORVA::DetectNetwork net(ORVA::TEST, 4, GetParam());
   ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
-  set_detector_weights(net);
+  set_analytic_detector_weights(net);
   EXPECT_EQ(net.getClassNum(), kClasses);
   EXPECT_EQ(net._gridsz, kW * kH * kAnchors);
   cv::Mat frame = detector_frame();

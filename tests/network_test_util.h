@@ -83,6 +83,29 @@ inline std::vector<float> predict_copy(ORVA::Network& net, std::vector<float> in
   return std::vector<float>(out, out + (size_t)n * net.getOutputs());
 }
 
+// The analytic detector: a 1 x 1 convolution before a region head on a 16 x 12 input (grid =
+// input). Anchor 0 (1 x 2.5 cells) lights up where the frame is red, anchor 1 (3 x 1 cells)
+// where it is blue: objectness logistic(8 x colour - 4); class 1 wins where it is also green.
+inline const char* kAnalyticDetectorCfg =
+    "[network]\nwidth=16\nheight=12\nchannels=3\n"
+    "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
+    "[region]\nclasses=2\nnum=2\nanchors=1.015625,2.515625, 3.015625,1.015625\n";
+
+inline void set_analytic_detector_weights(ORVA::Network& net) {
+  auto* conv = conv_at(net, 0);
+  std::vector<float> w(14 * 3, 0.f), b(14, 0.f);
+  for (int n = 0; n < 2; ++n) {
+    const int base = n * 7;  // x, y, w, h, objectness, class 0, class 1
+    w[(base + 4) * 3 + (n == 0 ? 0 : 2)] = 8.f;  // plane 0 is red, plane 2 blue
+    b[base + 4] = -4.f;
+    b[base + 5] = 0.5f;
+    w[(base + 6) * 3 + 1] = 0.5f;
+    b[base + 6] = 0.25f;
+  }
+  push(net.getHandle(), conv->_weight, to_halves(w));
+  push(net.getHandle(), conv->_bias, to_halves(b));
+}
+
 inline double reference_activation(int type, double x) {
   switch (type) {
     case 0: return 1.0 / (1.0 + std::exp(-x));                    // logistic
