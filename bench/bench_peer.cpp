@@ -28,7 +28,10 @@
 #include <string>
 #include <vector>
 
+#include "darknet.h"
+#include "layer/yolo_layer.h"
 #include "orva/orva.h"
+#include "yolo_families.h"
 
 namespace {
 
@@ -65,6 +68,9 @@ struct PeerModel {
   // A model file whose weights replace the random ones when it exists (same layers in the
   // same order; a head without weights may follow them).
   std::string weights_from;
+  // A network written in the dialect (bench/yolo_families.h) instead of the layer list: both
+  // engines run it whole, heads included, and the top head's decoded rows are compared.
+  std::string (*darknet)(int w, int h) = nullptr;
 };
 
 std::vector<PeerModel> networks() {
@@ -98,6 +104,8 @@ std::vector<PeerModel> networks() {
         depthwise(128), conv(256, 1, 1, false), maxpool(2, 2), depthwise(256), conv(512, 1, 1, false), maxpool(2, 1),
         conv(30, 1, 1, false, "linear")},
        "models/face.orva"},
+      // YOLOv4-tiny: grouped routes, stride-1 pools, upsampling and two yolo heads; 80 classes.
+      {"yolov4-tiny", 416, 416, 3, {}, "", yolo_families::tiny_v4},
   };
 }
 
@@ -245,31 +253,83 @@ double time_ms(F f) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
 
+// A dialect network: converted through the importer to a model file for the host, the
+// description and weights file as they are for OpenCV.
+bool load_darknet(const PeerModel& model, const std::string& base, ORVA::Network& net, cv::dnn::Net& peer,
+                  std::mt19937& rng) {
+  const std::string dcfg = base + ".darknet.cfg", weights = base + ".weights", file = base + ".orva";
+  write_text(dcfg, model.darknet(model.w, model.h));
+  try {
+    const auto sections = orvacli::readDarknetCfg(dcfg);
+    const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
+    const std::vector<unsigned char> bytes =
+        yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
+    FILE* f = fopen(weights.c_str(), "wb");
+    if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) throw std::runtime_error("cannot write " + weights);
+    fclose(f);
+    orvacli::writeModel(orvacli::darknetToEngine(sections, dcfg, &bytes, weights), file);
+    net.load(file.c_str());
+    peer = cv::dnn::readNetFromDarknet(dcfg, weights);
+  } catch (const std::exception& e) {
+    fprintf(stderr, "%s: %s\n", model.name, e.what());
+    return false;
+  }
+  remove(dcfg.c_str());
+  remove(weights.c_str());
+  remove(file.c_str());
+  return true;
+}
+
+// The top yolo head's rows (box and objectness) of both engines as two flat arrays.
+void yolo_rows(ORVA::Network& net, const float* host_out, const cv::Mat& peer_out, int batch, std::vector<float>& a,
+               std::vector<float>& b) {
+  auto* y = static_cast<ORVA::YoloLayer*>(net.getOutputLayer());
+  const int W = y->_in_w, H = y->_in_h, A = y->_anchors, rows = W * H * A;
+  for (int n = 0; n < batch; ++n)
+    for (int j = 0; j < H; ++j)
+      for (int i = 0; i < W; ++i)
+        for (int k = 0; k < A; ++k) {
+          const float* out = host_out + (size_t)n * y->_outputs;
+          const ORVA::BBox box = y->decode(out, k, i, j);
+          const float mine[5] = {box.x, box.y, box.w, box.h, out[y->_entry_index(0, k, j * W + i, 4)]};
+          const float* r = peer_out.ptr<float>() + ((size_t)n * rows + (j * W + i) * A + k) * (5 + y->_classes);
+          a.insert(a.end(), mine, mine + 5);
+          b.insert(b.end(), r, r + 5);
+        }
+}
+
 // Model weights (a file copied once per network) or fresh random ones for each row.
 bool run_row(const PeerModel& model, const std::string& model_weights, int batch, int threads, const Options& opt,
              std::mt19937& rng) {
   const std::string base = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid());
   const std::string ocfg = base + ".orva.cfg", dcfg = base + ".darknet.cfg";
   const std::string weights = model_weights.empty() ? base + ".weights" : model_weights;
-  write_text(ocfg, orva_cfg(model, batch));
-  write_text(dcfg, darknet_cfg(model, batch));
-  if (model_weights.empty()) write_weights(model, weights, rng);
+  if (!model.darknet) {
+    write_text(ocfg, orva_cfg(model, batch));
+    write_text(dcfg, darknet_cfg(model, batch));
+    if (model_weights.empty()) write_weights(model, weights, rng);
+  }
 
   std::vector<float> input((size_t)batch * model.c * model.h * model.w);
   std::uniform_real_distribution<float> pixel(0.f, 1.f);
   for (float& v : input) v = pixel(rng);
 
   ORVA::Network net(ORVA::TEST, batch, -1);
-  if (net.load(ocfg.c_str(), weights.c_str()) != 0) {
-    fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
-    return false;
+  cv::dnn::Net peer;
+  if (model.darknet) {
+    if (!load_darknet(model, base, net, peer, rng)) return false;
+  } else {
+    if (net.load(ocfg.c_str(), weights.c_str()) != 0) {
+      fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
+      return false;
+    }
+    peer = cv::dnn::readNetFromDarknet(dcfg, weights);
+    remove(ocfg.c_str());
+    remove(dcfg.c_str());
+    if (model_weights.empty()) remove(weights.c_str());
   }
-  cv::dnn::Net peer = cv::dnn::readNetFromDarknet(dcfg, weights);
   peer.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
   peer.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
-  remove(ocfg.c_str());
-  remove(dcfg.c_str());
-  if (model_weights.empty()) remove(weights.c_str());
 
   const int dims[4] = {batch, model.c, model.h, model.w};
   cv::Mat blob(4, dims, CV_32F, input.data());
@@ -293,12 +353,25 @@ bool run_row(const PeerModel& model, const std::string& model_weights, int batch
     peer_ms.push_back(time_ms(peer_pass));
   }
 
-  const size_t outputs = (size_t)net.getOutputs() * batch;
-  if (peer_out.total() != outputs || !peer_out.isContinuous()) {
-    fprintf(stderr, "%s: output sizes differ (host %zu, OpenCV %zu)\n", model.name, outputs, peer_out.total());
-    return false;
+  double diff;
+  if (model.darknet) {
+    const auto* y = net.getOutputLayer();
+    const size_t want = (size_t)batch * y->_outputs;  // rows x (5 + classes) per item
+    if (peer_out.total() != want || !peer_out.isContinuous()) {
+      fprintf(stderr, "%s: OpenCV gives %zu values for the top head, the host %zu\n", model.name, peer_out.total(), want);
+      return false;
+    }
+    std::vector<float> a, b;
+    yolo_rows(net, host_out, peer_out, batch, a, b);
+    diff = relative_l2(a.data(), b.data(), a.size());
+  } else {
+    const size_t outputs = (size_t)net.getOutputs() * batch;
+    if (peer_out.total() != outputs || !peer_out.isContinuous()) {
+      fprintf(stderr, "%s: output sizes differ (host %zu, OpenCV %zu)\n", model.name, outputs, peer_out.total());
+      return false;
+    }
+    diff = relative_l2(host_out, peer_out.ptr<float>(), outputs);
   }
-  const double diff = relative_l2(host_out, peer_out.ptr<float>(), outputs);
   const Stats h = stats(host_ms), p = stats(peer_ms);
   const bool ok = diff < 1e-2;
   printf("%-12s %5d %7d %9.2f %9.2f %9.2f %9.2f %7.2f %10.2e%s\n", model.name, batch, threads, h.min_ms, h.median_ms,

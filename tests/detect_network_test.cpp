@@ -97,6 +97,27 @@ TEST(BoxSuppression, EqualScoresKeepOne) {
   EXPECT_EQ(prob[2], 0.9f);
 }
 
+// Class-wise greedy suppression: a chain A > B > C where A and B overlap (IoU 1/3) and B and C
+// overlap (1/3) but A and C do not keeps A and C (B dropped by A can't drop C); another class
+// overlapping A stands; the centre-distance overlap (1/3 - 0.1) no longer drops B at 0.3.
+TEST(BoxSuppression, ClassWiseGreedyKeepsTheChainEnds) {
+  const std::vector<BBox> box = {{0.3f, 0.5f, 0.4f, 0.2f}, {0.5f, 0.5f, 0.4f, 0.2f}, {0.7f, 0.5f, 0.4f, 0.2f},
+                                 {0.3f, 0.5f, 0.4f, 0.2f}};
+  const std::vector<int> cid = {0, 0, 0, 1};
+  struct Case {
+    float beta;
+    std::vector<float> want;
+  } cases[] = {{-1, {0.9f, 0, 0.7f, 0.5f}}, {1, {0.9f, 0.8f, 0.7f, 0.5f}}};
+  for (const Case& c : cases) {
+    std::vector<BBox> b = box;
+    std::vector<float> prob = {0.9f, 0.8f, 0.7f, 0.5f};
+    std::vector<int> rank(4);
+    ORVA::box_nms_class(b.data(), prob.data(), cid.data(), rank.data(), 4, 0.3f, 0.1f, c.beta);
+    EXPECT_EQ(prob, c.want) << "beta " << c.beta;
+    expect_ranked(prob, rank);
+  }
+}
+
 TEST(BoxHelpers, OverlapMeasures) {
   const BBox a{0.5f, 0.5f, 0.4f, 0.2f};
   EXPECT_FLOAT_EQ(ORVA::box_iou(a, BBox{0.7f, 0.5f, 0.4f, 0.2f}), 1.f / 3.f);  // suppression covers the rest

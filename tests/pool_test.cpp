@@ -30,7 +30,7 @@ std::vector<double> reference_pool(ORVA::Network& net, int batch) {
     }
     return out;
   }
-  const bool max = l->type == ORVA::LAYER_MAXPOOL;
+  const bool max = l->type == ORVA::LAYER_MAXPOOL || l->type == ORVA::LAYER_CMAXPOOL;
   int size, stride, pad;
   if (max) {
     auto* m = static_cast<ORVA::MaxpoolLayer*>(l);
@@ -39,9 +39,11 @@ std::vector<double> reference_pool(ORVA::Network& net, int batch) {
     auto* a = static_cast<ORVA::AvgpoolLayer*>(l);
     size = a->_size, stride = a->_stride, pad = a->_pad;
   }
-  // The output side does not depend on the window: (in + 2 pad) / stride.
-  EXPECT_EQ(l->_out_w, (w + 2 * pad) / stride);
-  EXPECT_EQ(l->_out_h, (h + 2 * pad) / stride);
+  // The output side does not depend on the window, (in + 2 pad) / stride, except for centred
+  // windows: (in + 2 pad - size) / stride + 1.
+  const int cut = l->type == ORVA::LAYER_CMAXPOOL ? size - stride : 0;
+  EXPECT_EQ(l->_out_w, (w + 2 * pad - cut) / stride);
+  EXPECT_EQ(l->_out_h, (h + 2 * pad - cut) / stride);
   for (int k = 0; k < planes; ++k)
     for (int i = 0; i < l->_out_h; ++i)
       for (int j = 0; j < l->_out_w; ++j) {
@@ -76,6 +78,9 @@ TEST(PoolForward, MatchesReferenceOnEveryBackend) {
       {7, 5, 3, "[maxpool]\nsize=2\nstride=1\n", kHalfRounding},
       {21, 5, 2, "[maxpool]\nsize=3\nstride=1\n", kHalfRounding},  // wide enough for the host's 8-lane rows
       {10, 9, 2, "[maxpool]\nsize=3\nstride=2\npad=0\n", kHalfRounding},
+      {13, 11, 3, "[maxpool]\nsize=5\nstride=1\npad=2\ncentred=1\n", kHalfRounding},  // the pyramid's pools
+      {9, 10, 2, "[maxpool]\nsize=9\nstride=1\npad=4\ncentred=1\n", kHalfRounding},
+      {10, 9, 2, "[maxpool]\nsize=3\nstride=2\npad=1\ncentred=1\n", kHalfRounding},
       {7, 6, 3, "[avgpool]\nsize=2\nstride=2\npad=1\n", kHalfChain},  // corner windows hold one value
       {5, 6, 2, "[avgpool]\nsize=3\nstride=1\n", kHalfChain},
       {22, 4, 2, "[avgpool]\nsize=3\nstride=1\n", kHalfChain},
@@ -100,6 +105,7 @@ TEST(PoolBackward, MatchesFiniteDifferences) {
   const Case cases[] = {
       {7, 6, "[maxpool]\nsize=2\nstride=2\n", 0.02f, true}, {7, 6, "[maxpool]\nsize=3\nstride=1\n", 0.02f, true},
       {21, 4, "[maxpool]\nsize=3\nstride=1\n", 0.02f, true}, {20, 4, "[maxpool]\nsize=2\nstride=2\n", 0.02f, true},
+      {7, 6, "[maxpool]\nsize=5\nstride=1\npad=2\ncentred=1\n", 0.02f, true},
       {7, 6, "[avgpool]\nsize=3\nstride=2\n", 1.f, false},  {4, 3, "[avgpool]\n", 1.f, false},
       {4, 3, "[avgpool]\nsquare=1\n", 1.f, false},           {2, 2, "[avgpool]\ntmin=1\ntmax=1\n", 0.03f, true},
   };

@@ -104,9 +104,8 @@ const char* layerTypeName(int type) {
       "convolution", "?",        "fconn",   "maxpool",  "softmax", "?",       "dropout", "?",
       "route",       "cost",     "?",       "avgpool",  "?",       "shortcut", "activation", "?",
       "?",           "?",        "?",       "batchnorm", "?",      "region",  "reorg",   "upsample",
-      "spresize",    "scalemap", "attention", "dynact", "smerge",  "qregion", "heatmap", "detobj"};
-  if (type == ORVA::LAYER_RESIZE) return "resize";
-  if (type == ORVA::LAYER_CENTERNET) return "centernet";
+      "spresize",    "scalemap", "attention", "dynact", "smerge",  "qregion", "heatmap", "detobj",
+      "yolo",        "resize",   "centernet",       "cmaxpool", "groute"};
   return type >= 0 && type < (int)(sizeof kNames / sizeof *kNames) ? kNames[type] : "?";
 }
 

@@ -48,7 +48,7 @@ int cmd_info(int argc, char** argv) {
   // Classes: a detection head knows its count; a classifier has one output per class.
   int classes = 0;
   if (top->type == ORVA::LAYER_REGION || top->type == ORVA::LAYER_QREGION || top->type == ORVA::LAYER_DETOBJ ||
-      top->type == ORVA::LAYER_CENTERNET) {
+      top->type == ORVA::LAYER_CENTERNET || top->type == ORVA::LAYER_YOLO) {
     ORVA::DetectNetwork det(ORVA::TEST, 1, o.gpu);
     loadNetwork(det, o);
     classes = det.getClassNum();

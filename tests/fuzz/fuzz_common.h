@@ -97,6 +97,10 @@ inline const std::vector<std::string>& descriptions() {
       "[network]\nwidth=16\nheight=16\nchannels=3\n[convolution]\nfilters=6\nsize=4\nstride=2\npad=1\nactivation=hswish\n"
       "[resize]\nhalf_pixel=1\n[resize]\nwidth=5\nheight=7\nalign_corners=1\n[convolution]\nfilters=6\nsize=1\n"
       "activation=hsigmoid\n[centernet]\nclasses=2\nstride=2\nscale=4\n",
+      "[network]\nwidth=16\nheight=12\nchannels=3\n[convolution]\nfilters=8\nsize=3\nactivation=swish\n"
+      "[route]\nlayers=-1\ngroups=2\ngroup_id=1\n[maxpool]\nsize=5\nstride=1\npad=2\ncentred=1\n"
+      "[route]\nlayers=-1,-3\n[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
+      "[yolo]\nclasses=2\nnum=3\nmask=1,2\nanchors=2,3, 5,4, 9,8\nscale_x_y=1.1\nnms_kind=diounms\n",
   };
   return d;
 }
