@@ -12,12 +12,6 @@ std::vector<int> test_backends() {
   return v;
 }
 
-bool cudnn_missing(int gpu_index) {
-  if (gpu_index < 0 || !cuda_emulated()) return false;
-  printf("  (emulated CUDA left out: " ORVA_NO_CUDNN_REASON ")\n");
-  return true;
-}
-
 std::string backend_param_name(const ::testing::TestParamInfo<int>& info) {
   if (info.param < 0) return "host";
   return (cuda_emulated() ? "cudaemu" : "cuda") + std::to_string(info.param);

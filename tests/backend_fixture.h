@@ -14,10 +14,6 @@ namespace orva_test {
 // gpu_index values to run on: -1 (host) first, then 0 when a CUDA device is usable (in an
 // emulated build, the emulated device).
 std::vector<int> test_backends();
-// cuDNN has no emulation: true, after printing why, when `gpu_index` is the emulated CUDA
-// device, so a test of an operation built on cuDNN leaves that backend out.
-bool cudnn_missing(int gpu_index);
-#define ORVA_NO_CUDNN_REASON "cuDNN is not emulated; this operation runs through cuDNN on CUDA"
 std::string backend_param_name(const ::testing::TestParamInfo<int>& info);
 
 // A fresh seed per process, printed once; ORVA_TEST_SEED replays a run.
@@ -59,8 +55,6 @@ class OnEachBackend : public ::testing::TestWithParam<int> {
   void TearDown() override { destroy_handle(&_ctx); }
   void* handle() { return &_ctx; }
   bool on_cuda() const { return handle_kind(&_ctx) == ORVA::BackendKind::CUDA; }
-  // For tests of cuDNN operations: if (cudnn_missing()) GTEST_SKIP() << ORVA_NO_CUDNN_REASON;
-  bool cudnn_missing() const { return on_cuda() && cuda_emulated(); }
 
  private:
   CudaHandle _ctx{};

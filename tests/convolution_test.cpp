@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "base/checked_size.h"
 #include "orva/conv.h"
 #include "network_test_util.h"
 #include "orva/activation.h"
@@ -27,7 +28,7 @@ constexpr double kCudaTol = kHalfAccumulate;
 constexpr double kInt8Tol = 3e-2;
 
 std::unique_ptr<ConvolutionLayer> make_conv(void* handle, int mode, const std::string& keys, int c, int h, int w,
-                                            int batch, bool quant = false) {
+                                            int batch, bool quant = false, bool fast = false) {
   const std::string path = temp_path("layer.cfg");
   write_file(path, "[convolution]\n" + keys);
   ConfigReader cfg;
@@ -40,6 +41,7 @@ std::unique_ptr<ConvolutionLayer> make_conv(void* handle, int mode, const std::s
   params.inputs = h * w * c;
   params.nsect = 0;
   params.quant = quant;
+  params.fast = fast;
   ORVA::Layer* l = ORVA::LayerType::create("convolution", mode, nullptr, handle);
   l->parseConfig(cfg, params);
   return std::unique_ptr<ConvolutionLayer>(static_cast<ConvolutionLayer*>(l));
@@ -69,7 +71,6 @@ TEST(ConvolutionStack, MatchesReferenceLayerByLayerAndEndToEnd) {
   std::vector<float> host_out;
   std::unique_ptr<ORVA::Network> host;
   for (int gpu : test_backends()) {
-    if (cudnn_missing(gpu)) continue;
     auto net = std::make_unique<ORVA::Network>(ORVA::TEST, batch, gpu);
     ASSERT_EQ(net->load(data_path("conv_stack.cfg").c_str(), nullptr, false, false), 0);
     ASSERT_EQ(net->getLayerCount(), 5);
@@ -102,7 +103,6 @@ TEST(ConvolutionStack, FoldedBatchnormMatchesUnfoldedInference) {
   const std::string weights = temp_path("stack.weights");
   std::vector<float> input = random_floats(16 * 12 * 4, 0.f, 1.f);
   for (int gpu : test_backends()) {
-    if (cudnn_missing(gpu)) continue;
     ORVA::Network unfolded(ORVA::TEST, 1, gpu);
     ASSERT_EQ(unfolded.load(data_path("conv_stack.cfg").c_str(), nullptr), 0);
     randomize_network(unfolded);
@@ -126,7 +126,6 @@ struct Geometry {
 class ConvolutionForward : public OnEachBackend {};
 
 TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
-  if (cudnn_missing()) GTEST_SKIP() << ORVA_NO_CUDNN_REASON;
   const Geometry cases[] = {
       {"filters=6\nsize=3\nactivation=leaky\n", 4, 9, 11},
       {"filters=4\nsize=3\nstride=2\npad=0\nactivation=relu\n", 3, 10, 9},
@@ -146,8 +145,10 @@ TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
       {"filters=8\nsize=3\nstride=2\ngroups=8\ndilation=2\n", 8, 13, 19},
   };
   const int batch = 2;
+  // On CUDA both algorithm choices: measured, and the library's heuristic.
+  for (const bool fast : on_cuda() ? std::vector<bool>{false, true} : std::vector<bool>{false})
   for (const Geometry& g : cases) {
-    auto l = make_conv(handle(), ORVA::TEST, g.keys, g.c, g.h, g.w, batch);
+    auto l = make_conv(handle(), ORVA::TEST, g.keys, g.c, g.h, g.w, batch, false, fast);
     randomize_conv(l.get());
     LayerRun run(l.get());
     const std::vector<Ftype> x = random_halves((size_t)batch * l->_inputs, -1.f, 1.f);
@@ -327,6 +328,122 @@ TEST(ConvolutionInt8, EmulationMatchesFloatReference) {
     EXPECT_TRUE(NearL2(ref, run.forward(x, batch), kInt8Tol)) << "threshold " << thresh;
   }
   destroy_handle(&ctx);
+}
+
+
+// A network loaded for 8-bit inference and resized must run its 8-bit path on buffers made
+// for the new size, with the weights and biases it loaded: the same as one built at that size.
+TEST(ConvolutionInt8, ResizedNetworkMatchesOneBuiltAtTheNewSize) {
+  const auto text = [](int w, int h) {
+    std::string t = "[network]\nwidth=" + std::to_string(w) + "\nheight=" + std::to_string(h) + "\nchannels=3\n";
+    for (const char* keys : {"filters=8\nsize=3\nactivation=leaky\n", "filters=8\nsize=3\nstride=2\nactivation=relu\n",
+                             "filters=4\nsize=1\nactivation=linear\n"})
+      t += std::string("[convolution]\nquant_thresh=4\n") + keys;
+    return t;
+  };
+  const int batch = 2;
+  const std::string small = temp_path("small.cfg"), large = temp_path("large.cfg");
+  const std::string weights = temp_path("resize.weights");
+  write_file(small, text(32, 24));
+  write_file(large, text(48, 40));
+  {
+    ORVA::Network net(ORVA::TEST, batch, -1);
+    ASSERT_EQ(net.load(small.c_str(), nullptr), 0);
+    randomize_network(net);
+    net.save(weights.c_str(), false);
+  }
+  const std::vector<float> input = random_floats((size_t)batch * 48 * 40 * 3, 0.f, 1.f);
+  std::vector<float> host_built;
+  for (int gpu : test_backends()) {
+    ORVA::Network built(ORVA::TEST, batch, gpu), resized(ORVA::TEST, batch, gpu);
+    ASSERT_EQ(built.load(large.c_str(), weights.c_str(), true), 0);
+    ASSERT_EQ(resized.load(small.c_str(), weights.c_str(), true), 0);
+    ASSERT_NE(conv_at(resized, 1)->_qinput_size, 0u);
+    resized.resize(48, 40);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(conv_at(resized, i)->_qinput_size, conv_at(built, i)->_qinput_size) << i;
+    const std::vector<float> want = predict_copy(built, input, batch);
+    const std::vector<float> got = predict_copy(resized, input, batch);
+    EXPECT_EQ(got, want) << "backend " << gpu;
+    if (gpu < 0) {
+      host_built = want;
+    } else {
+      EXPECT_TRUE(NearL2(std::vector<double>(host_built.begin(), host_built.end()), got, kCudaTol)) << "CUDA vs host";
+      count_cuda_comparison();
+    }
+  }
+}
+
+// The 8-bit layer on each backend with the same weights and input: CUDA must agree with the
+// host twin, and a layout the packed four-channel path cannot take must fall back to half.
+struct Int8Case {
+  const char* keys;
+  int c, filters, groups;
+  bool eight_bit;  // whether the 8-bit path is expected
+};
+
+std::vector<Ftype> int8_forward(int gpu, const Int8Case& k, const std::vector<Ftype>& w, const std::vector<Ftype>& bias,
+                                const std::vector<Ftype>& x, int batch) {
+  CudaHandle ctx{};
+  create_handle(&ctx, gpu);
+  std::vector<Ftype> out;
+  {
+    auto l = make_conv(&ctx, ORVA::TEST, k.keys, k.c, 9, 7, batch, true);
+    EXPECT_EQ(l->_qinput_size != 0, k.eight_bit) << k.keys << " on backend " << gpu;
+    const std::string path = temp_path("int8case.weights");
+    std::vector<float> record = to_floats(bias);
+    const std::vector<float> wf = to_floats(w);
+    record.insert(record.end(), wf.begin(), wf.end());
+    write_bytes(path, std::vector<unsigned char>(reinterpret_cast<unsigned char*>(record.data()),
+                                                 reinterpret_cast<unsigned char*>(record.data() + record.size())));
+    FILE* fp = fopen(path.c_str(), "rb");
+    l->loadWeight(fp, true);
+    fclose(fp);
+    Buffer<char> qinput(&ctx, l->_qinput_size + 1);
+    LayerRun run(l.get());
+    run.params.qinput = qinput.get();
+    out = run.forward(x, batch);
+  }
+  destroy_handle(&ctx);
+  return out;
+}
+
+TEST(ConvolutionInt8, CudaMatchesHostTwinAndUnpackableGroupsTakeHalf) {
+  const Int8Case cases[] = {
+      {"filters=8\nsize=3\nactivation=leaky\nquant_thresh=4\n", 8, 8, 1, true},
+      {"filters=8\nsize=3\nstride=2\ngroups=2\nquant_thresh=-4\n", 8, 8, 2, true},  // four channels per group
+      {"filters=4\nsize=3\ngroups=2\nactivation=relu\nquant_thresh=4\n", 4, 4, 2, false},   // two per group
+      {"filters=8\nsize=3\ngroups=8\nactivation=linear\nquant_thresh=4\n", 8, 8, 8, false},  // depthwise
+  };
+  const int batch = 2;
+  for (const Int8Case& k : cases) {
+    const std::vector<Ftype> w = random_halves((size_t)k.filters * (k.c / k.groups) * 9, -0.3f, 0.3f);
+    const std::vector<Ftype> bias = random_halves(k.filters, -0.5f, 0.5f);
+    const std::vector<Ftype> x = random_halves((size_t)batch * k.c * 9 * 7, -4.f, 4.f);
+    std::vector<Ftype> host;
+    for (int gpu : test_backends()) {
+      const std::vector<Ftype> got = int8_forward(gpu, k, w, bias, x, batch);
+      if (gpu < 0) {
+        host = got;
+        continue;
+      }
+      // The same integer sums and one rounding of qscale * sum + bias on both sides.
+      EXPECT_TRUE(NearEach(host, got, kHalfRounding)) << k.keys;
+      count_cuda_comparison();
+    }
+  }
+}
+
+// A large batch must not choose an algorithm whose workspace the network then refuses.
+TEST(ConvolutionPlan, WorkspaceStaysWithinTheNetworkLimit) {
+  for (int gpu : test_backends()) {
+    CudaHandle ctx{};
+    create_handle(&ctx, gpu);
+    for (bool fast : {false, true}) {
+      auto l = make_conv(&ctx, ORVA::TEST, "filters=4\nsize=3\n", 256, 64, 64, 64, false, fast);
+      EXPECT_LE(l->_workspace_size, (size_t)ORVA::kMaxWorkspaceBytes) << "backend " << gpu << (fast ? ", heuristic" : "");
+    }
+    destroy_handle(&ctx);
+  }
 }
 
 }  // namespace

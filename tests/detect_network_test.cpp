@@ -193,7 +193,6 @@ void expect_objects(const ORVA::DetectObjList& got, std::vector<Expected> want, 
 class DetectNetworkTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(DetectNetworkTest, AnalyticDetectorSingleAndBatch) {
-  if (cudnn_missing(GetParam())) GTEST_SKIP() << ORVA_NO_CUDNN_REASON;
   const std::string cfg = temp_path("detector.cfg");
   write_file(cfg, kAnalyticDetectorCfg);
   ORVA::DetectNetwork net(ORVA::TEST, 4, GetParam());

@@ -1,8 +1,12 @@
 // The emulated CUDA backend catches what a GPU would refuse or get wrong: launch shapes
-// outside CUDA's limits, a barrier reached by part of a block, and results that depend on
-// the order threads run in (shown by running in two orders).
+// outside CUDA's limits, a barrier reached by part of a block, results that depend on the
+// order threads run in (shown by running in two orders), and cuDNN calls with bad arguments.
 #include <gtest/gtest.h>
 
+#include <cudnn.h>
+
+#include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -187,3 +191,151 @@ TEST(EmulatedCuda, DeviceMemoryStartsAsNaNAndCopiesStayInside) {
 }
 
 }  // namespace
+
+// --- cuDNN ------------------------------------------------------------------------------------
+
+namespace {
+
+struct Desc {
+  Desc() {
+    cudnnCreateTensorDescriptor(&x);
+    cudnnCreateTensorDescriptor(&y);
+    cudnnCreateTensorDescriptor(&b);
+    cudnnCreateFilterDescriptor(&w);
+    cudnnCreateConvolutionDescriptor(&conv);
+    cudnnCreateActivationDescriptor(&act);
+    cudnnCreate(&h);
+  }
+  ~Desc() {
+    cudnnDestroyTensorDescriptor(x);
+    cudnnDestroyTensorDescriptor(y);
+    cudnnDestroyTensorDescriptor(b);
+    cudnnDestroyFilterDescriptor(w);
+    cudnnDestroyConvolutionDescriptor(conv);
+    cudnnDestroyActivationDescriptor(act);
+    cudnnDestroy(h);
+  }
+  // A half 3x3 convolution of 2 x 8 x 6 x 6 in `groups` groups, padded to keep the size.
+  void half_conv(int groups, int y_side = 6) {
+    cudnnSetTensor4dDescriptor(x, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 2, 8, 6, 6);
+    cudnnSetFilter4dDescriptor(w, CUDNN_DATA_HALF, CUDNN_TENSOR_NCHW, 4, 8 / groups, 3, 3);
+    cudnnSetConvolution2dDescriptor(conv, 1, 1, 1, 1, 1, 1, CUDNN_CROSS_CORRELATION, CUDNN_DATA_FLOAT);
+    cudnnSetConvolutionGroupCount(conv, groups);
+    cudnnSetTensor4dDescriptor(y, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 2, 4, y_side, y_side);
+  }
+  cudnnTensorDescriptor_t x, y, b;
+  cudnnFilterDescriptor_t w;
+  cudnnConvolutionDescriptor_t conv;
+  cudnnActivationDescriptor_t act;
+  cudnnHandle_t h;
+};
+
+}  // namespace
+
+TEST(EmulatedCudnn, BadCallsGetTheDocumentedStatusAndAFault) {
+  void* mem = nullptr;
+  ASSERT_EQ(cudaMalloc(&mem, 1 << 20), cudaSuccess);
+  char* ws = static_cast<char*>(mem) + (1 << 19);
+  const float one = 1.f, zero = 0.f;
+  struct Case {
+    const char* what;
+    cudnnStatus_t want;
+    std::function<cudnnStatus_t(Desc&)> call;
+  };
+  size_t bytes = 0;
+  const long live = orva_emu::cudnn_live_descriptors();
+  const std::vector<Case> cases = {
+      {"zero size", CUDNN_STATUS_BAD_PARAM,
+       [](Desc& d) { return cudnnSetTensor4dDescriptor(d.x, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 1, 0, 4, 4); }},
+      {"vector type outside the vector layout", CUDNN_STATUS_BAD_PARAM,
+       [](Desc& d) { return cudnnSetTensor4dDescriptor(d.x, CUDNN_TENSOR_NCHW, CUDNN_DATA_INT8x4, 1, 4, 4, 4); }},
+      {"vector filter of 2 channels", CUDNN_STATUS_BAD_PARAM,
+       [](Desc& d) { return cudnnSetFilter4dDescriptor(d.w, CUDNN_DATA_INT8x4, CUDNN_TENSOR_NCHW_VECT_C, 4, 2, 3, 3); }},
+      {"x.C != w.C x groups", CUDNN_STATUS_BAD_PARAM,
+       [&](Desc& d) {
+         d.half_conv(1);
+         cudnnSetConvolutionGroupCount(d.conv, 2);
+         return cudnnGetConvolutionForwardWorkspaceSize(d.h, d.x, d.w, d.conv, d.y, CUDNN_CONVOLUTION_FWD_ALGO_GEMM, &bytes);
+       }},
+      {"output dims off the rule", CUDNN_STATUS_BAD_PARAM,
+       [&](Desc& d) {
+         d.half_conv(2, 5);
+         return cudnnConvolutionForward(d.h, &one, d.x, mem, d.w, mem, d.conv, CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM,
+                                        nullptr, 0, &zero, d.y, mem);
+       }},
+      {"half input with float filters", CUDNN_STATUS_NOT_SUPPORTED,
+       [&](Desc& d) {
+         d.half_conv(1);
+         cudnnSetFilter4dDescriptor(d.w, CUDNN_DATA_FLOAT, CUDNN_TENSOR_NCHW, 4, 8, 3, 3);
+         return cudnnConvolutionForward(d.h, &one, d.x, mem, d.w, mem, d.conv, CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM,
+                                        nullptr, 0, &zero, d.y, mem);
+       }},
+      {"8-bit vector input with half output and bias", CUDNN_STATUS_NOT_SUPPORTED,
+       [&](Desc& d) {
+         cudnnSetTensor4dDescriptor(d.x, CUDNN_TENSOR_NCHW_VECT_C, CUDNN_DATA_INT8x4, 1, 4, 6, 6);
+         cudnnSetFilter4dDescriptor(d.w, CUDNN_DATA_INT8x4, CUDNN_TENSOR_NCHW_VECT_C, 4, 4, 3, 3);
+         cudnnSetConvolution2dDescriptor(d.conv, 1, 1, 1, 1, 1, 1, CUDNN_CROSS_CORRELATION, CUDNN_DATA_INT32);
+         cudnnSetTensor4dDescriptor(d.y, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 1, 4, 6, 6);
+         cudnnSetTensor4dDescriptor(d.b, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 1, 4, 1, 1);
+         cudnnSetActivationDescriptor(d.act, CUDNN_ACTIVATION_IDENTITY, CUDNN_NOT_PROPAGATE_NAN, 0.0);
+         return cudnnConvolutionBiasActivationForward(d.h, &one, d.x, mem, d.w, mem, d.conv,
+                                                      CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM, ws, 1 << 18,
+                                                      &zero, d.y, mem, d.b, mem, d.act, d.y, mem);
+       }},
+      {"workspace one byte short", CUDNN_STATUS_BAD_PARAM,
+       [&](Desc& d) {
+         d.half_conv(1);
+         cudnnGetConvolutionForwardWorkspaceSize(d.h, d.x, d.w, d.conv, d.y, CUDNN_CONVOLUTION_FWD_ALGO_GEMM, &bytes);
+         return cudnnConvolutionForward(d.h, &one, d.x, mem, d.w, mem, d.conv, CUDNN_CONVOLUTION_FWD_ALGO_GEMM, ws,
+                                        bytes - 1, &zero, d.y, mem);
+       }},
+      {"destroyed descriptor", CUDNN_STATUS_BAD_PARAM,
+       [&](Desc& d) {
+         d.half_conv(1);
+         cudnnTensorDescriptor_t gone;
+         cudnnCreateTensorDescriptor(&gone);
+         cudnnSetTensor4dDescriptor(gone, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 2, 8, 6, 6);
+         cudnnDestroyTensorDescriptor(gone);
+         return cudnnGetConvolutionForwardWorkspaceSize(d.h, gone, d.w, d.conv, d.y, CUDNN_CONVOLUTION_FWD_ALGO_GEMM,
+                                                        &bytes);
+       }},
+      {"negative batch-norm epsilon", CUDNN_STATUS_BAD_PARAM,
+       [&](Desc& d) {
+         cudnnSetTensor4dDescriptor(d.x, CUDNN_TENSOR_NCHW, CUDNN_DATA_HALF, 2, 4, 3, 3);
+         cudnnSetTensor4dDescriptor(d.b, CUDNN_TENSOR_NCHW, CUDNN_DATA_FLOAT, 1, 4, 1, 1);
+         return cudnnBatchNormalizationForwardTraining(d.h, CUDNN_BATCHNORM_SPATIAL, &one, &zero, d.x, mem, d.x, mem,
+                                                       d.b, mem, mem, 0.1, nullptr, nullptr, -1e-3, nullptr, nullptr);
+       }},
+  };
+  for (const Case& c : cases) {
+    Desc d;
+    Faults faults;
+    EXPECT_EQ(c.call(d), c.want) << c.what;
+    EXPECT_EQ(faults.all().size(), 1u) << c.what;
+  }
+  EXPECT_EQ(orva_emu::cudnn_live_descriptors(), live);
+
+  // A call given exactly its workspace succeeds and leaves the workspace poisoned; the
+  // searches list what cannot run, with its status.
+  Desc d;
+  Faults faults;
+  d.half_conv(2);
+  ASSERT_EQ(cudnnGetConvolutionForwardWorkspaceSize(d.h, d.x, d.w, d.conv, d.y, CUDNN_CONVOLUTION_FWD_ALGO_GEMM, &bytes),
+            CUDNN_STATUS_SUCCESS);
+  ASSERT_GT(bytes, 0u);
+  memset(ws, 0, bytes);
+  EXPECT_EQ(cudnnConvolutionForward(d.h, &one, d.x, mem, d.w, mem, d.conv, CUDNN_CONVOLUTION_FWD_ALGO_GEMM, ws, bytes,
+                                    &zero, d.y, static_cast<char*>(mem) + 4096),
+            CUDNN_STATUS_SUCCESS);
+  EXPECT_EQ((unsigned char)ws[bytes - 1], 0xffu);
+  cudnnConvolutionFwdAlgoPerf_t perf[CUDNN_CONVOLUTION_FWD_ALGO_COUNT];
+  int found = 0;
+  ASSERT_EQ(cudnnGetConvolutionForwardAlgorithm_v7(d.h, d.x, d.w, d.conv, d.y, CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &found,
+                                                   perf),
+            CUDNN_STATUS_SUCCESS);
+  int unsupported = 0;
+  for (int i = 0; i < found; ++i) unsupported += perf[i].status == CUDNN_STATUS_NOT_SUPPORTED;
+  EXPECT_GT(unsupported, 0);
+  EXPECT_TRUE(faults.all().empty());
+  cudaFree(mem);
+}

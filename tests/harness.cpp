@@ -218,6 +218,20 @@ namespace {
 // copy outside device memory, a cuDNN call) fails the test that caused it.
 void fail_on_fault(const char* what) { ADD_FAILURE() << "emulated CUDA: " << what; }
 [[maybe_unused]] const auto previous_hook = orva_emu::set_fault_hook(fail_on_fault);
+
+// Every cuDNN descriptor made during a run is destroyed by its end (ctest runs one test per
+// process, so a leak names its test).
+class DescriptorLeakGate : public ::testing::Environment {
+ public:
+  void SetUp() override { _at_start = orva_emu::cudnn_live_descriptors(); }
+  void TearDown() override {
+    EXPECT_EQ(orva_emu::cudnn_live_descriptors(), _at_start) << "cuDNN descriptors left alive at the end of the run";
+  }
+
+ private:
+  long _at_start = 0;
+};
+const auto* leak_gate = ::testing::AddGlobalTestEnvironment(new DescriptorLeakGate);
 #endif
 
 // With ORVA_REQUIRE_CUDA set, a whole-binary run that compared nothing on CUDA fails.

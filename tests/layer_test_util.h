@@ -57,14 +57,6 @@ inline void randomize_layers(ORVA::Network& net) {
   }
 }
 
-// True (with a note) on the emulated CUDA backend for a description that reaches the device
-// library (convolutions, fully connected and batch-normalisation layers), which it lacks.
-inline bool skip_without_cudnn(const std::string& text, int gpu) {
-  for (const char* section : {"[convolution]", "[fconn]", "[batchnorm]", "batch_normalize=1"})
-    if (text.find(section) != std::string::npos) return cudnn_missing(gpu);
-  return false;
-}
-
 // The last layer's float64 reference, computed from what its sources hold after a pass.
 using Reference = std::function<std::vector<double>(ORVA::Network& net, int batch)>;
 
@@ -73,7 +65,6 @@ using Reference = std::function<std::vector<double>(ORVA::Network& net, int batc
 inline void check_forward(const std::string& text, int batch, const Reference& ref, double tol, float lo = -1.f,
                           float hi = 1.f) {
   for (int gpu : test_backends()) {
-    if (skip_without_cudnn(text, gpu)) continue;
     auto net = net_from_text(text, batch, gpu);
     randomize_layers(*net);
     const size_t n = (size_t)batch * net->getSiamese() * net->getInputs();
@@ -164,7 +155,6 @@ inline void check_input_backward(const std::string& text, int batch, float step,
                                  bool weights = false) {
   for (int gpu : test_backends()) {
     SCOPED_TRACE(text);
-    if (skip_without_cudnn(text, gpu)) continue;
     auto net = net_from_text(text, batch, gpu, ORVA::TRAIN);
     ORVA::Layer* l = net->getLayer(0);
     const size_t n = (size_t)batch * l->_inputs;

@@ -53,5 +53,3 @@ float conv_quantize_weights(void* handle, ConvPlan* plan, Ftype* weight, int n, 
 // batch * inputs bytes each), then output = qscale * conv(qinput, qweight) + bias.
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, Ftype* input, float iqthresh, char* qinput,
                        signed char* qweight, float qscale, Ftype* bias, Ftype* output, void* workspace);
-// Destroys the cuDNN descriptors held in a layer's base fields (nothing on the host).
-void conv_release_descriptors(void* handle, ORVA::Layer* l);

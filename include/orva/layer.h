@@ -86,7 +86,8 @@ class Layer {
   int _totruth = 0;
   float _learning_rate_scale = 1;
   float _smooth = 0;
-  // Entry b describes a pass of b samples (1 .. _batch); entry 0 is unused.
+  // Kept for the record layout only: the convolution plan holds the descriptors it uses and
+  // nothing sets these. Entry b describes a pass of b samples (1 .. _batch).
   cudnnTensorStruct** _srcTensorDesc = nullptr;
   cudnnTensorStruct** _dstTensorDesc = nullptr;
   cudnnTensorStruct* _dsrcTensorDesc = nullptr;
@@ -107,6 +108,8 @@ class LayerType {
   static Layer* create(int type, int mode, Layer* prev_l, void* handle);
   // Type id of a section name, -1 when it names no layer.
   static int type(const char* str);
+  // Section name of a type id; null for an id without one.
+  static const char* name(int type);
 };
 
 enum LayerTypeId {

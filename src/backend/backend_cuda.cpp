@@ -59,7 +59,7 @@ void* cuda_calloc(size_t count, size_t size) {
   return p;
 }
 
-void cuda_free(void* p) { CHECK_CUDA(cudaFree(p)); }
+void cuda_free(void* p) { REPORT_CUDA(cudaFree(p)); }
 
 void cuda_random(float* dst, size_t n) {
   // One generator per device for the whole process, seeded with the time at first use.
@@ -91,7 +91,7 @@ class CudaBackend final : public Backend {
     }
     return p;
   }
-  void release(void* p) override { CHECK_CUDA(cudaFree(p)); }
+  void release(void* p) override { REPORT_CUDA(cudaFree(p)); }
   void memset(void* p, int value, size_t bytes) override {
     CHECK_CUDA(cudaMemsetAsync(p, value, bytes, _h->stream));
   }
@@ -113,7 +113,7 @@ class CudaBackend final : public Backend {
     }
     return p;
   }
-  void release_host(void* p) override { CHECK_CUDA(cudaFreeHost(p)); }
+  void release_host(void* p) override { REPORT_CUDA(cudaFreeHost(p)); }
   void random(float* dst, size_t n) override {
     // The generator runs on the default stream: order it after the network's work.
     sync();

@@ -1,5 +1,4 @@
-// Status checks for the CUDA backend. Debug builds report and abort on any failed call of
-// the runtime or a library; release builds keep the calls and drop the checks.
+// Status checks for the CUDA backend: every call of the runtime and the libraries.
 #pragma once
 #ifndef ORVA_CUDA_EMULATED
 #define ORVA_CUDA_EMULATED 0
@@ -10,6 +9,8 @@
 #include <curand.h>
 
 #include <cstdlib>
+
+#include "backend/device_error.h"
 
 #include "orva/util.h"
 
@@ -24,21 +25,21 @@ inline bool status_ok(cublasStatus_t s) { return s == CUBLAS_STATUS_SUCCESS; }
 inline bool status_ok(curandStatus_t s) { return s == CURAND_STATUS_SUCCESS; }
 }  // namespace ORVA
 
-#ifndef NDEBUG
-#define CHECK_CUDA(call)                                                                  \
-  do {                                                                                    \
-    auto _status = (call);                                                                \
-    if (!ORVA::status_ok(_status)) {                                                      \
-      ORVA_ERROR("%s failed: %s (%d)", #call, ORVA::status_text(_status), (int)_status); \
-      abort();                                                                            \
-    }                                                                                     \
+// Every build checks: a failed call throws ORVA::DeviceError naming the call and its status
+// (the network adds the layer), so no layer goes on with an output that was never written.
+#define CHECK_CUDA(call)                                                                    \
+  do {                                                                                      \
+    auto _status = (call);                                                                  \
+    if (!ORVA::status_ok(_status)) ORVA::throw_device_error(#call, (int)_status, ORVA::status_text(_status)); \
+  } while (0)
+// For calls that release resources, which run in destructors: the failure is reported only.
+#define REPORT_CUDA(call)                                                                    \
+  do {                                                                                       \
+    auto _status = (call);                                                                   \
+    if (!ORVA::status_ok(_status)) ORVA::report_device_error(#call, (int)_status, ORVA::status_text(_status)); \
   } while (0)
 // After a kernel launch: catches bad launch shapes at once.
 #define CHECK_LAUNCH() CHECK_CUDA(cudaGetLastError())
-#else
-#define CHECK_CUDA(call) ((void)(call))
-#define CHECK_LAUNCH() ((void)0)
-#endif
 
 // Every kernel launch in the project: ORVA_LAUNCH(kernel, grid, block, shmem, stream)(args...).
 // Under nvcc it is the triple-chevron launch; the emulated build (src/emu/cuda_emu.h, included

@@ -9,7 +9,9 @@
 // barrier), atomics, the float rounding intrinsics, and launches through ORVA_LAUNCH with
 // the checks a GPU makes before it runs anything. What it cannot model: warp-level timing,
 // memory races between real parallel threads, fused multiply-adds of the device compiler
-// (scripts/check_ptx.sh looks for those), and cuDNN.
+// (scripts/check_ptx.sh looks for those), and the rounding
+// and speed of cuDNN's own algorithms (src/emu/cudnn.cpp answers its calls with reference
+// arithmetic).
 #pragma once
 
 // Qualifiers become plain host code. A block's threads all run on one host thread, so

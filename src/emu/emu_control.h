@@ -13,11 +13,14 @@ void set_order(Order order, uint32_t seed);
 Order order();
 
 // Faults: launches a GPU would refuse, barriers reached by part of a block, memory calls on
-// pointers the device does not own, library calls that have no emulation. Each is printed
+// pointers the device does not own, library calls with bad arguments. Each is printed
 // on stderr, counted, and handed to the hook (the test suite turns it into a failure).
 using FaultHook = void (*)(const char* what);
 FaultHook set_fault_hook(FaultHook hook);  // returns the previous hook
 unsigned long fault_count();
 void fault(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// cuDNN descriptors made and not yet destroyed (a count that grows across a test is a leak).
+long cudnn_live_descriptors();
 
 }  // namespace orva_emu

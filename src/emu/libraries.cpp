@@ -1,11 +1,10 @@
 // Emulated CUDA: the library calls the backend makes. cuBLAS's one product is answered by a
 // plain column-major reference with cuBLAS's argument checks, so the mapping of the
 // project's row-major products onto the column-major call is exercised; cuRAND draws from a
-// host generator; cuDNN opens a context and nothing more (cudnn_absent.cpp).
+// host generator. cuDNN is in cudnn.cpp.
 #include "emu/cuda_emu.h"  // first: it settles the qualifiers the toolkit's headers use
 
 #include <cublas_v2.h>
-#include <cudnn.h>
 #include <curand.h>
 
 #include <algorithm>
@@ -18,9 +17,6 @@ struct cublasContext {
 };
 struct curandGenerator_st {
   std::mt19937_64 engine{0};
-};
-struct cudnnContext {
-  cudaStream_t stream = nullptr;
 };
 
 using orva_emu::device_range;
@@ -149,25 +145,4 @@ curandStatus_t curandGenerateUniform(curandGenerator_t generator, float* out, si
   }
   for (size_t i = 0; i < num; ++i) out[i] = (float)((generator->engine() >> 40) + 1) * 0x1p-24f;
   return CURAND_STATUS_SUCCESS;
-}
-
-// --- cuDNN: a context, nothing else ----------------------------------------------------------
-
-cudnnStatus_t cudnnCreate(cudnnHandle_t* handle) {
-  *handle = new cudnnContext;
-  return CUDNN_STATUS_SUCCESS;
-}
-
-cudnnStatus_t cudnnDestroy(cudnnHandle_t handle) {
-  delete handle;
-  return CUDNN_STATUS_SUCCESS;
-}
-
-cudnnStatus_t cudnnSetStream(cudnnHandle_t handle, cudaStream_t stream) {
-  handle->stream = stream;
-  return CUDNN_STATUS_SUCCESS;
-}
-
-const char* cudnnGetErrorString(cudnnStatus_t status) {
-  return status == CUDNN_STATUS_SUCCESS ? "CUDNN_STATUS_SUCCESS" : "CUDNN_STATUS_NOT_SUPPORTED (not emulated)";
 }

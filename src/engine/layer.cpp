@@ -64,7 +64,6 @@ void Layer::_freeLayer() {
   }
   if (_qweight) cuda_free(_gpu_handle, _qweight);
   _qweight = nullptr;
-  conv_release_descriptors(_gpu_handle, this);
 }
 
 // One line per layer type. A null factory marks a type whose class is not part of the
@@ -117,6 +116,12 @@ int LayerType::type(const char* str) {
   for (const RegistryEntry& e : kRegistry)
     if (strcmp(e.name, str) == 0) return e.id;
   return -1;
+}
+
+const char* LayerType::name(int type) {
+  for (const RegistryEntry& e : kRegistry)
+    if (e.id == type) return e.name;
+  return nullptr;
 }
 
 Layer* LayerType::create(const char* str, int mode, Layer* prev_l, void* handle) {

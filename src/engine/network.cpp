@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "backend/device_error.h"
 #include "base/checked_size.h"
 #include "orva/chksum.h"
 #include "orva/config.h"
@@ -136,7 +137,10 @@ void Network::_loadWeights(const char* path, bool quant) {
     uint64_t seen = 0;
     chk_fread(&seen, 8, 1, fp);
     _seen = (size_t)seen;
-    for (layer = 0; layer < (int)_layers.size(); ++layer) _layers[layer]->loadWeight(fp, quant);
+    for (layer = 0; layer < (int)_layers.size(); ++layer) {
+      Layer* l = _layers[layer];
+      layer_step(LayerType::name(l->type), layer, "loading weights", [&] { l->loadWeight(fp, quant); });
+    }
   } catch (size_t) {
     if (layer < 0)
       ORVA_ERROR("weights file %s has %lld bytes, fewer than the 20 of its header", path, bytes);
@@ -226,7 +230,7 @@ int Network::_parseConfig(const char* path, bool quant, bool fast) {
     params.index = (int)_layers.size();
     ORVA_MSG(INFO, "%4d  ", params.index);
     _layers.push_back(l);  // owned from here on, even if its configuration fails
-    l->parseConfig(cfg, params);
+    layer_step(cfg.getSectionName(s), params.index, "building", [&] { l->parseConfig(cfg, params); });
     return l;
   };
   const auto fault = [&](const InputParams& params, Layer*, const std::string& why) {
@@ -299,7 +303,7 @@ void Network::resize(int w, int h) {
   _inputs = h * h * iC;  // square inputs are what resizing is for
   try {
     const auto make = [&](int i, InputParams& params) -> Layer* {
-      _layers[i]->resize(params);
+      layer_step(LayerType::name(_layers[i]->type), i, "resizing", [&] { _layers[i]->resize(params); });
       return _layers[i];
     };
     const auto fault = [](const InputParams&, Layer*, const std::string& why) {
@@ -326,8 +330,9 @@ void Network::_forward(int batch) {
   params.net = this;
   params.batch = _siamese * batch;
   params.siamese = _siamese;
-  for (Layer* l : _layers) {
-    l->forward(params);
+  for (size_t i = 0; i < _layers.size(); ++i) {
+    Layer* l = _layers[i];
+    layer_step(LayerType::name(l->type), (int)i, "forward", [&] { l->forward(params); });
     params.input = l->_output;
     params.batch = _siamese * batch;
   }
@@ -534,7 +539,10 @@ int Network::load(const char* path_net, bool quant, bool fast) {
 
 void Network::_loadModel(FILE* fp, bool quant, bool fast) {
   _loadConfig(fp, quant, fast);
-  for (Layer* l : _layers) l->loadWeight(fp, quant);
+  for (size_t i = 0; i < _layers.size(); ++i) {
+    Layer* l = _layers[i];
+    layer_step(LayerType::name(l->type), (int)i, "loading weights", [&] { l->loadWeight(fp, quant); });
+  }
 }
 
 void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
@@ -573,7 +581,7 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
     _layers.push_back(l);
     params.index = i;
     ORVA_MSG(INFO, "%4d  ", i);
-    l->loadConfig(fp, params);
+    layer_step(LayerType::name(type), i, "building", [&] { l->loadConfig(fp, params); });
     return l;
   };
   const auto fault = [&](const InputParams& params, Layer* l, const std::string& fault) {

@@ -9,6 +9,11 @@
 namespace gpu {
 namespace {
 
+// cuDNN refuses an epsilon below CUDNN_BN_MIN_EPSILON, compared as a double: the float 1e-5
+// widens to just below 1e-5, the minimum of the releases that had one.
+constexpr double kCudnnEpsilon =
+    (double)kBatchnormEpsilon < CUDNN_BN_MIN_EPSILON ? CUDNN_BN_MIN_EPSILON : (double)kBatchnormEpsilon;
+
 struct Descriptors {
   Descriptors(int batch, int n, int size) {
     CHECK_CUDA(cudnnCreateTensorDescriptor(&data));
@@ -17,8 +22,8 @@ struct Descriptors {
     CHECK_CUDA(cudnnSetTensor4dDescriptor(channel, CUDNN_TENSOR_NCHW, CUDNN_DATA_FLOAT, 1, n, 1, 1));
   }
   ~Descriptors() {
-    cudnnDestroyTensorDescriptor(data);
-    cudnnDestroyTensorDescriptor(channel);
+    REPORT_CUDA(cudnnDestroyTensorDescriptor(data));
+    REPORT_CUDA(cudnnDestroyTensorDescriptor(channel));
   }
   cudnnTensorDescriptor_t data = nullptr, channel = nullptr;
 };
@@ -42,7 +47,7 @@ void batchnorm_forward_training(void* handle, Ftype* x, Ftype* y, Ftype* scale, 
   const float one = 1.f, zero = 0.f;
   CHECK_CUDA(cudnnBatchNormalizationForwardTraining(cudnn_of(handle), CUDNN_BATCHNORM_SPATIAL, &one, &zero, d.data, x,
                                                     d.data, y, d.channel, scale32, bias32, kBatchnormAverageFactor,
-                                                    mean_rolling32, var_rolling32, kBatchnormEpsilon, mean32, invstd32));
+                                                    mean_rolling32, var_rolling32, kCudnnEpsilon, mean32, invstd32));
   float2half_gpu(handle, mean_rolling32, mean_rolling, n);
   float2half_gpu(handle, var_rolling32, var_rolling, n);
   float2half_gpu(handle, mean32, mean, n);
@@ -65,7 +70,7 @@ void batchnorm_backward(void* handle, Ftype* x, Ftype* dy, Ftype* dx, Ftype* sca
   const float one = 1.f, zero = 0.f;
   CHECK_CUDA(cudnnBatchNormalizationBackward(cudnn_of(handle), CUDNN_BATCHNORM_SPATIAL, &one, &zero, &one, &one, d.data,
                                              x, d.data, dy, d.data, dx, d.channel, scale32, scale_update32,
-                                             bias_update32, kBatchnormEpsilon, mean32, invstd32));
+                                             bias_update32, kCudnnEpsilon, mean32, invstd32));
   float2half_gpu(handle, scale_update32, scale_update, n);
   float2half_gpu(handle, bias_update32, bias_update, n);
 }

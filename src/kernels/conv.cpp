@@ -56,4 +56,3 @@ void conv_forward_int8(void* handle, ConvPlan* plan, int batch, Ftype* input, fl
   ORVA_DISPATCH(handle, conv_forward_int8, plan, batch, qinput, qweight, qscale, bias, output, workspace);
 }
 
-void conv_release_descriptors(void* handle, ORVA::Layer* l) { ORVA_DISPATCH(handle, conv_release_descriptors, l); }

@@ -572,6 +572,4 @@ void conv_forward_int8(void* handle, ConvPlan* plan, int batch, char* qinput, si
     }
 }
 
-void conv_release_descriptors(void* handle, ORVA::Layer* l) {}
-
 }  // namespace cpu

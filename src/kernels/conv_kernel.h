@@ -19,7 +19,6 @@ void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delt
 void conv_repack_int8(void* handle, ConvPlan* plan, signed char* qweight);
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, char* qinput, signed char* qweight, float qscale,
                        Ftype* bias, Ftype* output, void* workspace);
-void conv_release_descriptors(void* handle, ORVA::Layer* l);
 // Dilated im2col / col2im of one image: rows (c * size + ky) * size + kx, columns out_h * out_w.
 void conv_im2col(const Ftype* im, int channels, int height, int width, int size, int stride, int pad,
                  int dilation, int out_h, int out_w, Ftype* col);
@@ -43,5 +42,4 @@ void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delt
 void conv_repack_int8(void* handle, ConvPlan* plan, signed char* qweight);
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, char* qinput, signed char* qweight, float qscale,
                        Ftype* bias, Ftype* output, void* workspace);
-void conv_release_descriptors(void* handle, ORVA::Layer* l);
 }  // namespace gpu

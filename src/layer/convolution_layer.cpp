@@ -152,9 +152,10 @@ void ConvolutionLayer::_prepareInt8() {
   const float iq = _iqthresh;
   _qscale = t * 0.007874016f * (iq * (iq > 0 ? 0.003937008f : -0.007874016f));
   if (mode == 0) {
+    // The 8-bit copy stands in for the weights from now on; _weights_allocated still counts
+    // them, so a remake at another input size keeps the copy and the biases.
     cuda_free(_gpu_handle, _weight);
     _weight = nullptr;
-    _weights_allocated = 0;
   }
 }
 
@@ -206,6 +207,9 @@ void ConvolutionLayer::_makeLayer(bool quant, bool fast) {
       if (*t) cuda_free(_gpu_handle, *t);
       *t = nullptr;
     }
+    if (_qweight) cuda_free(_gpu_handle, _qweight);
+    _qweight = nullptr;
+    _iqthresh = 0;
     _weight = alloc_tensor(_gpu_handle, _weights, false);
     _bias = alloc_tensor(_gpu_handle, _kn, true);
     _weights_allocated = _weights;
@@ -241,8 +245,9 @@ void ConvolutionLayer::_makeLayer(bool quant, bool fast) {
   }
   delete old_bn;
 
-  // The 8-bit layouts pack channels in fours.
-  if (_in_c % 4) _iqthresh_init = 0;
+  // The 8-bit layouts pack channels in fours, and the filters of a group hold in_c / groups
+  // of them.
+  if (_in_c % 4 || (_in_c / _groups) % 4) _iqthresh_init = 0;
   const int int8 = (quant && _iqthresh_init != 0) ? (_iqthresh_init > 0 ? 1 : -1) : 0;
   const ConvShape shape = {_batch, _in_c, _in_h, _in_w, _out_c, _out_h, _out_w, _size,
                            _stride, _pad, _dilation, _groups, mode != 0, int8, fast};

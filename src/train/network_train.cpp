@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "backend/device_error.h"
 #include "base/error.h"
 #include "orva/blas.h"
 #include "orva/orva.h"
@@ -60,13 +61,18 @@ void Network::_tbackward() {
   for (int k = (int)_layers.size() - 1; k >= 0; --k) {
     params.input = k > 0 ? _layers[k - 1]->_output : static_cast<Ftype*>(_input);
     params.delta = k > 0 ? _layers[k - 1]->_delta : nullptr;
-    _layers[k]->backward(params);
+    Layer* l = _layers[k];
+    layer_step(LayerType::name(l->type), k, "backward", [&] { l->backward(params); });
   }
 }
 
 void Network::_tupdate() {
   const float rate = _getCurrentRate();
-  for (Layer* l : _layers) l->update(nBatch * _tparams.subdivisions, rate, _tparams.momentum, _tparams.decay);
+  for (size_t i = 0; i < _layers.size(); ++i) {
+    Layer* l = _layers[i];
+    layer_step(LayerType::name(l->type), (int)i, "update",
+               [&] { l->update(nBatch * _tparams.subdivisions, rate, _tparams.momentum, _tparams.decay); });
+  }
 }
 
 float Network::_getCurrentRate() {
