@@ -25,6 +25,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# pkg-config reads the root's package files only (no host library leaks into the build).
+set(ENV{PKG_CONFIG_LIBDIR} "${ORVA_AARCH64_SYSROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${ORVA_AARCH64_SYSROOT}/usr/share/pkgconfig")
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${ORVA_AARCH64_SYSROOT}")
 # The libraries the dependencies load in turn are found in the root at link time.
 set(_orva_lib ${ORVA_AARCH64_SYSROOT}/usr/lib/aarch64-linux-gnu)
 set(_orva_rpath_link "-Wl,-rpath-link,${_orva_lib}:${ORVA_AARCH64_SYSROOT}/lib/aarch64-linux-gnu")
