@@ -21,7 +21,7 @@ case "${1:-}" in
   --quick) mode=quick; shift ;;
   --build) mode=build; shift ;;
 esac
-# The short subset CI runs under emulation: the half conversions and every eight-lane path
+# The short subset: the half conversions and every eight-lane path
 # beside its scalar twin, the convolutions on both precisions, and the program end to end.
 quick=${ORVA_AARCH64_QUICK:-'Half|ActivationKernels|Blas|Resample|Twins|Convolution|Quantization|NetworkPredict|OrvaProgram'}
 
