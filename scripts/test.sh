@@ -2,7 +2,8 @@
 # One command on a fresh machine: install, build, run the whole test suite on the host
 # backend; then build the emulated CUDA backend (build-emu/, the kernels run on the host)
 # and run the suite again there, comparing every kernel with its host twin; then check the
-# kernels' PTX for multiply-adds the device compiler fused on its own.
+# kernels' PTX for multiply-adds the device compiler fused on its own; then cross-build for
+# aarch64 and run the suite again under qemu.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${ORVA_JOBS:-2}
@@ -18,6 +19,14 @@ cmake --build "$emu" -j "$jobs" --target orva_tests
 (cd "$emu" && ORVA_EMU_ORDER=${ORVA_EMU_ORDER:-shuffle} ctest --output-on-failure -j "$jobs" --timeout 900)
 
 "$root/scripts/check_ptx.sh"
+
+# 64-bit Arm boards: the library, the program and the suite cross-built (build-aarch64/) and
+# the suite run under qemu-aarch64. Each test pays qemu's start of the program, so the whole
+# suite costs little more than a subset (ORVA_AARCH64_MODE=--quick). ORVA_SKIP_AARCH64=1
+# leaves this out.
+if [ "${ORVA_SKIP_AARCH64:-0}" != 1 ]; then
+  "$root/scripts/test_aarch64.sh" ${ORVA_AARCH64_MODE:-}
+fi
 
 # --- Hardening: the suite again under AddressSanitizer and UndefinedBehaviorSanitizer (clang),
 # then each fuzz target for a bounded time on its corpus (ORVA_CI_FUZZ_SECONDS each, 30 by

@@ -7,6 +7,7 @@
 
 #include "backend_fixture.h"
 #include "harness.h"
+#include "kernels/half_lanes.h"
 #include "orva/float16.h"
 
 namespace {
@@ -115,6 +116,82 @@ TEST(HalfConversion, ArrayConversionsWorkInPlace) {
   // widening in place: the floats come back in the whole buffer
   half2float_cpu(buf.data(), halves, n);
   for (size_t i = 0; i < n; ++i) ASSERT_EQ(float_bits(buf[i]), float_bits(half2float_cpu(float2half_cpu(values[i])))) << i;
+}
+
+// The host twins' conversions: the instructions this build uses (F16C, Arm's FCVT) against
+// the portable ones other CPUs use, on every half and on every rounding boundary.
+TEST(HalfConversion, InstructionsAndPortablePathAgree) {
+  for (uint32_t p = 0; p < 65536; ++p) {
+    const _half h{(unsigned short)p};
+    ASSERT_EQ(float_bits(cpu::h2f(h)), float_bits(cpu::h2f_soft(h))) << std::hex << p;
+    const float f = half2float_cpu(h.__x);
+    ASSERT_EQ(cpu::f2h(f).__x, cpu::f2h_soft(f).__x) << std::hex << p;
+    if ((p & 0x7FFF) >= 0x7C00) continue;
+    // the tie above h in magnitude and the floats either side of it
+    const int e = (int)(p >> 10 & 0x1F);
+    const float tie = (float)((double)f + std::copysign(std::ldexp(1.0, e ? e - 26 : -25), (double)f));
+    for (float x : {tie, std::nextafter(tie, 0.f), std::nextafter(tie, 2 * tie)})
+      ASSERT_EQ(cpu::f2h(x).__x, cpu::f2h_soft(x).__x) << std::hex << p << " " << x;
+  }
+  // a thinned sweep of all floats: overflow, underflow, NaN payloads
+  for (uint64_t b = 0; b < (1ull << 32); b += 4093) {
+    const float x = bits_to_float((uint32_t)b);
+    ASSERT_EQ(cpu::f2h(x).__x, cpu::f2h_soft(x).__x) << std::hex << b;
+  }
+}
+
+// Each eight-lane step of the streaming twins is the scalar step on each lane, bit for bit,
+// NaN, infinities, signed zeros and subnormals included.
+TEST(HalfLanes, EveryStepIsTheScalarStepOnEachLane) {
+  std::vector<float> values = orva_test::random_floats(48, -4.f, 4.f);
+  const float specials[] = {0.f, -0.f, INFINITY, -INFINITY, NAN, 65504.f, -3e-6f, 6e-8f, 1.f, -1.f, 0.1f, 7.f};
+  values.insert(values.begin() + 5, std::begin(specials), std::end(specials));
+  std::vector<_half> h(values.size());
+  for (size_t i = 0; i < h.size(); ++i) h[i] = cpu::f2h(values[i]);
+  auto same = [](float a, float b) { return float_bits(a) == float_bits(b); };
+  for (size_t at = 0; at + 17 <= h.size(); at += 5) {
+    const _half* x = &h[at];
+    const _half* y = &h[h.size() - 8 - at / 2];
+    const cpu::Lanes lx = cpu::load8(x), ly = cpu::load8(y);
+    float got[8][9];
+    _half halves[6][16];
+    const cpu::Lanes steps[] = {lx,
+                                cpu::round8(cpu::add8(lx, ly)),
+                                cpu::sub8(lx, ly),
+                                cpu::mul8(lx, cpu::splat8(fp_0_1)),
+                                cpu::div8(lx, ly),
+                                cpu::pick8(cpu::gt8(lx, ly), lx, ly),
+                                cpu::pick8(cpu::lt8(lx, cpu::zero8()), cpu::splat8(fp_1N), lx),
+                                cpu::fused8(lx, 0.3f, -0.7f),
+                                cpu::load8_even(x)};
+    for (int s = 0; s < 9; ++s) {
+      float out[8];
+      cpu::storef8(out, steps[s]);
+      for (int k = 0; k < 8; ++k) got[k][s] = out[k];
+    }
+    cpu::store8(halves[0], cpu::mul8(lx, ly));
+    float wide[16];
+    for (int k = 0; k < 16; ++k) wide[k] = cpu::h2f(x[k]);
+    cpu::store8(halves[1], cpu::loadf8(wide));
+    cpu::split8(x, halves[2], halves[3]);
+    cpu::double8(x, halves[4], halves[5]);
+    for (int k = 0; k < 8; ++k) {
+      const float a = cpu::h2f(x[k]), b = cpu::h2f(y[k]);
+      const float want[9] = {a, cpu::h2f(cpu::hadd(x[k], y[k])), a - b, a * cpu::h2f(fp_0_1), a / b,
+                             a > b ? a : b, a < 0.f ? -1.f : a, cpu::fused(a, 0.3f, -0.7f), cpu::h2f(x[2 * k])};
+      for (int s = 0; s < 9; ++s)
+        ASSERT_TRUE(same(got[k][s], want[s])) << "step " << s << " lane " << k << " at " << at << ": " << got[k][s]
+                                             << " for " << want[s] << " (" << a << ", " << b << ")";
+      EXPECT_EQ(halves[0][k].__x, cpu::hmul(x[k], y[k]).__x) << k;
+      EXPECT_EQ(halves[1][k].__x, x[k].__x) << k;
+      EXPECT_EQ(halves[2][k].__x, x[2 * k].__x) << k;
+      EXPECT_EQ(halves[3][k].__x, x[2 * k + 1].__x) << k;
+      for (int r = 4; r < 6; ++r) {
+        EXPECT_EQ(halves[r][2 * k].__x, x[k].__x) << k;
+        EXPECT_EQ(halves[r][2 * k + 1].__x, x[k].__x) << k;
+      }
+    }
+  }
 }
 
 class HalfBuffers : public orva_test::OnEachBackend {};

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "kernels/activation_kernel.h"
+#include "kernels/half_lanes.h"
 #include "kernels/half_math.h"
 
 namespace cpu {
@@ -116,25 +117,12 @@ const ValueFn gradient_func[kActivationSlots] = {
 // Loops are instantiated per function so the per-value code inlines; the tables above serve
 // single values only.
 // Eight values at a time for the activations that are comparisons and one half multiply:
-// F16C widens, the comparison picks lanes without a branch (a sign test mispredicts on every
-// other value of real data), and each half step is rounded back as the scalar twin does.
+// the lanes widen, the comparison picks lanes without a branch (a sign test mispredicts on
+// every other value of real data), and each half step is rounded back as the scalar twin does.
 // The others (exponentials) stay value by value.
-#if defined(__F16C__)
-using Lanes = __m256;
-inline Lanes load8(const Ftype* p) { return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
-inline void store8(Ftype* p, Lanes v) {
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT));
-}
-inline Lanes round8(Lanes v) { return _mm256_cvtph_ps(_mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT)); }
-inline Lanes splat8(_half h) { return _mm256_set1_ps(h2f(h)); }
-// Lanes of `a` where `mask` is set, else of `b`. NaN compares false everywhere, as in the twins.
-// Bitwise rather than vblendvps, which GCC lowers lane by lane here.
-inline Lanes pick8(Lanes mask, Lanes a, Lanes b) {
-  return _mm256_or_ps(_mm256_and_ps(mask, a), _mm256_andnot_ps(mask, b));
-}
-inline Lanes gt8(Lanes x, _half h) { return _mm256_cmp_ps(x, splat8(h), _CMP_GT_OQ); }
-inline Lanes lt8(Lanes x, _half h) { return _mm256_cmp_ps(x, splat8(h), _CMP_LT_OQ); }
-inline Lanes scaled8(Lanes x, _half h) { return round8(_mm256_mul_ps(x, splat8(h))); }
+inline Mask gt8(Lanes x, _half h) { return cpu::gt8(x, splat8(h)); }
+inline Mask lt8(Lanes x, _half h) { return cpu::lt8(x, splat8(h)); }
+inline Lanes scaled8(Lanes x, _half h) { return round8(mul8(x, splat8(h))); }
 
 template <ValueFn F>
 struct Eight {
@@ -144,7 +132,7 @@ struct Eight {
 template <>
 struct Eight<relu_activate> {
   static constexpr bool kHas = true;
-  static Lanes run(Lanes x) { return pick8(gt8(x, fp_0), x, _mm256_setzero_ps()); }
+  static Lanes run(Lanes x) { return pick8(gt8(x, fp_0), x, zero8()); }
 };
 template <>
 struct Eight<relie_activate> {
@@ -167,7 +155,7 @@ struct Eight<hardtan_activate> {
   static Lanes run(Lanes x) { return pick8(lt8(x, fp_1N), splat8(fp_1N), pick8(gt8(x, fp_1), splat8(fp_1), x)); }
 };
 inline Lanes clipped8(Lanes x, _half top) {
-  return pick8(gt8(x, fp_0), pick8(gt8(x, top), splat8(top), x), _mm256_setzero_ps());
+  return pick8(gt8(x, fp_0), pick8(gt8(x, top), splat8(top), x), zero8());
 }
 template <>
 struct Eight<relu6_activate> {
@@ -188,31 +176,22 @@ void activate_span(Ftype* p, int n, _half b) {
     const Lanes bias = splat8(b);
     for (; i + 8 <= n; i += 8) {
       Lanes x = load8(p + i);
-      if (with_bias) x = round8(_mm256_add_ps(x, bias));
+      if (with_bias) x = round8(add8(x, bias));
       store8(p + i, Eight<F>::run(x));
     }
   }
   for (; i < n; ++i) p[i] = F(with_bias ? hadd(p[i], b) : p[i]);
 }
-#else
-template <ValueFn F, bool with_bias>
-void activate_span(Ftype* p, int n, _half b) {
-  for (int i = 0; i < n; ++i) p[i] = F(with_bias ? hadd(p[i], b) : p[i]);
-}
-#endif
 
 // A product's floats rounded to half, then F after adding b: the same roundings as narrowing
 // first and running activate_span<F, true> over the halves, without the second pass.
 template <ValueFn F>
 void narrow_bias_activate(const float* src, Ftype* dst, int n, _half b) {
   int i = 0;
-#if defined(__F16C__)
   if (Eight<F>::kHas) {
     const Lanes bias = splat8(b);
-    for (; i + 8 <= n; i += 8)
-      store8(dst + i, Eight<F>::run(round8(_mm256_add_ps(round8(_mm256_loadu_ps(src + i)), bias))));
+    for (; i + 8 <= n; i += 8) store8(dst + i, Eight<F>::run(round8(add8(round8(loadf8(src + i)), bias))));
   }
-#endif
   for (; i < n; ++i) dst[i] = F(hadd(f2h(src[i]), b));
 }
 

@@ -17,6 +17,7 @@
 #include "backend/backend.h"
 #include "kernels/blas_kernel.h"
 #include "kernels/conv_kernel.h"
+#include "kernels/half_lanes.h"
 #include "kernels/half_math.h"
 #include "orva/util.h"
 
@@ -46,67 +47,6 @@ void for_each_index(size_t n, Body body) {
     for (size_t i = r.begin(); i != r.end(); ++i) body(i);
   });
 }
-
-// Eight halves widened to float: the streaming kernels compute on Lanes and round back once
-// per half op, F16C doing eight conversions per instruction where the compiler targets it.
-#if defined(__F16C__)
-using Lanes = __m256;
-inline Lanes load8(const Ftype* p) { return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
-inline __m128i pack8(Lanes v) { return _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT); }
-inline void store8(Ftype* p, Lanes v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), pack8(v)); }
-inline Lanes round8(Lanes v) { return _mm256_cvtph_ps(pack8(v)); }
-inline Lanes splat8(float a) { return _mm256_set1_ps(a); }
-inline Lanes mul8(Lanes a, Lanes b) { return _mm256_mul_ps(a, b); }
-inline Lanes add8(Lanes a, Lanes b) { return _mm256_add_ps(a, b); }
-inline Lanes sub8(Lanes a, Lanes b) { return _mm256_sub_ps(a, b); }
-inline Lanes div8(Lanes a, Lanes b) { return _mm256_div_ps(a, b); }
-#else
-struct Lanes {
-  float v[8];
-};
-template <typename Op>
-inline Lanes each8(Op op) {
-  Lanes r;
-  for (int k = 0; k < 8; ++k) r.v[k] = op(k);
-  return r;
-}
-inline Lanes load8(const Ftype* p) { return each8([&](int k) { return h2f(p[k]); }); }
-inline void store8(Ftype* p, Lanes v) {
-  for (int k = 0; k < 8; ++k) p[k] = f2h(v.v[k]);
-}
-inline Lanes round8(Lanes v) { return each8([&](int k) { return h2f(f2h(v.v[k])); }); }
-inline Lanes splat8(float a) { return each8([&](int) { return a; }); }
-inline Lanes mul8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] * b.v[k]; }); }
-inline Lanes add8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] + b.v[k]; }); }
-inline Lanes sub8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] - b.v[k]; }); }
-inline Lanes div8(Lanes a, Lanes b) { return each8([&](int k) { return a.v[k] / b.v[k]; }); }
-#endif
-
-// float(x) * a + b with one rounding, as the device's fused multiply-add. Without FMA hardware
-// std::fma is a slow library routine, so the product is formed exactly in double instead.
-inline float fused(float x, float a, float b) {
-#if defined(__FMA__)
-  return std::fma(x, a, b);
-#else
-  return (float)((double)x * a + b);
-#endif
-}
-
-#if defined(__F16C__)
-inline Lanes fused8(Lanes x, float a, float b) {
-#if defined(__FMA__)
-  return _mm256_fmadd_ps(x, splat8(a), splat8(b));
-#else
-  const __m256d a4 = _mm256_set1_pd(a), b4 = _mm256_set1_pd(b);
-  const __m128 lo = _mm256_castps256_ps128(x), hi = _mm256_extractf128_ps(x, 1);
-  const __m128 rlo = _mm256_cvtpd_ps(_mm256_add_pd(_mm256_mul_pd(_mm256_cvtps_pd(lo), a4), b4));
-  const __m128 rhi = _mm256_cvtpd_ps(_mm256_add_pd(_mm256_mul_pd(_mm256_cvtps_pd(hi), a4), b4));
-  return _mm256_set_m128(rhi, rlo);
-#endif
-}
-#else
-inline Lanes fused8(Lanes x, float a, float b) { return each8([&](int k) { return fused(x.v[k], a, b); }); }
-#endif
 
 // Runs eight(i) on blocks [i, i + 8) and one(i) on the tail of [begin, end).
 template <typename Eight, typename One>
@@ -177,23 +117,16 @@ void softmax_group_backward(const Ftype* y, const Ftype* dy, int n, Ftype* dx) {
 }
 
 
-// Half <-> float rows for the host matrix product; F16C converts eight at a time.
+// Half <-> float rows for the host matrix product, eight at a time.
 void widen(const Ftype* src, float* dst, size_t n) {
   size_t i = 0;
-#if defined(__F16C__)
-  for (; i + 8 <= n; i += 8)
-    _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i))));
-#endif
+  for (; i + 8 <= n; i += 8) storef8(dst + i, load8(src + i));
   for (; i < n; ++i) dst[i] = h2f(src[i]);
 }
 
 void narrow(const float* src, Ftype* dst, size_t n) {
   size_t i = 0;
-#if defined(__F16C__)
-  for (; i + 8 <= n; i += 8)
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i),
-                     _mm256_cvtps_ph(_mm256_loadu_ps(src + i), _MM_FROUND_TO_NEAREST_INT));
-#endif
+  for (; i + 8 <= n; i += 8) store8(dst + i, loadf8(src + i));
   for (; i < n; ++i) dst[i] = f2h(src[i]);
 }
 
@@ -518,13 +451,11 @@ void shortcut(void* handle, int batch, int w1, int h1, int c1, const Ftype* add,
 
 void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int stride, int forward, Ftype* out) {
   const int out_c = c / (stride * stride);
-#if defined(__F16C__)
   if (!forward && stride == 2 && w >= 8) {
     // The gather by 2: source row ih * 2 + k of plane (b, c2), 2 w wide, holds in its even
     // and odd columns output row ih of channels (2 k) out_c + c2 and (2 k + 1) out_c + c2, so
     // each sixteen source values are loaded once and split into both rows.
     const size_t pairs = (size_t)batch * out_c * 2 * h;
-    const __m128i split = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
     tbb::parallel_for(tbb::blocked_range<size_t>(0, pairs, std::max<size_t>(1, kGrain / (2 * w))),
                       [&](const tbb::blocked_range<size_t>& r) {
                         for (size_t q = r.begin(); q != r.end();) {
@@ -535,14 +466,7 @@ void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int str
                           Ftype* even = out + (((size_t)b * c + 2 * k * out_c + c2) * h + ih0) * w;
                           Ftype* odd = even + (size_t)out_c * h * w;
                           for (; q != end; ++q, src += 4 * (size_t)w, even += w, odd += w) {
-                            auto eight = [&](int at) {
-                              const __m128i lo = _mm_shuffle_epi8(
-                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * at)), split);
-                              const __m128i hi = _mm_shuffle_epi8(
-                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * at + 8)), split);
-                              _mm_storeu_si128(reinterpret_cast<__m128i*>(even + at), _mm_unpacklo_epi64(lo, hi));
-                              _mm_storeu_si128(reinterpret_cast<__m128i*>(odd + at), _mm_unpackhi_epi64(lo, hi));
-                            };
+                            auto eight = [&](int at) { split8(src + 2 * at, even + at, odd + at); };
                             int iw = 0;
                             for (; iw + 8 <= w; iw += 8) eight(iw);
                             if (iw < w) eight(w - 8);  // the last eight again rather than a scalar tail
@@ -551,7 +475,6 @@ void reorg(void* handle, const Ftype* x, int w, int h, int c, int batch, int str
                       });
     return;
   }
-#endif
   // Row by row: along a row of w elements only the column moves, by one on one side and by
   // stride on the other, so the index arithmetic is paid once per row.
   const size_t rows = (size_t)h * c * batch;

@@ -15,6 +15,7 @@
 #include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/conv_kernel.h"
+#include "kernels/half_lanes.h"
 #include "kernels/half_math.h"
 #include "orva/gemm.h"
 #include "orva/util.h"
@@ -34,21 +35,12 @@ size_t col_elements(const ConvShape& s) {
 // dst[i] = float(src[i * stride]), i < n.
 void widen_strided(const Ftype* src, int stride, int n, float* dst) {
   int i = 0;
-#if defined(__F16C__)
   if (stride == 1) {
-    for (; i + 8 <= n; i += 8)
-      _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i))));
+    for (; i + 8 <= n; i += 8) storef8(dst + i, load8(src + i));
   } else if (stride == 2) {
-    // The even halves of sixteen, packed into one register before the conversion.
-    const __m128i even = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
     // Reads src[2i .. 2i + 15]: the loop stops before 2i + 15 passes the last element, 2(n - 1).
-    for (; i + 8 <= n - 1; i += 8) {
-      const __m128i lo = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * i)), even);
-      const __m128i hi = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * i + 8)), even);
-      _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm_unpacklo_epi64(lo, hi)));
-    }
+    for (; i + 8 <= n - 1; i += 8) storef8(dst + i, load8_even(src + 2 * i));
   }
-#endif
   for (; i < n; ++i) dst[i] = h2f(src[(size_t)i * stride]);
 }
 
@@ -86,11 +78,7 @@ void pack_columns(const ConvShape& s, const Ftype* im, int channels, int j0, int
 
 void narrow_span(const float* src, Ftype* dst, int n) {
   int i = 0;
-#if defined(__F16C__)
-  for (; i + 8 <= n; i += 8)
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i),
-                     _mm256_cvtps_ph(_mm256_loadu_ps(src + i), _MM_FROUND_TO_NEAREST_INT));
-#endif
+  for (; i + 8 <= n; i += 8) store8(dst + i, loadf8(src + i));
   for (; i < n; ++i) dst[i] = f2h(src[i]);
 }
 

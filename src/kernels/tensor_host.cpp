@@ -8,12 +8,9 @@
 #include <cstring>
 #include <vector>
 
+#include "kernels/half_lanes.h"
 #include "kernels/half_math.h"
 #include "kernels/tensor_kernel.h"
-
-#if defined(__F16C__) || defined(__SSE2__)
-#include <immintrin.h>
-#endif
 
 namespace cpu {
 namespace tensor {
@@ -40,16 +37,8 @@ void upsample(void* handle, int batch, int w, int h, int c, int stride, const Ft
     const Ftype* src = input + row * w;
     Ftype* dst = output + row * stride * ow;
     int x = 0;
-#if defined(__SSE2__)
     if (stride == 2) {
-      auto pair = [&](int at) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + at));
-        const __m128i lo = _mm_unpacklo_epi16(v, v), hi = _mm_unpackhi_epi16(v, v);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 2 * at), lo);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 2 * at + 8), hi);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + ow + 2 * at), lo);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + ow + 2 * at + 8), hi);
-      };
+      auto pair = [&](int at) { double8(src + at, dst + 2 * at, dst + ow + 2 * at); };
       for (; x + 8 <= w; x += 8) pair(x);
       if (x < w && w >= 8) {  // the last eight again rather than a scalar tail
         pair(w - 8);
@@ -58,7 +47,6 @@ void upsample(void* handle, int batch, int w, int h, int c, int stride, const Ft
       for (; x < w; ++x) dst[2 * x] = dst[2 * x + 1] = dst[ow + 2 * x] = dst[ow + 2 * x + 1] = src[x];
       return;
     }
-#endif
     for (; x < w; ++x)
       for (int s = 0; s < stride; ++s) dst[x * stride + s] = src[x];
     for (int s = 1; s < stride; ++s) memcpy(dst + (size_t)s * ow, dst, ow * sizeof(Ftype));
@@ -154,24 +142,12 @@ void add_scaled(void* handle, int n, Ftype alpha, const Ftype* x, Ftype beta, co
   const float a = h2f(alpha), b = h2f(beta);
   tbb::parallel_for(tbb::blocked_range<size_t>(0, (size_t)n, 16384), [&](const tbb::blocked_range<size_t>& r) {
     size_t i = r.begin();
-#if defined(__F16C__)
     // Eight at a time, rounding after each product and after the sum as the scalar loop does.
-    const __m256 a8 = _mm256_set1_ps(a), b8 = _mm256_set1_ps(b);
-    auto round8 = [](__m256 v) { return _mm256_cvtph_ps(_mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT)); };
+    const Lanes a8 = splat8(a), b8 = splat8(b);
     if (a == 1.f && b == 1.f)  // the residual sum: a product by one is exact, NaN passing through either way
-      for (; i + 8 <= r.end(); i += 8) {
-        const __m256 xv = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(x + i)));
-        const __m256 yv = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(y + i)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i),
-                         _mm256_cvtps_ph(_mm256_add_ps(xv, yv), _MM_FROUND_TO_NEAREST_INT));
-      }
-    for (; i + 8 <= r.end(); i += 8) {
-      const __m256 xv = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(x + i)));
-      const __m256 yv = _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(y + i)));
-      const __m256 sum = _mm256_add_ps(round8(_mm256_mul_ps(a8, xv)), round8(_mm256_mul_ps(b8, yv)));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm256_cvtps_ph(sum, _MM_FROUND_TO_NEAREST_INT));
-    }
-#endif
+      for (; i + 8 <= r.end(); i += 8) store8(out + i, add8(load8(x + i), load8(y + i)));
+    for (; i + 8 <= r.end(); i += 8)
+      store8(out + i, add8(round8(mul8(a8, load8(x + i))), round8(mul8(b8, load8(y + i)))));
     for (; i < r.end(); ++i) out[i] = hadd(hmul(alpha, x[i]), hmul(beta, y[i]));
   });
 }
