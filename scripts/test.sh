@@ -28,7 +28,7 @@ cmake --build "$emu" -j "$jobs" --target orva_tests
 # leaves this block out.
 if [ "${ORVA_SKIP_HARDENING:-0}" != 1 ]; then
   "$root/scripts/sanitize.sh"
-  for target in description network model weights; do
+  for target in description network model weights tfjs; do
     "$root/scripts/fuzz.sh" "$target" "${ORVA_CI_FUZZ_SECONDS:-30}" -seed=1 -runs="${ORVA_CI_FUZZ_RUNS:-20000}"
   done
 fi

@@ -19,7 +19,7 @@ using orva_test::NearL2;
 using orva_test::Tensor;
 
 // The ids with a function; the others are free slots.
-const int kIds[] = {0, 1, 2, 3, 5, 7, 8, 9, 11, 13, 14, 15};
+const int kIds[] = {0, 1, 2, 3, 5, 7, 8, 9, 11, 13, 14, 15, 16, 17, 18};
 
 // The slopes of "relie" and "leaky" are the half constants 0x211F and 0x2E66.
 const double kRelieSlope = 0.01000213623046875;
@@ -41,6 +41,9 @@ double ref_activate(int type, double x) {
     case 13: return x > 0 ? (x > 6 ? 6 : x) : 0;
     case 14: return x > 0 ? (x > 10 ? 10 : x) : 0;
     case 15: return x * std::tanh(ref_softplus(x));
+    case 16: return x / (1 + std::exp(-x));
+    case 17: return x * std::min(std::max(x + 3, 0.0), 6.0) / 6;
+    case 18: return std::min(std::max(x + 3, 0.0), 6.0) / 6;
   }
   return NAN;
 }
@@ -65,21 +68,27 @@ double ref_gradient(int type, double y) {
       const double sp = ref_softplus(y), t = std::tanh(sp);
       return y * (t + (1 - t * t) * (1 - std::exp(-sp)));
     }
+    case 16: {
+      const double s = 1 / (1 + std::exp(-y));
+      return s + y * s * (1 - s);
+    }
+    case 17: return y >= 3 ? 1 : (y > -0.375 ? std::sqrt(9 + 24 * y) / 6 : 0);
+    case 18: return (y > 0 && y < 1) ? 1.0 / 6 : 0;
   }
   return NAN;
 }
 
 TEST(ActivationType, NamesAndIdsFollowTheTable) {
   const char* names[] = {"logistic", "relu", "relie", "linear", "tanh", "leaky",
-                         "elu", "loggy", "hardtan", "relu6", "relu10", "mish"};
-  for (size_t k = 0; k < 12; ++k) EXPECT_EQ(ActivationType::type(names[k]), kIds[k]) << names[k];
+                         "elu", "loggy", "hardtan", "relu6", "relu10", "mish", "swish", "hswish", "hsigmoid"};
+  for (size_t k = 0; k < 15; ++k) EXPECT_EQ(ActivationType::type(names[k]), kIds[k]) << names[k];
   EXPECT_EQ(ActivationType::type("Leaky"), -1);
   EXPECT_EQ(ActivationType::type("relu "), -1);
   EXPECT_EQ(ActivationType::type(""), -1);
   EXPECT_EQ(ActivationType::type(nullptr), -1);
 
   int handle_dummy = 0;
-  for (int id = -1; id <= 16; ++id) {
+  for (int id = -1; id <= 19; ++id) {
     std::unique_ptr<Activation> a(ActivationType::create(id, &handle_dummy));
     const bool named = std::find(std::begin(kIds), std::end(kIds), id) != std::end(kIds);
     ASSERT_EQ(a != nullptr, named) << "id " << id;
@@ -112,12 +121,16 @@ TEST_P(ActivationKernels, PinnedValues) {
       {11, 1.5f, 1.f}, {11, -3.f, -1.f}, {11, 0.25f, 0.25f},
       // the far tails go through the exponential's cut-offs and stay exact
       {0, -200.f, 0.f}, {0, 200.f, 1.f}, {5, 100.f, 1.f}, {5, -100.f, -1.f}, {8, -200.f, -1.f},
-      {9, 200.f, 1.f}, {9, -200.f, -1.f}, {15, 30.f, 30.f}, {15, -30.f, 0.f}, {0, 0.f, 0.5f}};
+      {9, 200.f, 1.f}, {9, -200.f, -1.f}, {15, 30.f, 30.f}, {15, -30.f, 0.f}, {0, 0.f, 0.5f},
+      // the hard forms: flat beyond -3 and 3, exact at the knees
+      {17, -4.f, 0.f}, {17, 3.f, 3.f}, {17, 100.f, 100.f}, {17, -1.5f, -0.375f}, {18, -3.f, 0.f},
+      {18, 3.f, 1.f}, {18, 0.f, 0.5f}, {17, NAN, NAN}};
   const Pin gradients[] = {
       {13, 6.f, 1.f}, {13, 6.00390625f, 0.f}, {13, 0.f, 0.f}, {14, 10.f, 1.f}, {14, 10.0078125f, 0.f},
       {11, 1.f, 0.f}, {11, -1.f, 0.f}, {11, 0.5f, 1.f}, {11, NAN, 0.f}, {1, NAN, 0.f},
       {2, -2.f, 0.01000213623046875f}, {7, -2.f, 0.0999755859375f}, {7, 3.f, 1.f},
-      {8, -0.5f, 0.5f}, {0, 0.5f, 0.25f}, {5, 0.5f, 0.75f}, {9, 0.f, 0.5f}, {15, 200.f, 200.f}};
+      {8, -0.5f, 0.5f}, {0, 0.5f, 0.25f}, {5, 0.5f, 0.75f}, {9, 0.f, 0.5f}, {15, 200.f, 200.f},
+      {17, 5.f, 1.f}, {17, 0.f, 0.5f}, {17, -0.375f, 0.f}, {18, 0.5f, 0.1666259765625f}, {18, 1.f, 0.f}};
   // Nine copies: the host's eight-wide lanes and its one-at-a-time tail both see the value.
   const int copies = 9;
   for (const Pin& p : values) {
@@ -152,6 +165,9 @@ TEST_P(ActivationKernels, LinearLaunchesNothingAndUnknownIdsThrow) {
   for (int bad : {4, 6, 10, 12, -1, 16}) {
     EXPECT_THROW(activation_forward(handle(), bad, x, (int)n), std::runtime_error) << bad;
     EXPECT_THROW(activation_gradient(handle(), bad, x, (int)n, delta), std::runtime_error) << bad;
+  for (int bad : {4, 6, 10, 12, -1, 19}) {
+    activation_forward(handle(), bad, x, (int)n);
+    activation_gradient(handle(), bad, x, (int)n, delta);
   }
   cuda_sync(handle());
   const std::vector<Ftype> after_x = x.download(), after_delta = delta.download();

@@ -288,16 +288,25 @@ TEST(DarknetImport, SectionsKeysDefaultsAndWeightOrder) {
   EXPECT_EQ(convert_darknet(kDarknetNet, &floats, 0, 1).weights.size(), floats.size());
 }
 
+// A [yolo] over 14 channels: (5 + 2 classes) x 2 masked anchors of 3; the mask line follows.
+const char* kYoloHead = "[convolutional]\nfilters=14\nsize=1\n[yolo]\nclasses=2\nnum=3\nanchors=1,2,3,4,5,6\n";
+
 TEST(DarknetImport, FaultsNameTheLineAndTheKey) {
   const std::string head = "[net]\nwidth=8\nheight=8\nchannels=3\n";
   struct Case {
     std::string text;
     const char* expect;
   } cases[] = {
-      {head + "[yolo]\nmask=0\n", "dn.cfg:5: [yolo] this section cannot be expressed"},
+      {head + "[crnn]\n", "dn.cfg:5: [crnn] this section cannot be expressed"},
       {head + "[convolutional]\nfilters=2\nsize=3\nfancy=1\n", "dn.cfg:8: [convolutional] key 'fancy'"},
       {head + "[convolutional]\nfilters=2\nsize=3\nstride_x=2\n", "'stride_x': only 1"},
-      {head + "[convolutional]\nfilters=2\nactivation=swish\n", "'activation': 'swish' has no counterpart"},
+      {head + "[convolutional]\nfilters=2\nactivation=gelu\n", "'activation': 'gelu' has no counterpart"},
+      {head + kYoloHead + "mask=1,3\n", "dn.cfg:12: [yolo] 'mask': 3 names no anchor (num=3)"},
+      {head + kYoloHead + "mask=0\n", "dn.cfg:9: [yolo] 'classes': the layer before gives 14 channels"},
+      {head + kYoloHead + "mask=0,1\nnms_kind=cornersnms\n", "dn.cfg:13: [yolo] 'nms_kind': 'cornersnms' cannot"},
+      {head + kYoloHead + "mask=0,1\nanchors=1,2,3\n", "dn.cfg:13: [yolo] 'anchors': 3 values for num=3"},
+      {head + "[convolutional]\nfilters=6\n[route]\nlayers=-1\ngroups=4\n", "dn.cfg:9: [route] 'groups': 4 does not divide the 6"},
+      {head + "[route]\nlayers=-1\ngroups=2\ngroup_id=2\n", "'group_id': 2 is not below groups = 2"},
       {head + "[convolutional]\nfilters=two\n", "'filters': 'two' is not an integer"},
       {head + "[convolutional]\nfilters=4\ngroups=2\n", "'groups': 2 does not divide"},
       {head + "[route]\nlayers=1\n", "'layers': '1' names no earlier layer"},

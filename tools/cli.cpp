@@ -105,6 +105,8 @@ const char* layerTypeName(int type) {
       "route",       "cost",     "?",       "avgpool",  "?",       "shortcut", "activation", "?",
       "?",           "?",        "?",       "batchnorm", "?",      "region",  "reorg",   "upsample",
       "spresize",    "scalemap", "attention", "dynact", "smerge",  "qregion", "heatmap", "detobj"};
+  if (type == ORVA::LAYER_RESIZE) return "resize";
+  if (type == ORVA::LAYER_CENTERNET) return "centernet";
   return type >= 0 && type < (int)(sizeof kNames / sizeof *kNames) ? kNames[type] : "?";
 }
 

@@ -1,5 +1,5 @@
-// orva convert: one model file from a description and weights, from the darknet dialect, or
-// from a face-api weight manifest.
+// orva convert: one model file from a description and weights, from the darknet dialect, from
+// a face-api weight manifest or from a TF.js graph model.
 #include <filesystem>
 #include <fstream>
 
@@ -7,20 +7,27 @@
 #include "darknet.h"
 #include "faceapi.h"
 #include "model_build.h"
+#include "tfjs.h"
 
 using namespace orvacli;
 
 int cmd_convert(int argc, char** argv) {
   CLI::App app("Writes one model file (and its .names file when classes are named).", "orva convert");
-  std::string cfg, darknet, faceapi, weights, out, names;
+  std::string cfg, darknet, faceapi, tfjs, weights, out, names;
   int input_size = 418;
+  float input_scale = 255;
   auto* g = app.add_option_group("source", "exactly one of");
   g->add_option("--cfg", cfg, "engine network description (with --weights)");
   g->add_option("--darknet", darknet, "network description in the darknet dialect (with --weights)");
   g->add_option("--faceapi", faceapi, "face-api weights manifest of the tiny face detector");
+  g->add_option("--tfjs", tfjs, "TF.js graph model (model.json, weight files beside it)");
   g->require_option(1);
   app.add_option("-w,--weights", weights, "weights file of --cfg or --darknet");
-  app.add_option("--input-size", input_size, "--faceapi: square input in pixels, 32 n + 2")->capture_default_str();
+  auto* size_opt = app.add_option("--input-size", input_size,
+                                  "--faceapi: square input in pixels, 32 n + 2; --tfjs: for a graph without a fixed size")
+                       ->capture_default_str();
+  app.add_option("--input-scale", input_scale, "--tfjs: the value of a white pixel in the graph's input")
+      ->capture_default_str();
   app.add_option("--names", names, "class names to store beside the model, one a line");
   app.add_option("-o,--output", out, "model file to write")->required();
   int status;
@@ -28,7 +35,12 @@ int cmd_convert(int argc, char** argv) {
 
   try {
     ConvertedModel m;
-    if (!faceapi.empty()) {
+    if (!tfjs.empty()) {
+      TfjsOptions t;
+      t.input_scale = input_scale;
+      t.input_size = size_opt->count() ? input_size : 0;
+      m = tfjsToEngine(tfjs, t);
+    } else if (!faceapi.empty()) {
       m = tinyFaceDetector(readWeightsManifest(faceapi), input_size, faceapi);
     } else if (!darknet.empty()) {
       if (weights.empty()) return fail("convert", "--darknet needs --weights");

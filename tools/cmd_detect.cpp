@@ -12,6 +12,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <set>
 
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -54,6 +55,7 @@ struct Source {
   long total = 0;  // frames in a video file, 0 when unknown
   long next = 0;   // index of the next frame
   std::unique_ptr<ORVA::Tracker> tracker;
+  std::map<int, std::set<int>> tracks;  // class -> the track ids seen
   std::unique_ptr<cv::VideoWriter> writer;
   fs::path out_path;
   long objects = 0;
@@ -240,8 +242,16 @@ int cmd_detect(int argc, char** argv) {
     if (s.isVideo()) {
       if (tty && s.total) progress(s, true);
       const double secs = std::chrono::duration<double>(Clock::now() - s.start).count();
-      fprintf(stderr, "%s: %ld frames, %ld detections, %.1f frames/s%s%s\n", s.arg.c_str(), s.next, s.objects,
-              secs > 0 ? s.next / secs : 0.0, s.out_path.empty() ? "" : " -> ", s.out_path.c_str());
+      // Distinct tracks per class, the most followed first.
+      std::vector<std::pair<size_t, int>> counts;
+      for (const auto& t : s.tracks) counts.push_back({t.second.size(), t.first});
+      std::sort(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+      std::string tracked;
+      for (const auto& c : counts)
+        tracked += (tracked.empty() ? ", tracks: " : ", ") + std::to_string(c.first) + " " +
+                   (c.second < (int)names.size() ? names[c.second] : "class " + std::to_string(c.second));
+      fprintf(stderr, "%s: %ld frames, %ld detections, %.1f frames/s%s%s%s\n", s.arg.c_str(), s.next, s.objects,
+              secs > 0 ? s.next / secs : 0.0, tracked.c_str(), s.out_path.empty() ? "" : " -> ", s.out_path.c_str());
       if (s.writer) s.writer->release();
     }
   };
@@ -268,6 +278,9 @@ int cmd_detect(int argc, char** argv) {
       list.erase(std::remove_if(list.begin(), list.end(), [](const ORVA::DetectObj& d) { return d.bbox.area() <= 0; }),
                  list.end());
       if (s.tracker) s.tracker->process(f.img, list);
+      if (s.tracker)
+        for (const ORVA::DetectObj& d : list)
+          if (d.oid >= 0) s.tracks[d.cid].insert(d.oid);
       s.objects += (long)list.size();
 
       nlohmann::ordered_json line = {{"source", s.name(f.index)}, {"frame", s.isVideo() ? f.index : 0},

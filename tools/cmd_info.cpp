@@ -47,7 +47,8 @@ int cmd_info(int argc, char** argv) {
   printf("output   %d x %d x %d (%s)\n", net.oW, net.oH, net.oC, layerTypeName(top->type));
   // Classes: a detection head knows its count; a classifier has one output per class.
   int classes = 0;
-  if (top->type == ORVA::LAYER_REGION || top->type == ORVA::LAYER_QREGION || top->type == ORVA::LAYER_DETOBJ) {
+  if (top->type == ORVA::LAYER_REGION || top->type == ORVA::LAYER_QREGION || top->type == ORVA::LAYER_DETOBJ ||
+      top->type == ORVA::LAYER_CENTERNET) {
     ORVA::DetectNetwork det(ORVA::TEST, 1, o.gpu);
     loadNetwork(det, o);
     classes = det.getClassNum();

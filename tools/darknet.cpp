@@ -149,7 +149,7 @@ class WeightReader {
 };
 
 const std::set<std::string> kActivations = {"logistic", "relu", "relie", "linear", "tanh", "leaky",
-                                            "elu",      "loggy", "hardtan", "relu6", "mish"};
+                                            "elu",      "loggy", "hardtan", "relu6", "mish", "swish"};
 
 std::string activation(Keys& k, const char* def) {
   const std::string a = k.str("activation", def);
@@ -158,6 +158,64 @@ std::string activation(Keys& k, const char* def) {
 }
 
 void append(std::vector<float>& w, const std::vector<float>& v) { w.insert(w.end(), v.begin(), v.end()); }
+
+// Comma-separated integers or numbers of one key; an item that is neither fails the key.
+std::vector<double> list(Keys& k, const std::string& key, bool integers) {
+  std::vector<double> v;
+  const std::string text = k.str(key, "");
+  std::stringstream ss(text);
+  std::string item;
+  while (std::getline(ss, item, ',')) {
+    char* end = nullptr;
+    const double x = std::strtod(item.c_str(), &end);
+    if (item.empty() || *end || !std::isfinite(x) || (integers && x != (long)x))
+      k.fail(key, "'" + item + "' is not " + (integers ? "an integer" : "a number"));
+    v.push_back(x);
+  }
+  return v;
+}
+
+// [yolo]: the masked anchors of the network's list, the loss and suppression choices.
+void yolo(Keys& k, const LayerShape& cur, std::ostringstream& o) {
+  const int classes = k.i("classes", 20), num = k.i("num", 1);
+  if (classes < 0 || classes > 65535) k.fail("classes", "must lie in 0..65535");
+  if (num < 1 || num > 255) k.fail("num", "must lie in 1..255");
+  const std::vector<double> anchors = list(k, "anchors", false);
+  if ((int)anchors.size() < 2 * num)
+    k.fail("anchors", std::to_string(anchors.size()) + " values for num=" + std::to_string(num) + " (2 per anchor)");
+  std::vector<double> mask = list(k, "mask", true);
+  if (mask.empty())
+    for (int a = 0; a < num; ++a) mask.push_back(a);
+  for (double m : mask)
+    if (m < 0 || m >= num)
+      k.fail("mask", std::to_string((long)m) + " names no anchor (num=" + std::to_string(num) + ")");
+  const long long want = (5LL + classes) * (long long)mask.size();
+  if (cur.c != want)
+    k.fail("classes", "the layer before gives " + std::to_string(cur.c) + " channels, (5 + classes) x " +
+                          std::to_string(mask.size()) + " masked anchors is " + std::to_string(want));
+  const std::string nms_kind = k.str("nms_kind", "greedynms");
+  if (nms_kind != "greedynms" && nms_kind != "diounms")
+    k.fail("nms_kind", "'" + nms_kind + "' cannot be expressed by the engine (greedynms, diounms)");
+  const std::string iou_loss = k.str("iou_loss", "mse");
+  if (iou_loss != "mse" && iou_loss != "giou" && iou_loss != "ciou")
+    k.fail("iou_loss", "'" + iou_loss + "' cannot be expressed by the engine (mse, giou, ciou)");
+  const int new_coords = k.i("new_coords", 0);
+  if (new_coords != 0 && new_coords != 1) k.fail("new_coords", "must be 0 or 1");
+  const float scale = k.f("scale_x_y", 1);
+  if (scale < 1) k.fail("scale_x_y", "must be 1 or more");
+  k.neutral("focal_loss", 0);
+  k.ignore({"jitter", "random", "resize", "max_delta", "counters_per_class", "label_smooth_eps", "uc_normalizer",
+            "iou_thresh", "obj_normalizer", "delta_normalizer", "objectness_smooth", "max", "track_history_size",
+            "sim_thresh", "dets_for_track", "dets_for_show", "track_ciou_norm", "embedding_layer"});
+  o << "[yolo]\nclasses=" << classes << "\nnum=" << num << "\nmask=";
+  for (size_t a = 0; a < mask.size(); ++a) o << (a ? "," : "") << (long)mask[a];
+  o << "\nanchors=";
+  for (int a = 0; a < 2 * num; ++a) o << (a ? "," : "") << anchors[a];
+  o << "\nscale_x_y=" << scale << "\nnew_coords=" << new_coords << "\nignore_thresh=" << k.f("ignore_thresh", 0.5f)
+    << "\ntruth_thresh=" << k.f("truth_thresh", 1) << "\niou_loss=" << iou_loss
+    << "\niou_normalizer=" << k.f("iou_normalizer", 1) << "\ncls_normalizer=" << k.f("cls_normalizer", 1)
+    << "\nnms_kind=" << nms_kind << "\nbeta_nms=" << k.f("beta_nms", 0.6f) << "\n";
+}
 
 }  // namespace
 
@@ -181,7 +239,10 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
               "power", "max_crop", "min_crop", "aspect", "flip", "jitter", "random", "time_steps",
               "adam", "B1", "B2", "eps", "mosaic", "letter_box", "mixup", "cutmix", "blur",
               "label_smooth_eps", "resize_step", "notruth", "track", "augment_speed", "sequential",
-              "rate", "seed", "center", "max_chart_loss", "hue_shift", "gaussian_noise"});
+              "rate", "seed", "center", "max_chart_loss", "hue_shift", "gaussian_noise", "mosaic_bound",
+              "contrastive", "unsupervised", "label_smooth_eps", "adversarial_lr", "attention", "equidistant_point",
+              "dynamic_minibatch", "optimized_memory", "workspace_size_limit_MB", "cutmix", "max_chart_loss",
+              "try_fix_nan", "loss_scale", "ema_alpha", "use_cuda_graph", "show_receptive_field"});
     k.finish();
     cfg << "[network]\nwidth=" << cur.w << "\nheight=" << cur.h << "\nchannels=" << cur.c;
     if (k.has("inputs")) cfg << "\ninputs=" << inputs;
@@ -263,7 +324,14 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
       if (size < 1 || stride < 1 || padding < 0) throw ConvertError(k.header() + "size and stride must be positive");
       // The dialect pads `padding` in all, half of it before; the engine pads `pad` before.
       out = {(cur.w + padding - size) / stride + 1, (cur.h + padding - size) / stride + 1, cur.c};
-      o << "[maxpool]\nsize=" << size << "\nstride=" << stride << "\npad=" << padding / 2 << "\n";
+      if (out.w < 1 || out.h < 1) k.fail("size", std::to_string(size) + " is larger than the padded input");
+      const int pad = padding / 2;
+      o << "[maxpool]\nsize=" << size << "\nstride=" << stride << "\npad=" << pad << "\n";
+      // The engine's plain rule, (in + 2 pad) / stride, leaves the window size out; where it
+      // gives another shape (the stride-1 pyramid pools) the centred rule gives the dialect's.
+      const bool plain = (cur.w + 2 * pad) / stride == out.w && (cur.h + 2 * pad) / stride == out.h;
+      // An odd padding has no centred form either; the shape check after the build refuses it.
+      if (!plain && padding % 2 == 0 && size > pad) o << "centred=1\n";
     } else if (n == "avgpool" || n == "avg") {
       need_image();
       out = {1, 1, cur.c};
@@ -271,8 +339,10 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
     } else if (n == "route") {
       const std::string list = k.str("layers", "");
       if (list.empty()) throw ConvertError(k.header() + "'layers' is required");
-      k.neutral("groups", 1);
-      k.neutral("group_id", 0);
+      const int groups = k.i("groups", 1), group_id = k.i("group_id", 0);
+      if (groups < 1) k.fail("groups", "must be positive");
+      if (group_id < 0 || group_id >= groups)
+        k.fail("group_id", std::to_string(group_id) + " is not below groups = " + std::to_string(groups));
       std::string abs;
       std::stringstream ss(list);
       std::string item;
@@ -283,7 +353,11 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
         if (item.empty() || *end) k.fail("layers", "'" + item + "' is not a layer index");
         if (v < 0) v += index;
         if (v < 0 || v >= index) k.fail("layers", "'" + item + "' names no earlier layer");
-        const LayerShape& src = shapes[v];
+        LayerShape src = shapes[v];
+        if (src.c % groups)
+          k.fail("groups", std::to_string(groups) + " does not divide the " + std::to_string(src.c) +
+                               " channels of layer " + std::to_string(v));
+        src.c /= groups;
         if (first) {
           out = src;
         } else {
@@ -294,6 +368,7 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
         first = false;
       }
       o << "[route]\nlayers=" << abs << "\n";
+      if (groups > 1) o << "groups=" << groups << "\ngroup_id=" << group_id << "\n";
     } else if (n == "shortcut") {
       if (!k.has("from")) throw ConvertError(k.header() + "'from' is required");
       int from = k.i("from", 0);
@@ -341,6 +416,9 @@ ConvertedModel darknetToEngine(const std::vector<DarknetSection>& sections, cons
         << "\nobject_scale=" << k.f("object_scale", 1) << "\nnoobject_scale=" << k.f("noobject_scale", 1)
         << "\nclass_scale=" << k.f("class_scale", 1) << "\ncoord_scale=" << k.f("coord_scale", 1)
         << "\nanchors=" << anchors << "\n";
+    } else if (n == "yolo") {
+      need_image();
+      yolo(k, cur, o);
     } else if (n == "softmax" || n == "soft") {
       const int in = image ? cur.w * cur.h * cur.c : inputs;
       const int groups = k.i("groups", 1);

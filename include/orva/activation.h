@@ -40,11 +40,14 @@ ORVA_ACTIVATION_CLASS(HardtanActivation, 11)
 ORVA_ACTIVATION_CLASS(Relu6Activation, 13)
 ORVA_ACTIVATION_CLASS(Relu10Activation, 14)
 ORVA_ACTIVATION_CLASS(MishActivation, 15)
+ORVA_ACTIVATION_CLASS(SwishActivation, 16)
+ORVA_ACTIVATION_CLASS(HswishActivation, 17)
+ORVA_ACTIVATION_CLASS(HsigmoidActivation, 18)
 #undef ORVA_ACTIVATION_CLASS
 
 class ActivationType {
  public:
-  // Id for one of the twelve names (exact match), -1 otherwise or for null.
+  // Id for one of the names (exact match), -1 otherwise or for null.
   static int type(const char* name);
   // New object for the id, owned by the caller; null for an id not in the table.
   static Activation* create(int id, void* handle);

@@ -132,6 +132,11 @@ enum LayerTypeId {
   LAYER_QREGION = 29,
   LAYER_HEATMAP = 30,
   LAYER_DETOBJ = 31,
+  LAYER_YOLO = 32,
+  LAYER_RESIZE = 33,
+  LAYER_CENTERNET = 34,
+  LAYER_CMAXPOOL = 35,
+  LAYER_GROUTE = 36,
 };
 
 // Per-channel normalisation owned by a layer: normalises the layer's output, scales it and

@@ -11,6 +11,8 @@
 
 namespace ORVA {
 
+class DetectionHead;
+
 // Overlap of two centre-based boxes (x, y centre; w, h full size); 0 when they are apart.
 float box_iou(const BBox& a, const BBox& b);
 // IoU less beta x squared centre distance over the squared diagonal of the enclosing box;
@@ -20,6 +22,10 @@ float box_iou_dist(const BBox& a, const BBox& b, float beta);
 // ones above thresh, each whose IoU with a better-scored one exceeds nms gets score 0 and
 // falls behind the survivors. nms >= 1 only sorts.
 void box_nms(BBox* boxes, float* prob, int* rank, int n, float nms, float thresh);
+// Greedy hard suppression within each class: in rank order, a candidate still standing drops
+// every later one of its class cid overlapping it by more than nms. With beta >= 0 the overlap
+// is box_iou_dist(.., beta) rather than the IoU.
+void box_nms_class(BBox* boxes, float* prob, const int* cid, int* rank, int n, float nms, float thresh, float beta);
 // Soft suppression: a candidate is dropped when exp(-2 IoU^2) x its score, against any
 // better-scored candidate above thresh, falls below thresh; survivors keep their scores.
 void box_nms_soft(BBox* boxes, float* prob, int* rank, int n, float thresh);
@@ -73,7 +79,8 @@ class DetectNetwork : public Network {
  public:
   DetectNetwork(int mode, int batch, int gpu_index) : Network(mode, batch, gpu_index) {}
   ~DetectNetwork() override;
-  // The top layer must be a region, qregion or detobj layer.
+  // The top layer must be a region, qregion, detobj or yolo layer; a yolo top layer brings
+  // every yolo layer of the network in, all of them decoded before one suppression.
   int load(const char* path_cfg, const char* path_weight, bool quant = false, bool fast = false) override;
   int load(const char* path_net, bool quant = false, bool fast = false) override;
   void resize(int w, int h) override;
@@ -102,6 +109,17 @@ class DetectNetwork : public Network {
   BBox* _box = nullptr;
 
  protected:
+  // Heads decoded per image, the top layer last; the others' outputs are pulled to _head_out
+  // (one full batch of each, in this order) before decoding.
+  std::vector<DetectionHead*> _heads;
+  std::vector<float> _head_out;
+  std::vector<Ftype> _head_stage;
+  // Class-wise suppression (every yolo network) and the overlap's centre-distance weight
+  // (diounms; negative for the plain IoU).
+  bool _classwise = false;
+  float _beta = -1;
+  void _pullHeads(int n);
+  void _decode(const float* output, int k, float* prob, int* cid, BBox* box);
   void _makeDetect();
   void _freeDetect();
   // Image k of a batch: its slices of the candidate arrays.

@@ -8,6 +8,11 @@
 // Output side of a windowed pool, the one formula every caller shares.
 inline int pool_out_side(int in, int pad, int stride) { return (in + 2 * pad) / stride; }
 
+// Output side of a centred window pool, where the windows start pad before the input and the
+// window size enters the side: (in + 2 * pad - size) / stride + 1. With pad = (size - 1) / 2
+// and stride 1 an odd window keeps the input's side (the spatial pyramid's pools).
+inline int pool_out_side_centred(int in, int size, int pad, int stride) { return (in + 2 * pad - size) / stride + 1; }
+
 // Window maximum; indexes[o] = flat input index of the first strictly greatest value in
 // row-major window order, -1 when the window lies wholly outside the input. indexes may be
 // null where no gradient will be taken: only the maxima are written then.
@@ -16,6 +21,11 @@ void pool_max_forward(void* handle, int batch, int in_h, int in_w, int in_c, int
 // prev_delta[i] += sum of delta over the outputs whose recorded index is i.
 void pool_max_backward(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
                        Ftype* delta, int* indexes, Ftype* prev_delta);
+// The same two with the centred output side.
+void pool_max_forward_centred(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
+                              Ftype* input, Ftype* output, int* indexes);
+void pool_max_backward_centred(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
+                               Ftype* delta, int* indexes, Ftype* prev_delta);
 // Window mean: in-range values summed in half, divided by the full size * size.
 void pool_avg_forward(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
                       Ftype* input, Ftype* output);

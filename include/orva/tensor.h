@@ -11,6 +11,18 @@ void tensor_upsample(void* handle, int batch, int w, int h, int c, int stride, F
 void tensor_upsample_backward(void* handle, int batch, int w, int h, int c, int stride, Ftype* delta,
                               Ftype* prev_delta);
 
+// Bilinear resize of each plane from in_w x in_h to out_w x out_h. The source coordinate of
+// output index d follows one of TensorFlow's rules: kResizeAsymmetric d * in / out,
+// kResizeAlignCorners d * (in - 1) / (out - 1), kResizeHalfPixel (d + 0.5) * in / out - 0.5.
+// The four taps are clamped into the plane; out = top + (bottom - top) * ly with top and
+// bottom interpolated along the row, all in float, rounded to half once.
+enum { kResizeAsymmetric = 0, kResizeAlignCorners = 1, kResizeHalfPixel = 2 };
+void tensor_resize(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, int rule, Ftype* input,
+                   Ftype* output);
+// prev_delta[b,c,y,x] += sum over the outputs that read (y, x) of delta times the tap's weight.
+void tensor_resize_backward(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, int rule,
+                            Ftype* delta, Ftype* prev_delta);
+
 // out = alpha * x + beta * y, each product and the sum rounded to half (the residual sum of
 // two tensors of one shape; out may be x or y).
 void tensor_add_scaled(void* handle, int n, float alpha, Ftype* x, float beta, Ftype* y, Ftype* out);

@@ -104,6 +104,25 @@ void box_nms(BBox* boxes, float* prob, int* rank, int n, float nms, float thresh
   rerank(prob, rank, n, m);
 }
 
+void box_nms_class(BBox* boxes, float* prob, const int* cid, int* rank, int n, float nms, float thresh, float beta) {
+  if (n <= 0) return;
+  sort_by_score(prob, rank, n);
+  if (nms >= 1.f) return;
+  const int m = above(prob, rank, n, thresh);
+  // Greedy in rank order: only a candidate still standing suppresses the ones after it.
+  for (int i = 0; i < m; ++i) {
+    const int a = rank[i];
+    if (prob[a] == 0) continue;
+    for (int j = i + 1; j < m; ++j) {
+      const int b = rank[j];
+      if (prob[b] == 0 || cid[a] != cid[b] || !touching(boxes[a], boxes[b])) continue;
+      const float o = beta >= 0 ? box_iou_dist(boxes[a], boxes[b], beta) : box_iou(boxes[a], boxes[b]);
+      if (o > nms) prob[b] = 0;
+    }
+  }
+  rerank(prob, rank, n, m);
+}
+
 void box_nms_soft(BBox* boxes, float* prob, int* rank, int n, float thresh) {
   if (n <= 0) return;
   sort_by_score(prob, rank, n);

@@ -7,6 +7,7 @@
 #include "layer/attention_layer.h"
 #include "layer/avgpool_layer.h"
 #include "layer/batchnorm_layer.h"
+#include "layer/centernet_layer.h"
 #include "layer/convolution_layer.h"
 #include "layer/cost_layer.h"
 #include "layer/detobj_layer.h"
@@ -18,6 +19,7 @@
 #include "layer/qregion_layer.h"
 #include "layer/region_layer.h"
 #include "layer/reorg_layer.h"
+#include "layer/resize_layer.h"
 #include "layer/route_layer.h"
 #include "layer/scalemap_layer.h"
 #include "layer/shortcut_layer.h"
@@ -25,6 +27,7 @@
 #include "layer/softmax_layer.h"
 #include "layer/upsizenn_layer.h"
 #include "layer/upsizesp_layer.h"
+#include "layer/yolo_layer.h"
 #include "orva/cuda.h"
 #include "orva/orva.h"
 #include "orva/util.h"
@@ -100,6 +103,12 @@ const RegistryEntry kRegistry[] = {
     {"qregion", LAYER_QREGION, make_layer<QRegionLayer>},
     {"heatmap", LAYER_HEATMAP, make_layer<HeatmapLayer>},
     {"detobj", LAYER_DETOBJ, make_layer<DetobjLayer>},
+    {"yolo", LAYER_YOLO, make_layer<YoloLayer>},
+    {"resize", LAYER_RESIZE, make_layer<ResizeLayer>},
+    {"centernet", LAYER_CENTERNET, make_layer<CenternetLayer>},
+    // Stored ids of [maxpool] with centred=1 and of [route] with groups > 1.
+    {"cmaxpool", LAYER_CMAXPOOL, make_layer<MaxpoolLayer>},
+    {"groute", LAYER_GROUTE, make_layer<RouteLayer>},
 };
 }  // namespace
 

@@ -20,6 +20,7 @@ struct ActivationName {
 const ActivationName kActivationNames[] = {
     {"logistic", 0}, {"relu", 1},  {"relie", 2},   {"linear", 3},  {"tanh", 5},    {"leaky", 7},
     {"elu", 8},      {"loggy", 9}, {"hardtan", 11}, {"relu6", 13}, {"relu10", 14}, {"mish", 15},
+    {"swish", 16}, {"hswish", 17},   {"hsigmoid", 18},
 };
 
 bool activation_known(int type) {
@@ -54,6 +55,9 @@ Activation* ActivationType::create(int id, void* handle) {
     case 13: return new Relu6Activation(handle);
     case 14: return new Relu10Activation(handle);
     case 15: return new MishActivation(handle);
+    case 16: return new SwishActivation(handle);
+    case 17: return new HswishActivation(handle);
+    case 18: return new HsigmoidActivation(handle);
     default: return nullptr;
   }
 }
@@ -82,6 +86,9 @@ ORVA_ACTIVATION_VALUES(HardtanActivation, 11)
 ORVA_ACTIVATION_VALUES(Relu6Activation, 13)
 ORVA_ACTIVATION_VALUES(Relu10Activation, 14)
 ORVA_ACTIVATION_VALUES(MishActivation, 15)
+ORVA_ACTIVATION_VALUES(SwishActivation, 16)
+ORVA_ACTIVATION_VALUES(HswishActivation, 17)
+ORVA_ACTIVATION_VALUES(HsigmoidActivation, 18)
 #undef ORVA_ACTIVATION_VALUES
 
 void activation_forward(void* handle, int type, Ftype* x, int n) {

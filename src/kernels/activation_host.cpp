@@ -17,6 +17,7 @@ inline _half hsub(_half a, _half b) { return f2h(h2f(a) - h2f(b)); }
 inline bool hgt(_half a, _half b) { return h2f(a) > h2f(b); }
 inline bool hlt(_half a, _half b) { return h2f(a) < h2f(b); }
 inline _half select(bool c) { return c ? fp_1 : fp_0; }
+const _half fp_3 = {0x4200};
 
 // The device's exponential: 2^(t * log2 e), with the cut-offs that keep far tails exact.
 inline float fast_exp(float t) {
@@ -50,6 +51,15 @@ _half mish_activate(_half x) {
   return f2h(v * tanh_float(softplus(v)));
 }
 
+_half swish_activate(_half x) {
+  const float v = h2f(x);
+  return f2h(v / (1.f + fast_exp(-v)));
+}
+// relu6(x + 3) / 6 and x times it: the addition in half, the rest in float.
+inline float hard_gate(_half x) { return h2f(relu6_activate(hadd(x, fp_3))); }
+_half hswish_activate(_half x) { return f2h(h2f(x) * hard_gate(x) / 6.f); }
+_half hsigmoid_activate(_half x) { return f2h(hard_gate(x) / 6.f); }
+
 _half logistic_gradient(_half y) { return hmul(hsub(fp_1, y), y); }
 _half relu_gradient(_half y) { return select(hgt(y, fp_0)); }
 _half relie_gradient(_half y) { return hgt(y, fp_0) ? fp_1 : fp_0_01; }
@@ -70,17 +80,38 @@ _half mish_gradient(_half y) {
   const float bracket = t + (1.f - t * t) * (1.f - fast_exp(-sp));
   return hmul(y, f2h(bracket));
 }
+// From the output: y >= 3 is the identity; below, the input is the larger root of
+// y = x (x + 3) / 6, where the slope (2 x + 3) / 6 is sqrt(9 + 24 y) / 6. Exact for inputs
+// above -1.5, where nearly all values of a trained network lie.
+_half hswish_gradient(_half y) {
+  const float v = h2f(y);
+  if (!(v < 3.f)) return v >= 3.f ? fp_1 : fp_0;
+  const float d = 9.f + 24.f * v;
+  return d > 0.f ? f2h(sqrtf(d) / 6.f) : fp_0;
+}
+_half hsigmoid_gradient(_half y) { return (hgt(y, fp_0) && hlt(y, fp_1)) ? f2h(1.f / 6.f) : fp_0; }
+
+// Taken at x = y, exact where the output is positive and large, as for mish.
+_half swish_gradient(_half y) {
+  const float v = h2f(y);
+  const float s = 1.f / (1.f + fast_exp(-v));
+  const float vs = v * s;
+  const float slope = vs * (1.f - s);
+  return f2h(s + slope);
+}
 
 using ValueFn = _half (*)(_half);
 
 const ValueFn activate_func[kActivationSlots] = {
     logistic_activate, relu_activate,    relie_activate, linear_activate, nullptr,         tanh_activate,
     nullptr,           leaky_activate,   elu_activate,   loggy_activate,  nullptr,         hardtan_activate,
-    nullptr,           relu6_activate,   relu10_activate, mish_activate};
+    nullptr,           relu6_activate,   relu10_activate, mish_activate,
+    swish_activate,           hswish_activate,  hsigmoid_activate};
 const ValueFn gradient_func[kActivationSlots] = {
     logistic_gradient, relu_gradient,    relie_gradient, linear_gradient, nullptr,         tanh_gradient,
     nullptr,           leaky_gradient,   elu_gradient,   loggy_gradient,  nullptr,         hardtan_gradient,
-    nullptr,           relu6_gradient,   relu10_gradient, mish_gradient};
+    nullptr,           relu6_gradient,   relu10_gradient, mish_gradient,
+    swish_gradient,           hswish_gradient,  hsigmoid_gradient};
 
 // Loops are instantiated per function so the per-value code inlines; the tables above serve
 // single values only.
@@ -225,6 +256,9 @@ bool with_functions(int type, Args... args) {
     case 13: Op<relu6_activate, relu6_gradient>::run(args...); return true;
     case 14: Op<relu10_activate, relu10_gradient>::run(args...); return true;
     case 15: Op<mish_activate, mish_gradient>::run(args...); return true;
+    case 16: Op<swish_activate, swish_gradient>::run(args...); return true;
+    case 17: Op<hswish_activate, hswish_gradient>::run(args...); return true;
+    case 18: Op<hsigmoid_activate, hsigmoid_gradient>::run(args...); return true;
     default: return false;
   }
 }

@@ -18,6 +18,7 @@ __device__ __forceinline__ __half h_0_5() { return hc(0x3800); }
 __device__ __forceinline__ __half h_1() { return hc(0x3C00); }
 __device__ __forceinline__ __half h_1N() { return hc(0xBC00); }
 __device__ __forceinline__ __half h_2() { return hc(0x4000); }
+__device__ __forceinline__ __half h_3() { return hc(0x4200); }
 __device__ __forceinline__ __half h_6() { return hc(0x4600); }
 __device__ __forceinline__ __half h_10() { return hc(0x4900); }
 __device__ __forceinline__ __half select(bool c) { return c ? h_1() : h_0(); }
@@ -68,6 +69,16 @@ __device__ __half mish_activate(__half x) {
   return __float2half_rn(v * tanh_float(softplus(v)));
 }
 
+__device__ __half swish_activate(__half x) {
+  const float v = __half2float(x);
+  return __float2half_rn(v / (1.f + fast_exp(-v)));
+}
+__device__ __forceinline__ float hard_gate(__half x) { return __half2float(relu6_activate(hadd(x, h_3()))); }
+__device__ __half hswish_activate(__half x) {
+  return __float2half_rn(__fdiv_rn(__fmul_rn(__half2float(x), hard_gate(x)), 6.f));
+}
+__device__ __half hsigmoid_activate(__half x) { return __float2half_rn(__fdiv_rn(hard_gate(x), 6.f)); }
+
 __device__ __half logistic_gradient(__half y) { return hmul(hsub(h_1(), y), y); }
 __device__ __half relu_gradient(__half y) { return select(__hgt(y, h_0())); }
 __device__ __half relie_gradient(__half y) { return __hgt(y, h_0()) ? h_1() : h_0_01(); }
@@ -88,6 +99,22 @@ __device__ __half mish_gradient(__half y) {
   const float bracket = __fadd_rn(t, __fmul_rn(__fsub_rn(1.f, __fmul_rn(t, t)), __fsub_rn(1.f, fast_exp(-sp))));
   return hmul(y, __float2half_rn(bracket));
 }
+__device__ __half hswish_gradient(__half y) {
+  const float v = __half2float(y);
+  if (!(v < 3.f)) return v >= 3.f ? h_1() : h_0();
+  const float d = __fadd_rn(9.f, __fmul_rn(24.f, v));
+  return d > 0.f ? __float2half_rn(__fdiv_rn(__fsqrt_rn(d), 6.f)) : h_0();
+}
+__device__ __half hsigmoid_gradient(__half y) {
+  return (__hgt(y, h_0()) && __hlt(y, h_1())) ? __float2half_rn(__fdiv_rn(1.f, 6.f)) : h_0();
+}
+
+// Taken at x = y, exact where the output is positive and large, as for mish.
+__device__ __half swish_gradient(__half y) {
+  const float v = __half2float(y);
+  const float s = 1.f / (1.f + fast_exp(-v));
+  return __float2half_rn(__fadd_rn(s, __fmul_rn(__fmul_rn(v, s), __fsub_rn(1.f, s))));
+}
 
 using ValueFn = __half (*)(__half);
 
@@ -95,11 +122,13 @@ using ValueFn = __half (*)(__half);
 __device__ ValueFn activate_func[kActivationSlots] = {
     logistic_activate, relu_activate,  relie_activate, linear_activate, nullptr,         tanh_activate,
     nullptr,           leaky_activate, elu_activate,   loggy_activate,  nullptr,         hardtan_activate,
-    nullptr,           relu6_activate, relu10_activate, mish_activate};
+    nullptr,           relu6_activate, relu10_activate, mish_activate,
+    swish_activate,           hswish_activate, hsigmoid_activate};
 __device__ ValueFn gradient_func[kActivationSlots] = {
     logistic_gradient, relu_gradient,  relie_gradient, linear_gradient, nullptr,         tanh_gradient,
     nullptr,           leaky_gradient, elu_gradient,   loggy_gradient,  nullptr,         hardtan_gradient,
-    nullptr,           relu6_gradient, relu10_gradient, mish_gradient};
+    nullptr,           relu6_gradient, relu10_gradient, mish_gradient,
+    swish_gradient,           hswish_gradient, hsigmoid_gradient};
 
 __global__ void activate_kernel(int type, __half* x, int n) {
   const size_t i = ORVA_INDEX();

@@ -6,7 +6,7 @@
 // Ids that need special handling outside the per-value functions.
 constexpr int kActivationLinear = 3;
 // Size of the per-value tables; ids 4, 6, 10 and 12 are empty slots.
-constexpr int kActivationSlots = 16;
+constexpr int kActivationSlots = 19;
 
 namespace cpu {
 // f(x) and g(y) of one value, computed as the host twins compute them. Only for ids that

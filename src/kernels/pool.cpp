@@ -19,6 +19,16 @@ bool window_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int size
   return batch > 0;
 }
 
+// The centred rule also needs the window inside the padded input.
+bool centred_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad) {
+  if (!window_ok(fn, batch, in_h, in_w, in_c, size, stride, pad)) return false;
+  if (size > in_w + 2 * pad || size > in_h + 2 * pad || size <= pad) {
+    ORVA_ERROR("%s: size = %d does not fit %d x %d with pad %d", fn, size, in_w, in_h, pad);
+    return false;
+  }
+  return true;
+}
+
 bool global_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int square, int tmin, int tmax,
                const int* order) {
   if (batch < 0 || in_h < 1 || in_w < 1 || in_c < 1)
@@ -52,6 +62,23 @@ void pool_max_backward(void* handle, int batch, int in_h, int in_w, int in_c, in
   if (!window_ok(fn, batch, in_h, in_w, in_c, size, stride, pad) || !present(fn, delta, indexes, prev_delta)) return;
   ORVA_DISPATCH(handle, pool::max_backward, batch, in_h, in_w, in_c, pool_out_side(in_h, pad, stride),
                 pool_out_side(in_w, pad, stride), size, stride, pad, delta, indexes, prev_delta);
+}
+
+void pool_max_forward_centred(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
+                              Ftype* input, Ftype* output, int* indexes) {
+  const char* fn = "pool_max_forward_centred";
+  if (!centred_ok(fn, batch, in_h, in_w, in_c, size, stride, pad) || !present(fn, input, output)) return;
+  ORVA_DISPATCH(handle, pool::max_forward, batch, in_h, in_w, in_c, pool_out_side_centred(in_h, size, pad, stride),
+                pool_out_side_centred(in_w, size, pad, stride), size, stride, pad, input, output, indexes);
+}
+
+void pool_max_backward_centred(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,
+                               Ftype* delta, int* indexes, Ftype* prev_delta) {
+  const char* fn = "pool_max_backward_centred";
+  if (!centred_ok(fn, batch, in_h, in_w, in_c, size, stride, pad) || !present(fn, delta, indexes, prev_delta))
+    return;
+  ORVA_DISPATCH(handle, pool::max_backward, batch, in_h, in_w, in_c, pool_out_side_centred(in_h, size, pad, stride),
+                pool_out_side_centred(in_w, size, pad, stride), size, stride, pad, delta, indexes, prev_delta);
 }
 
 void pool_avg_forward(void* handle, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad,

@@ -38,6 +38,39 @@ void tensor_upsample_backward(void* handle, int batch, int w, int h, int c, int 
   ORVA_DISPATCH(handle, tensor::upsample_backward, batch, w, h, c, stride, delta, prev_delta);
 }
 
+namespace {
+// The source step of one axis, in float as TensorFlow computes it.
+float resize_step(int in, int out, int rule) {
+  if (rule == kResizeAlignCorners) return out > 1 ? (float)(in - 1) / (float)(out - 1) : 0.f;
+  return (float)in / (float)out;
+}
+
+bool resize_ok(const char* fn, int batch, int c, int in_w, int in_h, int out_w, int out_h, int rule) {
+  if (!shape_ok(fn, batch, in_w, in_h, c) || !shape_ok(fn, 1, out_w, out_h, 1)) return false;
+  if (rule < kResizeAsymmetric || rule > kResizeHalfPixel) {
+    ORVA_ERROR("%s: coordinate rule %d is not 0, 1 or 2", fn, rule);
+    return false;
+  }
+  return true;
+}
+}  // namespace
+
+void tensor_resize(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, int rule, Ftype* input,
+                   Ftype* output) {
+  const char* fn = "tensor_resize";
+  if (!resize_ok(fn, batch, c, in_w, in_h, out_w, out_h, rule) || !present(fn, input, output)) return;
+  ORVA_DISPATCH(handle, tensor::resize, batch, c, in_w, in_h, out_w, out_h, resize_step(in_w, out_w, rule),
+                resize_step(in_h, out_h, rule), rule == kResizeHalfPixel ? 1 : 0, input, output);
+}
+
+void tensor_resize_backward(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, int rule,
+                            Ftype* delta, Ftype* prev_delta) {
+  const char* fn = "tensor_resize_backward";
+  if (!resize_ok(fn, batch, c, in_w, in_h, out_w, out_h, rule) || !present(fn, delta, prev_delta)) return;
+  ORVA_DISPATCH(handle, tensor::resize_backward, batch, c, in_w, in_h, out_w, out_h, resize_step(in_w, out_w, rule),
+                resize_step(in_h, out_h, rule), rule == kResizeHalfPixel ? 1 : 0, delta, prev_delta);
+}
+
 void tensor_add_scaled(void* handle, int n, float alpha, Ftype* x, float beta, Ftype* y, Ftype* out) {
   const char* fn = "tensor_add_scaled";
   if (n < 0 || !std::isfinite(alpha) || !std::isfinite(beta))

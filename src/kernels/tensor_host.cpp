@@ -4,7 +4,9 @@
 #include <tbb/parallel_for.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "kernels/half_math.h"
 #include "kernels/tensor_kernel.h"
@@ -74,6 +76,76 @@ void upsample_backward(void* handle, int batch, int w, int h, int c, int stride,
       for (int dy = 0; dy < stride; ++dy)
         for (int dx = 0; dx < stride; ++dx) sum += h2f(src[(size_t)dy * ow + (size_t)x * stride + dx]);
       prev_delta[row * w + x] = add_grad(prev_delta[row * w + x], sum);
+    }
+  });
+}
+
+namespace {
+
+// The two taps of output index d along one axis and the weight of the second.
+struct Taps {
+  int lo, hi;
+  float t;
+};
+inline Taps taps(int d, float step, int half_pixel, int in) {
+  const float src = half_pixel ? ((float)d + 0.5f) * step - 0.5f : (float)d * step;
+  const float f = floorf(src);
+  return Taps{std::max((int)f, 0), std::min((int)ceilf(src), in - 1), src - f};
+}
+// Weight of input index i in output d's interpolation along one axis.
+inline float tap_weight(const Taps& k, int i) { return (k.lo == i ? 1.f - k.t : 0.f) + (k.hi == i ? k.t : 0.f); }
+// The outputs whose taps can reach input index i (wider than needed; the weights decide).
+inline void reach(int i, int in, int out, float step, int half_pixel, int* first, int* last) {
+  *first = 0;
+  *last = out - 1;
+  if (!(step > 0.f)) return;
+  const float off = half_pixel ? 0.5f * step - 0.5f : 0.f;
+  if (i > 0) *first = std::max(0, (int)floorf(((float)i - 1.f - off) / step) - 1);
+  if (i < in - 1) *last = std::min(out - 1, (int)ceilf(((float)i + 1.f - off) / step) + 1);
+}
+
+}  // namespace
+
+void resize(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, float sx, float sy,
+            int half_pixel, const Ftype* input, Ftype* output) {
+  std::vector<Taps> cols(out_w);
+  for (int x = 0; x < out_w; ++x) cols[x] = taps(x, sx, half_pixel, in_w);
+  for_range((size_t)batch * c * out_h, std::max(1, 4096 / out_w), [&](size_t row) {
+    const size_t k = row / out_h;
+    const Taps ty = taps((int)(row % out_h), sy, half_pixel, in_h);
+    const Ftype* top = input + (k * in_h + ty.lo) * in_w;
+    const Ftype* bottom = input + (k * in_h + ty.hi) * in_w;
+    Ftype* dst = output + row * out_w;
+    for (int x = 0; x < out_w; ++x) {
+      const Taps& tx = cols[x];
+      const float a = h2f(top[tx.lo]), b = h2f(top[tx.hi]), cc = h2f(bottom[tx.lo]), d = h2f(bottom[tx.hi]);
+      const float t = a + (b - a) * tx.t, u = cc + (d - cc) * tx.t;
+      dst[x] = f2h(t + (u - t) * ty.t);
+    }
+  });
+}
+
+void resize_backward(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, float sx, float sy,
+                     int half_pixel, const Ftype* delta, Ftype* prev_delta) {
+  for_range((size_t)batch * c * in_h, 1, [&](size_t row) {
+    const size_t k = row / in_h;
+    const int y = (int)(row % in_h);
+    int y0, y1;
+    reach(y, in_h, out_h, sy, half_pixel, &y0, &y1);
+    for (int x = 0; x < in_w; ++x) {
+      int x0, x1;
+      reach(x, in_w, out_w, sx, half_pixel, &x0, &x1);
+      float sum = 0.f;
+      for (int oy = y0; oy <= y1; ++oy) {
+        const float wy = tap_weight(taps(oy, sy, half_pixel, in_h), y);
+        if (wy == 0.f) continue;
+        for (int ox = x0; ox <= x1; ++ox) {
+          const float wx = tap_weight(taps(ox, sx, half_pixel, in_w), x);
+          if (wx == 0.f) continue;
+          sum += h2f(delta[(k * out_h + oy) * out_w + ox]) * (wy * wx);
+        }
+      }
+      prev_delta[row * in_w + x] = add_grad(prev_delta[row * in_w + x], sum);
     }
   });
 }

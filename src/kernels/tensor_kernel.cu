@@ -25,6 +25,64 @@ __global__ void upsample_kernel(size_t n, int w, int h, int stride, const __half
   output[i] = input[(k * h + y / stride) * w + x / stride];
 }
 
+struct Taps {
+  int lo, hi;
+  float t;
+};
+__device__ __forceinline__ Taps taps(int d, float step, int half_pixel, int in) {
+  const float src = half_pixel ? __fsub_rn(__fmul_rn(__fadd_rn((float)d, 0.5f), step), 0.5f) : __fmul_rn((float)d, step);
+  const float f = floorf(src);
+  return Taps{max((int)f, 0), min((int)ceilf(src), in - 1), __fsub_rn(src, f)};
+}
+__device__ __forceinline__ float tap_weight(const Taps& k, int i) {
+  return __fadd_rn(k.lo == i ? __fsub_rn(1.f, k.t) : 0.f, k.hi == i ? k.t : 0.f);
+}
+__device__ __forceinline__ void reach(int i, int in, int out, float step, int half_pixel, int* first, int* last) {
+  *first = 0;
+  *last = out - 1;
+  if (!(step > 0.f)) return;
+  const float off = half_pixel ? __fsub_rn(__fmul_rn(0.5f, step), 0.5f) : 0.f;
+  if (i > 0) *first = max(0, (int)floorf(__fdiv_rn(__fsub_rn(__fsub_rn((float)i, 1.f), off), step)) - 1);
+  if (i < in - 1) *last = min(out - 1, (int)ceilf(__fdiv_rn(__fsub_rn(__fadd_rn((float)i, 1.f), off), step)) + 1);
+}
+__device__ __forceinline__ float lerp(float a, float b, float t) { return __fadd_rn(a, __fmul_rn(__fsub_rn(b, a), t)); }
+
+__global__ void resize_kernel(size_t n, int in_w, int in_h, int out_w, int out_h, float sx, float sy, int half_pixel,
+                              const __half* input, __half* output) {
+  const size_t i = ORVA_INDEX();
+  if (i >= n) return;
+  const int x = (int)(i % out_w), y = (int)(i / out_w % out_h);
+  const size_t k = i / ((size_t)out_w * out_h);
+  const Taps tx = taps(x, sx, half_pixel, in_w), ty = taps(y, sy, half_pixel, in_h);
+  const __half* top = input + (k * in_h + ty.lo) * in_w;
+  const __half* bottom = input + (k * in_h + ty.hi) * in_w;
+  const float t = lerp(__half2float(top[tx.lo]), __half2float(top[tx.hi]), tx.t);
+  const float u = lerp(__half2float(bottom[tx.lo]), __half2float(bottom[tx.hi]), tx.t);
+  output[i] = __float2half_rn(lerp(t, u, ty.t));
+}
+
+__global__ void resize_backward_kernel(size_t n, int in_w, int in_h, int out_w, int out_h, float sx, float sy,
+                                       int half_pixel, const __half* delta, __half* prev_delta) {
+  const size_t i = ORVA_INDEX();
+  if (i >= n) return;
+  const int x = (int)(i % in_w), y = (int)(i / in_w % in_h);
+  const size_t k = i / ((size_t)in_w * in_h);
+  int y0, y1, x0, x1;
+  reach(y, in_h, out_h, sy, half_pixel, &y0, &y1);
+  reach(x, in_w, out_w, sx, half_pixel, &x0, &x1);
+  float sum = 0.f;
+  for (int oy = y0; oy <= y1; ++oy) {
+    const float wy = tap_weight(taps(oy, sy, half_pixel, in_h), y);
+    if (wy == 0.f) continue;
+    for (int ox = x0; ox <= x1; ++ox) {
+      const float wx = tap_weight(taps(ox, sx, half_pixel, in_w), x);
+      if (wx == 0.f) continue;
+      sum = __fadd_rn(sum, __fmul_rn(__half2float(delta[(k * out_h + oy) * out_w + ox]), __fmul_rn(wy, wx)));
+    }
+  }
+  prev_delta[i] = add_grad(prev_delta[i], sum);
+}
+
 __global__ void upsample_backward_kernel(size_t n, int w, int h, int stride, const __half* delta,
                                          __half* prev_delta) {
   const size_t i = ORVA_INDEX();
@@ -143,6 +201,22 @@ void upsample_backward(void* handle, int batch, int w, int h, int c, int stride,
   const size_t n = (size_t)batch * c * h * w;
   ORVA_LAUNCH(upsample_backward_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(
       n, w, h, stride, as_device(delta), as_device(prev_delta));
+  CHECK_LAUNCH();
+}
+
+void resize(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, float sx, float sy,
+            int half_pixel, const Ftype* input, Ftype* output) {
+  const size_t n = (size_t)batch * c * out_w * out_h;
+  ORVA_LAUNCH(resize_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(
+      n, in_w, in_h, out_w, out_h, sx, sy, half_pixel, as_device(input), as_device(output));
+  CHECK_LAUNCH();
+}
+
+void resize_backward(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, float sx, float sy,
+                     int half_pixel, const Ftype* delta, Ftype* prev_delta) {
+  const size_t n = (size_t)batch * c * in_w * in_h;
+  ORVA_LAUNCH(resize_backward_kernel, ORVA_GRID(n), ORVA_BLOCK, 0, stream_of(handle))(
+      n, in_w, in_h, out_w, out_h, sx, sy, half_pixel, as_device(delta), as_device(prev_delta));
   CHECK_LAUNCH();
 }
 

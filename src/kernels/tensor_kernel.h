@@ -7,6 +7,10 @@
   void upsample(void* handle, int batch, int w, int h, int c, int stride, const Ftype* input, Ftype* output);  \
   void upsample_backward(void* handle, int batch, int w, int h, int c, int stride, const Ftype* delta,        \
                          Ftype* prev_delta);                                                                 \
+  void resize(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, float sx, float sy,  \
+              int half_pixel, const Ftype* input, Ftype* output);                                          \
+  void resize_backward(void* handle, int batch, int c, int in_w, int in_h, int out_w, int out_h, float sx,   \
+                       float sy, int half_pixel, const Ftype* delta, Ftype* prev_delta);                    \
   void add_scaled(void* handle, int n, Ftype alpha, const Ftype* x, Ftype beta, const Ftype* y, Ftype* out);  \
   void scale(void* handle, int batch, int c, int size, int per_position, const Ftype* input, const Ftype* s,  \
              Ftype* output);                                                                                 \

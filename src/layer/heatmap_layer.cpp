@@ -15,35 +15,18 @@
 namespace ORVA {
 
 namespace {
-constexpr int kMaxTruths = 100;
 constexpr int kTruthSize = 5;
 constexpr int kMaxAnchors = 255;
 }  // namespace
 
-HeatmapLayer::~HeatmapLayer() { HeatmapLayer::_freeLayer(); }
-
-void HeatmapLayer::_freeLayer() {
-  free(_output_cpu);
-  free(_delta_cpu);
-  free(_delta_stage);
-  _output_cpu = _delta_cpu = nullptr;
-  _delta_stage = nullptr;
-}
-
 void HeatmapLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
-  if (!_in_w || !_in_h || !_in_c) ORVA_FATAL("Layer before heatmap layer must output image.");
+  if (!_takeInput(params)) ORVA_FATAL("Layer before heatmap layer must output image.");
   const int ns = params.nsect;
   _anchors = cfg.findInt(ns, "num", 1);
   _classes = cfg.findInt(ns, "classes", 1);
   _bg_class = cfg.findInt(ns, "bg_class", 0, true);
   _softmax = cfg.findInt(ns, "softmax", 0, true);
-  _obj_scale = cfg.findFloat(ns, "object_scale", 1, true);
-  _noobj_scale = cfg.findFloat(ns, "noobject_scale", 1, true);
-  _class_scale = cfg.findFloat(ns, "class_scale", 1, true);
+  _readLossScales(cfg, ns);
   _thresh = cfg.findFloat(ns, "thresh", 0.05f, true);
   if (_classes < 0) ORVA_FATAL("heatmap: classes = %d must not be negative", _classes);
   if (_anchors < 1 || _anchors > kMaxAnchors) ORVA_FATAL("heatmap: num = %d out of range 1..%d", _anchors, kMaxAnchors);
@@ -52,10 +35,7 @@ void HeatmapLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
 }
 
 int HeatmapLayer::loadConfig(FILE* fp, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
+  _takeInput(params);
   unsigned char record[64];
   chk_fread(record, 1, 64, fp);
   unsigned short classes;
@@ -86,37 +66,10 @@ int HeatmapLayer::saveConfig(FILE* fp) {
   return Layer::saveConfig(fp);
 }
 
-void HeatmapLayer::resize(InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _makeLayer(params.quant, params.fast);
-}
-
 void HeatmapLayer::_makeLayer(bool quant, bool fast) {
   _freeLayer();
-  _truths = kMaxTruths * kTruthSize;
-  _out_w = _in_w;
-  _out_h = _in_h;
-  const long long out_c = (long long)_anchors * (1 + _classes);
   _subdiv = (int)std::sqrt((double)_anchors);
-  if (out_c != _in_c) ORVA_FATAL("Layer input & output are mismatched.");
-  _out_c = (int)out_c;
-  _outputs = _in_w * _in_h * _out_c;
-  _inputs = _in_w * _in_h * _in_c;
-  if (_output) cuda_free(_gpu_handle, _output);
-  if (_delta) cuda_free(_gpu_handle, _delta);
-  _delta = nullptr;
-  const size_t total = (size_t)_batch * _outputs;
-  _output = static_cast<Ftype*>(cuda_malloc(_gpu_handle, total * sizeof(Ftype)));
-  cuda_memset(_gpu_handle, _output, 0, total * sizeof(Ftype));
-  if (mode) {
-    _delta = static_cast<Ftype*>(cuda_malloc(_gpu_handle, total * sizeof(Ftype)));
-    cuda_memset(_gpu_handle, _delta, 0, total * sizeof(Ftype));
-    _output_cpu = static_cast<float*>(calloc(total, sizeof(float)));
-    _delta_cpu = static_cast<float*>(calloc(total, sizeof(float)));
-    _delta_stage = static_cast<Ftype*>(calloc(total, sizeof(Ftype)));
-  }
-  ORVA_MSG(INFO, "heatmap\n");
+  _makeHead((long long)_anchors * (1 + _classes), kTruthSize, "heatmap");
 }
 
 void HeatmapLayer::forward(NetworkParams& params) {
@@ -131,11 +84,9 @@ void HeatmapLayer::forward(NetworkParams& params) {
   if (mode && params.truth) _trainingPass(b, params.truth);
 }
 
-void HeatmapLayer::backward(NetworkParams& params) {
-  if (!_delta) return;
+void HeatmapLayer::_activateGradient() {
   const int wh = _in_w * _in_h;
   region_logistic_gradient(_gpu_handle, _output, _delta, _batch, _outputs, _anchors, (1 + _classes) * wh, wh);
-  if (params.delta) blas_axpy(_gpu_handle, _batch * _outputs, 1.f, _delta, params.delta);
 }
 
 void HeatmapLayer::getHeatmap(float* output, float thresh, float* probs, int* classes) {
@@ -163,11 +114,7 @@ void HeatmapLayer::getHeatmap(float* output, float thresh, float* probs, int* cl
 
 void HeatmapLayer::_trainingPass(int batch, const float* truth) {
   if (!_output_cpu) return;
-  const size_t total = (size_t)batch * _outputs;
-  cuda_pull(_gpu_handle, _output_cpu, _output, total * sizeof(Ftype));
-  cuda_sync(_gpu_handle);
-  half2float_cpu(_output_cpu, reinterpret_cast<const _half*>(_output_cpu), total);
-  memset(_delta_cpu, 0, (size_t)_batch * _outputs * sizeof(float));
+  _pullOutput(batch);
 
   const int s = _subdiv, W = _in_w, H = _in_h;
   double class_sum = 0, obj_sum = 0, bg_sum = 0;
@@ -176,8 +123,7 @@ void HeatmapLayer::_trainingPass(int batch, const float* truth) {
     const float* out = _output_cpu + (size_t)b * _outputs;
     float* delta = _delta_cpu + (size_t)b * _outputs;
     const float* tr = truth + (size_t)b * _truths;
-    int nt = 0;
-    while (nt < kMaxTruths && tr[nt * kTruthSize] != 0) ++nt;
+    const int nt = truthCount(tr, kTruthSize);
     for (int j = 0; j < H; ++j)
       for (int i = 0; i < W; ++i)
         for (int a = 0; a < _anchors; ++a) {
@@ -210,7 +156,7 @@ void HeatmapLayer::_trainingPass(int batch, const float* truth) {
       ++count;
     }
   }
-  cost = layer_publish_gradient(this, _delta_cpu, _delta_stage);
+  _publishLoss();
   printf("Class: %.2f, Obj: %.2f, NObj: %f, count: %d\n", class_sum / count, obj_sum / count,
          bg_sum / ((double)W * H * _anchors * _batch), count);
 }

@@ -28,6 +28,8 @@ void check_pool_window(bool from_file, const char* layer, int in_w, int in_h, in
 void MaxpoolLayer::_check(bool from_file) const {
   if (_in_h < 1 || _in_w < 1 || _in_c < 1) LAYER_FAULT(from_file, "Layer before maxpool layer must output image.");
   check_pool_window(from_file, "maxpool", _in_w, _in_h, _in_c, _batch, _size, _stride, _pad);
+  if (_centred && _size <= _pad)
+    LAYER_FAULT(from_file, "maxpool: centred windows of size %d need pad %d below the size", _size, _pad);
 }
 
 void MaxpoolLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
@@ -39,6 +41,8 @@ void MaxpoolLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
   _size = cfg.findInt(params.nsect, "size", 1, true);
   _stride = cfg.findInt(params.nsect, "stride", _size, true);
   _pad = cfg.findInt(params.nsect, "pad", (_size - 1) / 2, true);
+  _centred = type == LAYER_CMAXPOOL || cfg.findInt(params.nsect, "centred", 0, true) != 0;
+  if (_centred) type = LAYER_CMAXPOOL;
   Layer::parseConfig(cfg, params);
   _check(false);
   _makeLayer(params.quant, params.fast);
@@ -49,6 +53,7 @@ int MaxpoolLayer::loadConfig(FILE* fp, InputParams& params) {
   _in_w = params.w;
   _in_c = params.c;
   _batch = params.batch;
+  _centred = type == LAYER_CMAXPOOL;
   int record[3];
   chk_fread(record, 4, 3, fp);
   _size = record[0];
@@ -77,8 +82,8 @@ void MaxpoolLayer::_freeLayer() { layer_release(_gpu_handle, _indexes); }
 
 void MaxpoolLayer::_makeLayer(bool quant, bool fast) {
   _freeLayer();
-  _out_w = pool_out_side(_in_w, _pad, _stride);
-  _out_h = pool_out_side(_in_h, _pad, _stride);
+  _out_w = _centred ? pool_out_side_centred(_in_w, _size, _pad, _stride) : pool_out_side(_in_w, _pad, _stride);
+  _out_h = _centred ? pool_out_side_centred(_in_h, _size, _pad, _stride) : pool_out_side(_in_h, _pad, _stride);
   _out_c = _in_c;
   _inputs = _in_w * _in_h * _in_c;
   _outputs = _out_w * _out_h * _out_c;
@@ -92,12 +97,21 @@ void MaxpoolLayer::_makeLayer(bool quant, bool fast) {
 
 void MaxpoolLayer::forward(NetworkParams& params) {
   const int b = layer_pass_batch(params, _batch);
-  pool_max_forward(_gpu_handle, b, _in_h, _in_w, _in_c, _size, _stride, _pad, params.input, _output, _indexes);
+  if (_centred)
+    pool_max_forward_centred(_gpu_handle, b, _in_h, _in_w, _in_c, _size, _stride, _pad, params.input, _output,
+                             _indexes);
+  else
+    pool_max_forward(_gpu_handle, b, _in_h, _in_w, _in_c, _size, _stride, _pad, params.input, _output, _indexes);
 }
 
 void MaxpoolLayer::backward(NetworkParams& params) {
   if (!_delta || !params.delta || !_indexes) return;
-  pool_max_backward(_gpu_handle, _batch, _in_h, _in_w, _in_c, _size, _stride, _pad, _delta, _indexes, params.delta);
+  if (_centred)
+    pool_max_backward_centred(_gpu_handle, _batch, _in_h, _in_w, _in_c, _size, _stride, _pad, _delta, _indexes,
+                              params.delta);
+  else
+    pool_max_backward(_gpu_handle, _batch, _in_h, _in_w, _in_c, _size, _stride, _pad, _delta, _indexes,
+                      params.delta);
 }
 
 }  // namespace ORVA

@@ -21,6 +21,8 @@ class MaxpoolLayer : public Layer {
   int _size = 1;
   int _stride = 1;
   int _pad = 0;
+  // Centred windows: output side (in + 2 pad - size) / stride + 1 (stored as its own type).
+  bool _centred = false;
   int* _indexes = nullptr;  // training only: batch * outputs flat input indexes, -1 for an empty window
 
  private:

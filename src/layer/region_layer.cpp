@@ -18,39 +18,25 @@
 namespace ORVA {
 
 namespace {
-// Truth records per image and the model-format version that still wrote the older record.
-constexpr int kMaxTruths = 100;
+// The model-format version that still wrote the older record.
 constexpr int kOldRecordVersion = 0x30004;
 // Bounds that keep a model file from asking for absurd heads; real ones are far below.
 constexpr int kMaxCoords = 64;
 constexpr int kMaxAnchors = 255;
-
-Ftype* alloc_tensor(void* handle, size_t n) {
-  Ftype* p = static_cast<Ftype*>(cuda_malloc(handle, n * sizeof(Ftype)));
-  cuda_memset(handle, p, 0, n * sizeof(Ftype));
-  return p;
-}
 }  // namespace
 
 RegionLayer::~RegionLayer() { RegionLayer::_freeLayer(); }
 
 void RegionLayer::_freeLayer() {
   free(_anchor);
-  free(_output_cpu);
-  free(_delta_cpu);
-  free(_delta_stage);
-  _anchor = _output_cpu = _delta_cpu = nullptr;
-  _delta_stage = nullptr;
+  _anchor = nullptr;
+  DetectionHead::_freeLayer();
 }
 
 void RegionLayer::parseConfig(ConfigReader& cfg, InputParams& params) { _parseRegion(cfg, params); }
 
 void RegionLayer::_parseRegion(ConfigReader& cfg, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
-  if (!_in_w || !_in_h || !_in_c) ORVA_FATAL("Layer before %s layer must output image.", _imageKind());
+  if (!_takeInput(params)) ORVA_FATAL("Layer before %s layer must output image.", _imageKind());
   const int ns = params.nsect;
   _classes = cfg.findInt(ns, "classes", 1);
   _coords = cfg.findInt(ns, "coords", 4, true);
@@ -59,9 +45,7 @@ void RegionLayer::_parseRegion(ConfigReader& cfg, InputParams& params) {
   if (_readsLocType()) _loc_type = cfg.findInt(ns, "loc_type", 0, true);
   _scale_xy = cfg.findFloat(ns, "scale_xy", 1, true);
   _bg_class = cfg.findInt(ns, "bg_class", 0, true);
-  _obj_scale = cfg.findFloat(ns, "object_scale", 1, true);
-  _noobj_scale = cfg.findFloat(ns, "noobject_scale", 1, true);
-  _class_scale = cfg.findFloat(ns, "class_scale", 1, true);
+  _readLossScales(cfg, ns);
   _coord_scale = cfg.findFloat(ns, "coord_scale", 1, true);
   _rescore = cfg.findFloat(ns, "rescore", 0, true);
   _thresh = cfg.findFloat(ns, "thresh", 0.5f, true);
@@ -89,10 +73,7 @@ int RegionLayer::loadConfig(FILE* fp, InputParams& params) {
 }
 
 void RegionLayer::_loadRegion(FILE* fp, InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _in_c = params.c;
-  _batch = params.batch;
+  _takeInput(params);
   if (params.net && params.net->version <= kOldRecordVersion) {
     int record[11];
     chk_fread(record, 4, 11, fp);
@@ -141,39 +122,14 @@ int RegionLayer::saveConfig(FILE* fp) {
   return Layer::saveConfig(fp);
 }
 
-void RegionLayer::resize(InputParams& params) {
-  _in_h = params.h;
-  _in_w = params.w;
-  _makeLayer(params.quant, params.fast);
-}
-
 void RegionLayer::_makeLayer(bool quant, bool fast) {
   // A remake (resize) keeps the anchors; they describe the model, not the shape.
   std::vector<float> anchors;
   if (_anchor) anchors.assign(_anchor, _anchor + 2 * _anchors);
   _freeLayer();
-  _out_w = _in_w;
-  _out_h = _in_h;
-  const long long out_c = ((long long)_coords + 1 + _classes) * _anchors;
-  if (out_c != _in_c) ORVA_FATAL("Layer input & output are mismatched.");
-  _out_c = (int)out_c;
-  _outputs = _in_w * _in_h * _out_c;
-  _inputs = _in_w * _in_h * _in_c;
-  _truths = (_coords + 1) * kMaxTruths;
   _anchor = static_cast<float*>(calloc(2 * _anchors, sizeof(float)));
   std::copy(anchors.begin(), anchors.end(), _anchor);
-  if (_output) cuda_free(_gpu_handle, _output);
-  if (_delta) cuda_free(_gpu_handle, _delta);
-  _delta = nullptr;
-  const size_t total = (size_t)_batch * _outputs;
-  _output = alloc_tensor(_gpu_handle, total);
-  if (mode) {
-    _delta = alloc_tensor(_gpu_handle, total);
-    _output_cpu = static_cast<float*>(calloc(total, sizeof(float)));
-    _delta_cpu = static_cast<float*>(calloc(total, sizeof(float)));
-    _delta_stage = static_cast<Ftype*>(calloc(total, sizeof(Ftype)));
-  }
-  ORVA_MSG(INFO, "%s\n", _kind());
+  _makeHead(((long long)_coords + 1 + _classes) * _anchors, _coords + 1, _kind());
 }
 
 void RegionLayer::forward(NetworkParams& params) {
@@ -193,12 +149,6 @@ void RegionLayer::_activate(Ftype* input, int batch) {
     blas_softmax(_gpu_handle, input + first, _classes, _anchors * batch, _inputs / _anchors, wh, 1, wh, 1.f,
                  _output + first);
   }
-}
-
-void RegionLayer::backward(NetworkParams& params) {
-  if (!_delta) return;
-  _activateGradient();
-  if (params.delta) blas_axpy(_gpu_handle, _batch * _outputs, 1.f, _delta, params.delta);
 }
 
 void RegionLayer::_activateGradient() {
@@ -241,26 +191,8 @@ void RegionLayer::getRegionBox(float* output, float thresh, float* probs, int* c
   for (int n = 0; n < _anchors; ++n) {
     float* prob = probs + (size_t)n * wh;
     int* cls = classes + (size_t)n * wh;
-    const float* obj = output + _entry_index(0, n, 0, _objEntry());
-    // A head without class scores (classes = 0) detects one class: the objectness is the score.
-    if (_classes == 0) {
-      std::copy(obj, obj + wh, prob);
-      std::fill(cls, cls + wh, 0);
-    } else {
-      // Class planes in ascending order, each cell keeping a strictly greater score: the
-      // lowest index wins ties and class 0 with 0 stands when nothing is positive.
-      std::fill(prob, prob + wh, 0.f);
-      std::fill(cls, cls + wh, 0);
-      for (int k = 0; k < _classes; ++k) {
-        const float* score = output + _entry_index(0, n, 0, _coords + 1 + k);
-        for (int loc = 0; loc < wh; ++loc) {
-          const bool better = score[loc] > prob[loc];
-          prob[loc] = better ? score[loc] : prob[loc];
-          cls[loc] = better ? k : cls[loc];
-        }
-      }
-      for (int loc = 0; loc < wh; ++loc) prob[loc] *= obj[loc];
-    }
+    bestClass(output + _entry_index(0, n, 0, _objEntry()), output + _entry_index(0, n, 0, _coords + 1), _classes, wh,
+              prob, cls);
     for (int j = 0; j < _in_h; ++j)
       for (int i = 0; i < _in_w; ++i) boxes[(size_t)n * wh + j * _in_w + i] = _decode(output, n, i, j);
   }
@@ -268,11 +200,7 @@ void RegionLayer::getRegionBox(float* output, float thresh, float* probs, int* c
 
 void RegionLayer::_trainingPass(int batch, const float* truth) {
   if (!_output_cpu) return;
-  const size_t total = (size_t)batch * _outputs;
-  cuda_pull(_gpu_handle, _output_cpu, _output, total * sizeof(Ftype));
-  cuda_sync(_gpu_handle);
-  half2float_cpu(_output_cpu, reinterpret_cast<const _half*>(_output_cpu), total);
-  memset(_delta_cpu, 0, (size_t)_batch * _outputs * sizeof(float));
+  _pullOutput(batch);
 
   const int wh = _in_w * _in_h, rec = _coords + 1;
   double iou_sum = 0, class_sum = 0, obj_sum = 0, bg_sum = 0;
@@ -281,9 +209,8 @@ void RegionLayer::_trainingPass(int batch, const float* truth) {
     const float* out = _output_cpu + (size_t)b * _outputs;
     float* delta = _delta_cpu + (size_t)b * _outputs;
     const float* tr = truth + (size_t)b * _truths;
-    int nt = 0;
-    while (nt < kMaxTruths && tr[nt * rec] != 0) ++nt;
-    auto truth_box = [&](int t) { return BBox{tr[t * rec], tr[t * rec + 1], tr[t * rec + 2], tr[t * rec + 3]}; };
+    const int nt = truthCount(tr, rec);
+    auto truth_box = [&](int t) { return truthBox(tr, t, rec); };
 
     for (int j = 0; j < _in_h; ++j)
       for (int i = 0; i < _in_w; ++i)
@@ -332,7 +259,7 @@ void RegionLayer::_trainingPass(int batch, const float* truth) {
       ++count;
     }
   }
-  cost = layer_publish_gradient(this, _delta_cpu, _delta_stage);
+  _publishLoss();
   printf("%s IOU: %.2f, Class: %.2f, Obj: %.2f, No-Obj: %f, Recall: %.2f, count: %d\n", _statsName(),
          iou_sum / count, class_sum / count, obj_sum / count, bg_sum / ((double)wh * _anchors * _batch),
          (double)recalled / count, count);

@@ -1,33 +1,25 @@
 // Anchor-box detection head: logistic centres and objectness, optional class softmax on the
 // device; decoding into normalised boxes and the training loss on the host.
 #pragma once
-#include "orva/data.h"
-#include "orva/layer.h"
+#include "layer/detection_head.h"
 
 namespace ORVA {
 
-class RegionLayer : public Layer {
+class RegionLayer : public DetectionHead {
  public:
-  RegionLayer(int mode, void* handle) : Layer(mode, handle) {}
+  RegionLayer(int mode, void* handle) : DetectionHead(mode, handle) {}
   ~RegionLayer() override;
 
   void parseConfig(ConfigReader& cfg, InputParams& params) override;
   int loadConfig(FILE* fp, InputParams& params) override;
-  int loadWeight(FILE* fp, bool quant) override { return 0; }
   int saveConfig(FILE* fp) override;
-  int saveWeight(FILE* fp) override { return 0; }
-  void resize(InputParams& params) override;
   void forward(NetworkParams& params) override;
-  void backward(NetworkParams& params) override;
-  void update(int batch, float rate, float momentum, float decay) override {}
   void _freeLayer() override;
   void _makeLayer(bool quant, bool fast) override;
 
-  // One image's output (host floats, batch item 0 layout) into getRegionOutputNum() boxes,
-  // scores and best classes, indexed anchor * cells + cell. thresh does not change them.
-  virtual void getRegionBox(float* output, float thresh, float* probs, int* classes, BBox* boxes);
-  virtual int getRegionOutputNum() { return _in_w * _in_h * _anchors; }
-  virtual int getClassNum() { return _classes; }
+  // Boxes indexed anchor * cells + cell.
+  void getRegionBox(float* output, float thresh, float* probs, int* classes, BBox* boxes) override;
+  int getRegionOutputNum() override { return _in_w * _in_h * _anchors; }
 
   // Offset of `entry` of anchor n at cell loc of item b; location = n * cells + loc.
   int _entry_index(int b, int location, int entry) const {
@@ -38,24 +30,13 @@ class RegionLayer : public Layer {
     return b * _outputs + (n * (_coords + _classes + 1) + entry) * _in_w * _in_h + loc;
   }
 
-  int _classes = 1;
   int _coords = 4;
-  int _anchors = 1;
-  int _softmax = 0;
-  int _bg_class = 0;
   int _loc_type = 0;
   float _scale_xy = 1;
   float _rescore = 0;
   float _thresh = 0.5f;
-  float _obj_scale = 1;
-  float _noobj_scale = 1;
-  float _class_scale = 1;
   float _coord_scale = 1;
   float* _anchor = nullptr;
-  float* _output_cpu = nullptr;
-  float* _delta_cpu = nullptr;
-  // Half copy of _delta_cpu on its way to the device (training only).
-  Ftype* _delta_stage = nullptr;
 
  protected:
   // What tells the family apart. Name in messages and the summary line.
@@ -75,7 +56,7 @@ class RegionLayer : public Layer {
   virtual void _boxDelta(const float* out, float* delta, const BBox& t, int n, int i, int j, float s) const;
   // Device part of forward on the batch items of this call.
   virtual void _activate(Ftype* input, int batch);
-  virtual void _activateGradient();
+  void _activateGradient() override;
 
   // Shared construction of the region family.
   void _parseRegion(ConfigReader& cfg, InputParams& params);

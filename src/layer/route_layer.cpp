@@ -12,6 +12,7 @@ namespace ORVA {
 
 namespace {
 constexpr int kMaxSources = 256;
+constexpr int kMaxGroups = 1024;
 }
 
 RouteLayer::~RouteLayer() {
@@ -30,13 +31,16 @@ void RouteLayer::_shape(bool from_file, bool check_dims, int own_index) {
       LAYER_FAULT(true, "route: stored size %d of layer %d differs from its outputs %d", _lsize[i], _lindex[i],
                   src->_outputs);
     _lsize[i] = src->_outputs;
+    if (src->_out_c % _groups)
+      LAYER_FAULT(from_file, "route: groups %d do not divide the %d channels of layer %d", _groups, src->_out_c,
+                  _lindex[i]);
     if (i == 0) {
       _out_w = src->_out_w;
       _out_h = src->_out_h;
     } else if ((check_dims || from_file) && (src->_out_w != _out_w || src->_out_h != _out_h)) {
       LAYER_FAULT(from_file, "Not match input layer dimentions");
     }
-    _out_c += src->_out_c;
+    _out_c += src->_out_c / _groups;
   }
   if (!layer_size_ok(_batch, (long long)_out_w * _out_h * _out_c))
     LAYER_FAULT(from_file, "route: output %d x %d x %d, batch %d out of range", _out_w, _out_h, _out_c, _batch);
@@ -47,6 +51,12 @@ void RouteLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
   _net = params.net;
   const char* layers = cfg.findStr(params.nsect, "layers", nullptr, true);
   if (!layers) ORVA_FATAL("Route Layer must specify input layers");
+  _groups = cfg.findInt(params.nsect, "groups", 1, true);
+  _group_id = cfg.findInt(params.nsect, "group_id", 0, true);
+  if (_groups < 1 || _groups > kMaxGroups || _group_id < 0 || _group_id >= _groups)
+    ORVA_FATAL("route: groups %d, group_id %d: need 1 <= groups <= %d and 0 <= group_id < groups", _groups, _group_id,
+               kMaxGroups);
+  if (_groups > 1) type = LAYER_GROUTE;
   _ln = 1;
   for (const char* p = layers; *p; ++p) _ln += *p == ',';
   if (_ln > kMaxSources) ORVA_FATAL("route: %d layers, at most %d", _ln, kMaxSources);
@@ -68,6 +78,14 @@ void RouteLayer::parseConfig(ConfigReader& cfg, InputParams& params) {
 int RouteLayer::loadConfig(FILE* fp, InputParams& params) {
   _batch = params.batch;
   _net = params.net;
+  if (type == LAYER_GROUTE) {
+    int g[2];
+    chk_fread(g, 4, 2, fp);
+    _groups = g[0];
+    _group_id = g[1];
+    if (_groups < 1 || _groups > kMaxGroups || _group_id < 0 || _group_id >= _groups)
+      LAYER_FAULT(true, "route: groups %d, group_id %d out of range", _groups, _group_id);
+  }
   chk_fread(&_ln, 4, 1, fp);
   if (_ln < 1 || _ln > kMaxSources) LAYER_FAULT(true, "route: %d layers, expected 1..%d", _ln, kMaxSources);
   free(_lindex);
@@ -83,6 +101,10 @@ int RouteLayer::loadConfig(FILE* fp, InputParams& params) {
 }
 
 int RouteLayer::saveConfig(FILE* fp) {
+  if (type == LAYER_GROUTE) {
+    const int g[2] = {_groups, _group_id};
+    chk_fwrite(g, 4, 2, fp);
+  }
   chk_fwrite(&_ln, 4, 1, fp);
   chk_fwrite(_lindex, 4, _ln, fp);
   chk_fwrite(_lsize, 4, _ln, fp);
@@ -110,10 +132,12 @@ void RouteLayer::forward(NetworkParams& params) {
   const int b = layer_pass_batch(params, _batch);
   int offset = 0;
   for (int i = 0; i < _ln; ++i) {
-    Ftype* src = _net->getLayer(_lindex[i])->_output;
+    // A group is a run of whole channel planes, so each item's slice is contiguous.
+    const int part = _lsize[i] / _groups;
+    Ftype* src = _net->getLayer(_lindex[i])->_output + (size_t)_group_id * part;
     for (int j = 0; j < b; ++j)
-      blas_copy(_gpu_handle, _lsize[i], src + (size_t)j * _lsize[i], _output + (size_t)j * _outputs + offset);
-    offset += _lsize[i];
+      blas_copy(_gpu_handle, part, src + (size_t)j * _lsize[i], _output + (size_t)j * _outputs + offset);
+    offset += part;
   }
 }
 
@@ -121,11 +145,13 @@ void RouteLayer::backward(NetworkParams& params) {
   if (!_delta) return;
   int offset = 0;
   for (int i = 0; i < _ln; ++i) {
+    const int part = _lsize[i] / _groups;
     Ftype* dst = _net->getLayer(_lindex[i])->_delta;
     if (dst)
       for (int j = 0; j < _batch; ++j)
-        blas_axpy(_gpu_handle, _lsize[i], 1, _delta + (size_t)j * _outputs + offset, dst + (size_t)j * _lsize[i]);
-    offset += _lsize[i];
+        blas_axpy(_gpu_handle, part, 1, _delta + (size_t)j * _outputs + offset,
+                  dst + (size_t)j * _lsize[i] + (size_t)_group_id * part);
+    offset += part;
   }
 }
 

@@ -1,4 +1,5 @@
-// Concatenation, along the channel axis, of earlier layers' outputs of equal width and height.
+// Concatenation, along the channel axis, of earlier layers' outputs of equal width and height;
+// with groups > 1, of the group_id-th of `groups` equal channel slices of each.
 #pragma once
 #include "orva/layer.h"
 
@@ -21,6 +22,8 @@ class RouteLayer : public Layer {
   int _ln = 0;
   int* _lindex = nullptr;  // absolute indexes of the sources, in concatenation order
   int* _lsize = nullptr;   // the sources' outputs per item
+  int _groups = 1;
+  int _group_id = 0;
 
  private:
   Network* _net = nullptr;

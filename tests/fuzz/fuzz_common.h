@@ -94,6 +94,9 @@ inline const std::vector<std::string>& descriptions() {
       "[network]\nwidth=16\nheight=16\nchannels=3\n[convolution]\nfilters=18\nsize=1\n"
       "[qregion]\nclasses=1\nnum=3\nanchors=1,1, 2,2, 3,3\n",
       "[network]\nwidth=16\nheight=16\nchannels=3\n[convolution]\nfilters=12\nsize=1\n[detobj]\nclasses=2\n",
+      "[network]\nwidth=16\nheight=16\nchannels=3\n[convolution]\nfilters=6\nsize=4\nstride=2\npad=1\nactivation=hswish\n"
+      "[resize]\nhalf_pixel=1\n[resize]\nwidth=5\nheight=7\nalign_corners=1\n[convolution]\nfilters=6\nsize=1\n"
+      "activation=hsigmoid\n[centernet]\nclasses=2\nstride=2\nscale=4\n",
   };
   return d;
 }
