@@ -162,12 +162,9 @@ TEST_P(ActivationKernels, LinearLaunchesNothingAndUnknownIdsThrow) {
   std::unique_ptr<Activation> linear(ActivationType::create(3, handle()));
   linear->activate(x, (int)n);
   linear->gradient(x, (int)n, delta);
-  for (int bad : {4, 6, 10, 12, -1, 16}) {
+  for (int bad : {4, 6, 10, 12, -1, 19}) {
     EXPECT_THROW(activation_forward(handle(), bad, x, (int)n), std::runtime_error) << bad;
     EXPECT_THROW(activation_gradient(handle(), bad, x, (int)n, delta), std::runtime_error) << bad;
-  for (int bad : {4, 6, 10, 12, -1, 19}) {
-    activation_forward(handle(), bad, x, (int)n);
-    activation_gradient(handle(), bad, x, (int)n, delta);
   }
   cuda_sync(handle());
   const std::vector<Ftype> after_x = x.download(), after_delta = delta.download();
