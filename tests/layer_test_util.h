@@ -165,4 +165,59 @@ inline void check_input_backward(const std::string& text, int batch, float step,
   }
 }
 
+// The one model-file round trip of the suite.
+inline ORVA::Network* load_model(ORVA::Network& net, const std::string& path) {
+  ::testing::internal::CaptureStdout();  // the checksum line
+  const int status = net.load(path.c_str(), false, false);
+  ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(status, 0);
+  return &net;
+}
+
+// A model file of a randomised network, loaded (inference folds batch normalisation) and
+// saved again: the second copy, and the description with the weights-only file, must
+// reproduce the first exactly on the host, and CUDA (when present) must agree with the host.
+// Returns the host network loaded from the model file, for checks of the records themselves.
+inline std::unique_ptr<ORVA::Network> check_round_trip(const std::string& text, int side_w, int side_h, int channels,
+                                                       int siamese = 1) {
+  const int batch = 2;
+  const std::vector<float> input = random_floats((size_t)batch * siamese * side_w * side_h * channels, 0.f, 1.f);
+  const std::string model = temp_path("mixed.orva"), again = temp_path("again.orva");
+  const std::string weights = temp_path("mixed.weights"), cfg = temp_path("mixed.cfg");
+  {
+    auto net = net_from_text(text, batch, -1);
+    randomize_layers(*net);
+    net->save(model.c_str(), true);
+    net->save(weights.c_str(), false);
+  }
+  auto loaded_first = std::make_unique<ORVA::Network>(ORVA::TEST, batch, -1);
+  ORVA::Network& first = *loaded_first;
+  load_model(first, model);
+  const std::vector<float> expected = predict_copy(first, input, batch);
+  first.save(again.c_str(), true);
+  // The description with the weights-only file builds the same network.
+  write_file(cfg, text);
+  ORVA::Network described(ORVA::TEST, batch, -1);
+  EXPECT_EQ(described.load(cfg.c_str(), weights.c_str()), 0);
+  EXPECT_EQ(predict_copy(described, input, batch), expected);
+  for (int gpu : test_backends()) {
+    ORVA::Network loaded(ORVA::TEST, batch, gpu);
+    load_model(loaded, again);
+    EXPECT_EQ(loaded.getLayerCount(), first.getLayerCount());
+    if (loaded.getLayerCount() != first.getLayerCount()) break;
+    for (int i = 0; i < first.getLayerCount(); ++i) {
+      EXPECT_EQ(loaded.getLayer(i)->type, first.getLayer(i)->type) << i;
+      EXPECT_EQ(loaded.getLayer(i)->_outputs, first.getLayer(i)->_outputs) << i;
+    }
+    const std::vector<float> got = predict_copy(loaded, input, batch);
+    if (gpu < 0) {
+      EXPECT_EQ(got, expected);
+    } else {
+      EXPECT_TRUE(NearL2(std::vector<double>(expected.begin(), expected.end()), got, kHalfAccumulate));
+      count_cuda_comparison();
+    }
+  }
+  return loaded_first;
+}
+
 }  // namespace orva_test

@@ -65,18 +65,6 @@ inline void randomize_network(ORVA::Network& net) {
     if (ORVA::ConvolutionLayer* l = conv_at(net, i)) randomize_conv(l);
 }
 
-inline void copy_conv(ORVA::ConvolutionLayer* from, ORVA::ConvolutionLayer* to) {
-  void* hf = from->_gpu_handle;
-  void* ht = to->_gpu_handle;
-  push(ht, to->_weight, pull(hf, from->_weight, from->_weights));
-  push(ht, to->_bias, pull(hf, from->_bias, from->_kn));
-  if (from->_bn && to->_bn) {
-    push(ht, to->_bn->_scale, pull(hf, from->_bn->_scale, from->_kn));
-    push(ht, to->_bn->_mean_rolling, pull(hf, from->_bn->_mean_rolling, from->_kn));
-    push(ht, to->_bn->_var_rolling, pull(hf, from->_bn->_var_rolling, from->_kn));
-  }
-}
-
 inline std::vector<float> predict_copy(ORVA::Network& net, std::vector<float> input, int batch) {
   const float* out = net.predict(input.data(), batch);
   const int n = std::min(batch, net.getBatch());

@@ -22,10 +22,8 @@ bool window_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int size
 // The centred rule also needs the window inside the padded input.
 bool centred_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad) {
   if (!window_ok(fn, batch, in_h, in_w, in_c, size, stride, pad)) return false;
-  if (size > in_w + 2 * pad || size > in_h + 2 * pad || size <= pad) {
-    ORVA_ERROR("%s: size = %d does not fit %d x %d with pad %d", fn, size, in_w, in_h, pad);
-    return false;
-  }
+  if (size > in_w + 2 * pad || size > in_h + 2 * pad || size <= pad)
+    ORVA_THROW("%s: size = %d does not fit %d x %d with pad %d", fn, size, in_w, in_h, pad);
   return true;
 }
 

@@ -47,10 +47,8 @@ float resize_step(int in, int out, int rule) {
 
 bool resize_ok(const char* fn, int batch, int c, int in_w, int in_h, int out_w, int out_h, int rule) {
   if (!shape_ok(fn, batch, in_w, in_h, c) || !shape_ok(fn, 1, out_w, out_h, 1)) return false;
-  if (rule < kResizeAsymmetric || rule > kResizeHalfPixel) {
-    ORVA_ERROR("%s: coordinate rule %d is not 0, 1 or 2", fn, rule);
-    return false;
-  }
+  if (rule < kResizeAsymmetric || rule > kResizeHalfPixel)
+    ORVA_THROW("%s: coordinate rule %d is not 0, 1 or 2", fn, rule);
   return true;
 }
 }  // namespace
