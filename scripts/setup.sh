@@ -10,6 +10,8 @@ pkgs=(cmake g++ make pkg-config ccache libopencv-dev libtbb-dev libopenblas-dev
       python3-matplotlib)  # training curves
 # the orva program: argument parsing and JSON
 pkgs+=(libcli11-dev nlohmann-json3-dev)
+# The detect runner publishes events through libmosquitto; its tests start their own broker.
+pkgs+=(mosquitto mosquitto-clients libmosquitto-dev)
 # the GStreamer elements (src/gst) and their tests: videotestsrc, videoconvert, appsrc/appsink,
 # jpegdec and the MP4 muxer
 pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base

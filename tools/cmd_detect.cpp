@@ -29,8 +29,10 @@
 #include "orva/image.h"
 #include "orva/networks.h"
 #include "orva/tracker.h"
+#include "detect_common.h"
 #include "output_file.h"
 #include "signals.h"
+#include "stream_runner.h"
 
 namespace fs = std::filesystem;
 using namespace orvacli;
@@ -48,21 +50,6 @@ bool isCameraIndex(const std::string& s) {
   return !s.empty() && s.size() < 4 && std::all_of(s.begin(), s.end(), ::isdigit) && !fs::exists(s);
 }
 
-// A tracker that also tells which of its tracks are confirmed and were fed this frame.
-struct IdTracker : ORVA::Tracker {
-  using Tracker::Tracker;
-  ORVA::DetectObjList fed() {
-    ORVA::DetectObjList out;
-    for (KalmanTracker& t : _ktracker)
-      if (t.active && t.miss == 0) {
-        ORVA::DetectObj o{};
-        t.getState(o);
-        out.push_back(o);
-      }
-    return out;
-  }
-};
-
 // What the user asked for beyond the model.
 struct Settings {
   float thresh = 0.5f, nms = 0.4f;
@@ -72,6 +59,8 @@ struct Settings {
   int min_size = 0;
   float track_iou = 0.3f;
   int track_max_miss = 3, track_min_hits = 2;
+  bool realtime = false, mqtt_required = false;
+  std::string mqtt, topic = "orva";
 };
 
 // One input as the user named it: a list of pictures (a file or a folder), a video file or
@@ -105,48 +94,6 @@ struct Frame {
   cv::Mat img;
   cv::Point offset;  // of the region of interest in the frame
 };
-
-cv::Scalar colour(int k) {
-  static const cv::Scalar kColours[] = {{0, 200, 255}, {255, 128, 0}, {80, 220, 80}, {255, 0, 200},
-                                        {0, 80, 255},  {200, 200, 0}, {160, 80, 255}, {0, 255, 160}};
-  return kColours[(k % 8 + 8) % 8];
-}
-
-void label(cv::Mat& img, const std::string& text, cv::Point at, const cv::Scalar& c, int thick, double font) {
-  int base = 0;
-  const cv::Size ts = cv::getTextSize(text, cv::FONT_HERSHEY_SIMPLEX, font, thick / 2 + 1, &base);
-  const int top = at.y >= ts.height + 2 * thick ? at.y - ts.height - 2 * thick : at.y;
-  cv::rectangle(img, cv::Rect(at.x, top, ts.width + 2 * thick, ts.height + 2 * thick), c, cv::FILLED);
-  cv::putText(img, text, cv::Point(at.x + thick, top + ts.height + thick), cv::FONT_HERSHEY_SIMPLEX, font,
-              cv::Scalar(0, 0, 0), thick / 2 + 1, cv::LINE_AA);
-}
-
-void annotate(cv::Mat& img, const ORVA::DetectObjList& objs, const std::vector<std::string>& names, bool track) {
-  const int thick = std::max(2, std::min(img.cols, img.rows) / 300);
-  const double font = std::max(0.5, std::min(img.cols, img.rows) / 900.0);
-  for (const ORVA::DetectObj& o : objs) {
-    const cv::Scalar c = colour(track && o.oid >= 0 ? o.oid : o.cid);
-    cv::rectangle(img, o.bbox, c, thick);
-    char text[128];
-    if (track && o.oid >= 0)
-      snprintf(text, sizeof text, "%s %.2f #%d", names[o.cid].c_str(), o.prob, o.oid);
-    else
-      snprintf(text, sizeof text, "%s %.2f", names[o.cid].c_str(), o.prob);
-    label(img, text, o.bbox.tl(), c, thick, font);
-  }
-}
-
-// "12.3 frames/s  0:01:02.5" in the top left corner of a video frame.
-void overlayClock(cv::Mat& img, double fps, double time) {
-  const int thick = std::max(2, std::min(img.cols, img.rows) / 300);
-  const double font = std::max(0.5, std::min(img.cols, img.rows) / 900.0);
-  char text[64];
-  const long t = (long)std::max(0.0, time);
-  snprintf(text, sizeof text, "%.1f frames/s  %ld:%02ld:%04.1f", fps, t / 3600, t / 60 % 60, std::fmod(std::max(0.0, time), 60.0));
-  label(img, text, cv::Point(0, 0), cv::Scalar(255, 255, 255), thick, font);
-}
-
-double round4(float v) { return std::round(v * 1e4) / 1e4; }
 
 // "[#######.......]  120/300  24.1 frames/s  7 s left" over one line of a terminal.
 void progress(const Source& s, bool done) {
@@ -232,38 +179,6 @@ bool parseClasses(const std::string& arg, const std::vector<std::string>& names,
   return true;
 }
 
-// The detector's own boxes and scores, each with the id of the confirmed track it fed; -1
-// until its track has been hit in enough frames in a row.
-void trackIds(IdTracker& tracker, cv::Mat& frame, ORVA::DetectObjList& dets) {
-  ORVA::DetectObjList reported = dets;
-  tracker.process(frame, reported);
-  const ORVA::DetectObjList tracks = tracker.fed();
-  std::vector<bool> taken(tracks.size(), false);
-  for (ORVA::DetectObj& d : dets) {
-    d.oid = -1;
-    double best = 0;
-    int pick = -1;
-    for (size_t t = 0; t < tracks.size(); ++t) {
-      if (taken[t]) continue;
-      const double inter = (d.bbox & tracks[t].bbox).area();
-      const double uni = d.bbox.area() + tracks[t].bbox.area() - inter;
-      const double iou = uni > 0 ? inter / uni : 0;
-      if (iou > best) best = iou, pick = (int)t;
-    }
-    if (pick >= 0) {
-      taken[pick] = true;
-      d.oid = tracks[pick].oid;
-    }
-  }
-}
-
-// The codecs tried for a container, best first; the last is the one every OpenCV build has.
-std::vector<int> codecsFor(const fs::path& path) {
-  const std::string e = path.extension().string();
-  if (e == ".avi") return {cv::VideoWriter::fourcc('M', 'J', 'P', 'G')};
-  return {cv::VideoWriter::fourcc('a', 'v', 'c', '1'), cv::VideoWriter::fourcc('m', 'p', '4', 'v')};
-}
-
 }  // namespace
 
 int cmd_detect(int argc, char** argv) {
@@ -302,6 +217,11 @@ int cmd_detect(int argc, char** argv) {
       ->capture_default_str()->check(CLI::NonNegativeNumber);
   app.add_option("--track-min-hits", st.track_min_hits, "frames in a row with a detection before a track has an id")
       ->capture_default_str()->check(CLI::NonNegativeNumber);
+  app.add_flag("--realtime", st.realtime, "read video files at their own frame rate, as cameras deliver");
+  app.add_option("--mqtt", st.mqtt, "HOST[:PORT]: publish each frame's line and track events to this MQTT broker");
+  app.add_option("--topic", st.topic, "topic prefix of the events: PREFIX/SOURCE/frames and PREFIX/SOURCE/tracks")
+      ->capture_default_str();
+  app.add_flag("--mqtt-required", st.mqtt_required, "fail at once when the broker can't be reached");
   int status;
   if (parseArgs(app, argc, argv, status)) return status;
   auto usage = [](const std::string& what) {
@@ -375,6 +295,16 @@ int cmd_detect(int argc, char** argv) {
     if (s->total && st.max_frames > 0) s->total = std::min(s->total, s->next + st.max_frames * st.every);
     sources.push_back(std::move(s));
   }
+  // Several videos, events or pacing: the sources run at once (stream_runner.cpp).
+  bool all_video = true;
+  for (const auto& s : sources) all_video = all_video && s->isVideo();
+  const bool live_options = !st.mqtt.empty() || st.realtime;
+  if (live_options && !all_video) return usage("--mqtt and --realtime take video files, cameras or streams only");
+  if (live_options && (st.show || !st.crops_dir.empty()))
+    return usage("--show and --save-crops don't go with --mqtt or --realtime");
+  if (st.topic.empty() || st.topic.find_first_of("+#") != std::string::npos)
+    return usage("--topic " + st.topic + ": expected a topic without wildcards");
+  const bool concurrent = all_video && (live_options || (sources.size() > 1 && !st.show && st.crops_dir.empty()));
   std::map<unsigned, std::pair<float, float>> thresholds;
   for (const std::string& entry : per_source) {
     const size_t eq = entry.rfind('=');
@@ -612,20 +542,7 @@ int cmd_detect(int argc, char** argv) {
       }
 
       if (write && !json_failed) {
-        nlohmann::ordered_json line = {{"source", s.name(f.index)}, {"frame", f.index}};
-        if (f.time >= 0) line["time"] = std::round(f.time * 1e3) / 1e3;
-        line["width"] = f.img.cols;
-        line["height"] = f.img.rows;
-        nlohmann::ordered_json arr = nlohmann::ordered_json::array();
-        for (const ORVA::DetectObj& d : list)
-          arr.push_back(nlohmann::ordered_json{{"class", names[d.cid]},
-                                               {"class_id", d.cid},
-                                               {"score", round4(d.prob)},
-                                               {"box", {d.bbox.x, d.bbox.y, d.bbox.width, d.bbox.height}},
-                                               {"id", d.oid}});
-        line["objects"] = arr;
-        // A file name that is not UTF-8 is written with replacement characters.
-        json_out << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+        json_out << jsonText(frameJson(s.name(f.index), f.index, f.time, f.img.cols, f.img.rows, list, names)) << "\n";
       }
 
       bool picture_written = false;
@@ -687,6 +604,19 @@ int cmd_detect(int argc, char** argv) {
     frames.clear();
   };
 
+  if (concurrent) {
+    std::vector<StreamSource> streams;
+    for (auto& sp : sources)
+      streams.push_back(StreamSource{sp->arg, sp->key, std::move(sp->video),
+                                     sp->camera || sp->arg.find("://") != std::string::npos, sp->total, sp->next});
+    StreamOptions so;
+    so.max_frames = st.max_frames, so.every = st.every, so.realtime = st.realtime, so.only_hits = st.only_hits;
+    so.track = st.track, so.stats = bar, so.min_size = st.min_size, so.roi = roi, so.track_iou = st.track_iou;
+    so.track_max_miss = st.track_max_miss, so.track_min_hits = st.track_min_hits, so.out_dir = st.out_dir;
+    so.mqtt = st.mqtt, so.topic = st.topic, so.mqtt_required = st.mqtt_required;
+    failures += runStreams(net, streams, so, names, keep_class, json_out, json_name, json_failed);
+    sources.clear();
+  }
   for (auto& sp : sources) {
     Source& s = *sp;
     Frame f;
