@@ -48,8 +48,8 @@ MqttPublisher::MqttPublisher(const std::string& address) : _address(address), _h
   mosquitto_connect_callback_set(_mosq, onConnect);
   mosquitto_disconnect_callback_set(_mosq, onDisconnect);
   mosquitto_publish_callback_set(_mosq, onPublish);
-  mosquitto_reconnect_delay_set(_mosq, 1, 16, true);
   mosquitto_max_inflight_messages_set(_mosq, 100);
+  mosquitto_threaded_set(_mosq, true);
 }
 
 MqttPublisher::~MqttPublisher() {
@@ -64,6 +64,7 @@ void MqttPublisher::onConnect(mosquitto*, void* self, int rc) {
     ++p->_connects;
     p->_connected = true;
   }
+  p->_tried = true;
 }
 
 void MqttPublisher::onDisconnect(mosquitto*, void* self, int) { static_cast<MqttPublisher*>(self)->_connected = false; }
@@ -74,24 +75,42 @@ void MqttPublisher::onPublish(mosquitto*, void* self, int) {
   --p->_inflight;
 }
 
-bool MqttPublisher::start(double wait_s, std::string& why) {
-  // A refused first attempt is retried by the network thread like any lost connection.
-  const int rc = mosquitto_connect_async(_mosq, _host.c_str(), _port, 30);
-  if (mosquitto_loop_start(_mosq) != MOSQ_ERR_SUCCESS) {
-    why = "can't start the client's thread";
-    return false;
+// Connects, serves the connection until it is lost, and tries again after 1, 2, 4 .. 16 s;
+// the first connection is made the same way, so a broker that comes up late is found too.
+void MqttPublisher::networkLoop() {
+  double delay = 1;
+  while (!_stopping) {
+    const long connects = _connects;
+    int rc = mosquitto_connect(_mosq, _host.c_str(), _port, 30);
+    if (rc == MOSQ_ERR_SUCCESS) {
+      while (!_stopping && mosquitto_loop(_mosq, 100, 1) == MOSQ_ERR_SUCCESS) {
+      }
+    } else {
+      _last_errno = rc == MOSQ_ERR_ERRNO ? errno : 0;
+      _last_rc = -rc;
+      _tried = true;
+    }
+    _connected = false;
+    if (_connects != connects) delay = 1;
+    for (double slept = 0; slept < delay && !_stopping; slept += 0.05)
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    delay = std::min(16.0, delay * 2);
   }
-  _started = true;
+}
+
+bool MqttPublisher::start(double wait_s, std::string& why) {
+  _thread = std::thread(&MqttPublisher::networkLoop, this);
   const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(wait_s);
-  while (!_connected && _last_rc <= 0 && std::chrono::steady_clock::now() < until)
+  while (!_connected && !_tried && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   if (_connected) return true;
-  if (_last_rc > 0)
-    why = mosquitto_connack_string(_last_rc);
-  else if (rc == MOSQ_ERR_ERRNO)
-    why = mosquitto_strerror(rc) + std::string(" (") + strerror(errno) + ")";
-  else if (rc != MOSQ_ERR_SUCCESS)
-    why = mosquitto_strerror(rc);
+  const int rc = _last_rc;
+  if (rc > 0)
+    why = mosquitto_connack_string(rc);
+  else if (rc < 0 && _last_errno)
+    why = strerror(_last_errno);
+  else if (rc < 0)
+    why = mosquitto_strerror(-rc);
   else
     why = "no answer within " + std::to_string((int)wait_s) + " s";
   return false;
@@ -113,13 +132,13 @@ void MqttPublisher::publish(const std::string& topic, const std::string& payload
 }
 
 void MqttPublisher::finish(double wait_s) {
-  if (!_started) return;
+  if (!_thread.joinable()) return;
   const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(wait_s);
-  while (_inflight > 0 && std::chrono::steady_clock::now() < until)
+  while (_inflight > 0 && _connected && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  _stopping = true;
   mosquitto_disconnect(_mosq);
-  mosquitto_loop_stop(_mosq, true);
-  _started = false;
+  _thread.join();
   _undelivered += std::max(0L, _inflight.exchange(0));
 }
 

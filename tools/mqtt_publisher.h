@@ -1,9 +1,10 @@
-// Events to an MQTT broker through libmosquitto's own network thread: publishing never waits
-// on the broker. QoS 1; while the broker is away the client reconnects with growing delays and
+// Events to an MQTT broker through libmosquitto, its network traffic on a thread of its own:
+// publishing never waits on the broker. QoS 1; while the broker is away the client reconnects with growing delays and
 // what could not be handed over is counted, never queued without bound.
 #pragma once
 #include <atomic>
 #include <string>
+#include <thread>
 
 struct mosquitto;
 
@@ -41,9 +42,11 @@ class MqttPublisher {
   std::string _address, _host;
   int _port = 1883;
   mosquitto* _mosq = nullptr;
-  bool _started = false;
-  std::atomic<bool> _connected{false};
-  std::atomic<int> _last_rc{-1};
+  void networkLoop();
+
+  std::thread _thread;
+  std::atomic<bool> _stopping{false}, _connected{false}, _tried{false};
+  std::atomic<int> _last_rc{0}, _last_errno{0};
   std::atomic<long> _published{0}, _delivered{0}, _undelivered{0}, _inflight{0}, _connects{0};
 };
 

@@ -115,14 +115,18 @@ void readerLoop(Stream& s, ORVA::DetectTask& task, const StreamOptions& opt, siz
     }
     Pending p;
     if (!cap.read(p.img) || p.img.empty()) {
-      if (src.total > 0 && src.next + 1 < src.total && ++bad < kMaxBadReads) {
+      ++bad;
+      if (src.total > 0 && src.next + 1 < src.total && bad < kMaxBadReads) {
         // A frame that does not decode in the middle of a file is skipped.
         ++src.next;
         ++s.skipped;
         continue;
       }
-      if (src.total > 0 && src.next < src.total)
-        s.end_message = "ends at frame " + std::to_string(src.next) + " of " + std::to_string(src.total) + ": can't read further";
+      // A run of failures up to the end is where the file ends, not frames skipped.
+      const long first_bad = src.next - (bad - 1);
+      s.skipped -= bad - 1;
+      if (src.total > 0 && first_bad < src.total)
+        s.end_message = "ends at frame " + std::to_string(first_bad) + " of " + std::to_string(src.total) + ": can't read further";
       else if (src.live)
         s.end_message = "no more frames (the stream ended or went away)";
       break;
