@@ -271,8 +271,10 @@ TEST(OrvaStreams, AnUnreachableBrokerIsCountedOrFailsFast) {
   ASSERT_EQ(counted.status, 0) << counted.err;
   EXPECT_EQ(framesBySource(counted.out)[f.clip], upTo(30));
   EXPECT_NE(counted.err.find("0 published, 0 acknowledged, 30 undelivered"), std::string::npos) << counted.err;
-  const CliRun required = run(base + "--mqtt-required " + f.clip);
+  const std::string json = temp_path("required.json");
+  const CliRun required = run(base + "--mqtt-required --json " + json + " " + f.clip);
   EXPECT_EQ(required.status, 1);
+  EXPECT_FALSE(fs::exists(json));
   EXPECT_NE(required.err.find("can't connect (Connection refused)"), std::string::npos) << required.err;
   EXPECT_EQ(required.out, "");
   EXPECT_EQ(run(base + "--topic a/# " + f.clip).status, 2);

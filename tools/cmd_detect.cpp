@@ -614,7 +614,12 @@ int cmd_detect(int argc, char** argv) {
     so.track = st.track, so.stats = bar, so.min_size = st.min_size, so.roi = roi, so.track_iou = st.track_iou;
     so.track_max_miss = st.track_max_miss, so.track_min_hits = st.track_min_hits, so.out_dir = st.out_dir;
     so.mqtt = st.mqtt, so.topic = st.topic, so.mqtt_required = st.mqtt_required;
-    failures += runStreams(net, streams, so, names, keep_class, json_out, json_name, json_failed);
+    const int failed = runStreams(net, streams, so, names, keep_class, json_out, json_name, json_failed);
+    if (failed < 0) {
+      dropJson();
+      return kFailed;
+    }
+    failures += failed;
     sources.clear();
   }
   for (auto& sp : sources) {

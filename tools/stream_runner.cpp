@@ -217,13 +217,13 @@ int runStreams(ORVA::DetectNetwork& net, std::vector<StreamSource>& sources, con
       mqtt = std::make_unique<MqttPublisher>(opt.mqtt);
     } catch (const std::exception& e) {
       fail("detect", e.what());
-      return 1;
+      return -1;
     }
     std::string why;
-    if (!mqtt->start(opt.mqtt_required ? 5.0 : 1.0, why)) {
+    if (!mqtt->start(opt.mqtt_required ? 5.0 : 3.0, why)) {
       if (opt.mqtt_required) {
         fail("detect", "mqtt " + mqtt->address() + ": can't connect (" + why + ")");
-        return 1;
+        return -1;
       }
       fprintf(stderr, "orva detect: mqtt %s: not connected yet (%s); events are counted undelivered until it is\n",
               mqtt->address().c_str(), why.c_str());

@@ -36,7 +36,8 @@ struct StreamOptions {
 };
 
 // Runs every source to its end (or to Ctrl-C); JSON lines go to json. Returns the number of
-// failures reported on stderr; json_failed is set when the JSON output failed.
+// failures reported on stderr, or -1 when nothing was run (a bad --mqtt, or a broker that
+// --mqtt-required needs and can't reach); json_failed is set when the JSON output failed.
 int runStreams(ORVA::DetectNetwork& net, std::vector<StreamSource>& sources, const StreamOptions& opt,
                const std::vector<std::string>& names, const std::vector<bool>& keep_class, std::ostream& json,
                const std::string& json_name, bool& json_failed);
