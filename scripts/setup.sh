@@ -10,6 +10,8 @@ pkgs=(cmake g++ make pkg-config ccache libopencv-dev libtbb-dev libopenblas-dev
       python3-matplotlib)  # training curves
 # the orva program: argument parsing and JSON
 pkgs+=(libcli11-dev nlohmann-json3-dev)
+# the Python module and its tests (cv2 for the README's Python example)
+pkgs+=(python3-dev pybind11-dev python3-numpy python3-pytest python3-opencv)
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 apt_install() {

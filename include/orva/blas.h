@@ -2,8 +2,11 @@
 // first, enqueues its work on that context's backend and returns; tensors are arrays of
 // Ftype in that backend's memory, laid out batch, channel, row, column (column fastest).
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // Matrix product, row-major: C[M x N] = ALPHA * op(A)[M x K] * op(B)[K x N] + BETA * C.
 void blas_gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, Ftype* A, int lda, Ftype* B,
@@ -75,3 +78,5 @@ float quant_thresh(void* handle, Ftype* x, int n, bool* is_unsigned);
 // Mean absolute difference between x and its signed quantisation with thresh, restored, in
 // the units of x. Waits for the backend; -1 for bad arguments.
 float get_qerror(void* handle, Ftype* x, int n, float thresh);
+
+ORVA_API_END

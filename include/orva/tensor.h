@@ -3,7 +3,10 @@
 // memory. Every *_backward adds its gradient into prev_delta (a null prev_delta or
 // scale_delta skips that part).
 #pragma once
+#include "orva/export.h"
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // Nearest-neighbour enlargement: out[b,c,y,x] = in[b,c,y/stride,x/stride], out side = in * stride.
 void tensor_upsample(void* handle, int batch, int w, int h, int c, int stride, Ftype* input, Ftype* output);
@@ -35,3 +38,5 @@ void tensor_prelu(void* handle, int batch, int c, int size, Ftype* input, Ftype*
 // prev_delta += delta * (x > 0 ? 1 : slope); slope_delta[ch] += sum of delta * x where x <= 0.
 void tensor_prelu_backward(void* handle, int batch, int c, int size, Ftype* input, Ftype* slope, Ftype* delta,
                            Ftype* prev_delta, Ftype* slope_delta);
+
+ORVA_API_END

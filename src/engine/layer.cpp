@@ -110,6 +110,12 @@ int LayerType::type(const char* str) {
   return -1;
 }
 
+const char* LayerType::name(int type) {
+  for (const RegistryEntry& e : kRegistry)
+    if (e.id == type) return e.name;
+  return "?";
+}
+
 Layer* LayerType::create(const char* str, int mode, Layer* prev_l, void* handle) {
   if (!str) return nullptr;
   if (strcmp(str, "network") == 0 || strcmp(str, "train") == 0) return nullptr;
