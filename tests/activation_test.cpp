@@ -142,7 +142,7 @@ TEST_P(ActivationKernels, PinnedValues) {
 
 // Linear (and any id without a function) must not touch memory at all: a poisoned tensor
 // stays poisoned, so even an identity kernel would be caught rewriting NaN payloads.
-TEST_P(ActivationKernels, LinearAndUnknownIdsLaunchNothing) {
+TEST_P(ActivationKernels, LinearLaunchesNothingAndUnknownIdsThrow) {
   const size_t n = 1000;
   Tensor x(handle(), n), delta(handle(), n);
   const std::vector<Ftype> poisoned = x.download();
@@ -150,8 +150,8 @@ TEST_P(ActivationKernels, LinearAndUnknownIdsLaunchNothing) {
   linear->activate(x, (int)n);
   linear->gradient(x, (int)n, delta);
   for (int bad : {4, 6, 10, 12, -1, 16}) {
-    activation_forward(handle(), bad, x, (int)n);
-    activation_gradient(handle(), bad, x, (int)n, delta);
+    EXPECT_THROW(activation_forward(handle(), bad, x, (int)n), std::runtime_error) << bad;
+    EXPECT_THROW(activation_gradient(handle(), bad, x, (int)n, delta), std::runtime_error) << bad;
   }
   cuda_sync(handle());
   const std::vector<Ftype> after_x = x.download(), after_delta = delta.download();

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "kernels/conv_kernel.h"
+#include "orva/conv.h"
 #include "network_test_util.h"
 #include "orva/activation.h"
 #include "orva/config.h"

@@ -43,13 +43,13 @@ TEST(BackendSelection, NegativeIndexIsHostAndMissingDeviceFallsBack) {
   destroy_handle(&h);
 
   const int saved = ORVA::_msg_level;
-  ORVA::setMsgLevel(WARNING);
+  ORVA::setMsgLevel(ALERT);  // the default level
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(create_handle(&h, 99), ORVA::BackendKind::HOST);
   const std::string out = ::testing::internal::GetCapturedStderr();
   ORVA::setMsgLevel(saved);
   destroy_handle(&h);
-  EXPECT_NE(out.find("CUDA device 99 is not available"), std::string::npos) << out;
+  EXPECT_NE(out.find("WARNING: CUDA device 99 is not available"), std::string::npos) << out;
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
 }
 

@@ -148,6 +148,23 @@ TEST(NetworkBuildDeathTest, FatalFaultsExitOrThrowTheSameLine) {
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("_buildConfig(ConfigReader&, int, const char*, bool, bool):"), std::string::npos);
 }
 
+// Resize rebuilds the chain through the same path as a load: every layer takes the new
+// shape, and the 8-bit choice the network was built with stays.
+TEST(NetworkResize, ReshapesEveryLayerAndKeepsTheBuildChoices) {
+  const std::string cfg = temp_path("resize.cfg");
+  write_file(cfg, "[network]\nwidth=8\nheight=8\nchannels=4\n[convolution]\nfilters=4\nsize=3\nquant_thresh=2\n"
+                  "[maxpool]\nsize=2\nstride=2\n");
+  ORVA::Network net(ORVA::TEST, 2, -1);
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr, true, false), 0);
+  ASSERT_GT(net.getLayer(0)->_qinput_size, 0u);
+  net.resize(16, 16);
+  EXPECT_GT(net.getLayer(0)->_qinput_size, 0u);
+  EXPECT_EQ(net.getLayer(1)->_out_w, 8);
+  EXPECT_EQ(net.getOutputs(), 8 * 8 * 4);
+  EXPECT_NE(net.predict(2), nullptr);
+  EXPECT_THROW(net.resize(0, 16), std::invalid_argument);
+}
+
 TEST(NetworkPredict, BatchIsClampedAndThePointerStays) {
   ORVA::Network net(ORVA::TEST, 4, -1);
   EXPECT_THROW(net.predict(1), std::runtime_error);  // nothing built yet

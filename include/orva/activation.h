@@ -54,7 +54,7 @@ class ActivationType {
 };
 
 // Launchers used by the class (and by layers that activate without an object). An id
-// without a function prints an error line and launches nothing.
+// without a function throws std::runtime_error and launches nothing.
 void activation_forward(void* handle, int type, Ftype* x, int n);
 void activation_bias_forward(void* handle, int type, Ftype* output, Ftype* bias, int batch, int n, int size);
 void activation_gradient(void* handle, int type, Ftype* x, int n, Ftype* delta);

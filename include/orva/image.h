@@ -32,7 +32,8 @@ int classifyColor(cv::Mat& img, cv::Rect_<int> box, float scale);
 // Letterbox `src` into the target size held in *size (nothing happens when either side is
 // 0). Pads on the right or at the bottom with `fill`; *size receives the source size,
 // widened along the padded axis so that boxes found in `dst` map back to `src` by scaling.
-// A negative tolerance always stretches.
+// A negative tolerance always stretches. A negative side, an empty source or one that is not
+// 8-bit with 1 or 3 channels throws std::runtime_error and leaves dst alone.
 void resize_ratio(const cv::Mat& src, cv::Mat& dst, cv::Size* size, float tolerance, unsigned char fill);
 
 }  // namespace ORVA

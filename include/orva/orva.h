@@ -145,7 +145,17 @@ class Network {
   // brings the output to the host.
   template <typename FillInput>
   float* _predict(int batch, FillInput fill_input);
-  InputParams _firstInputParams(int nBatch, int iH, int iW, int iC, bool quant, bool fast);
+  InputParams _firstInputParams();
+  // The one place the layer chain is built, for descriptions, model files and resize:
+  // make(i, params) creates or reshapes the layer at position i for the shape in params
+  // (null: nothing there); each layer's tensors are checked against the limits (fault
+  // reports a failure and does not return) and its output shape handed to the next.
+  struct ChainNeeds {
+    size_t workspace = 0, qinput = 0;
+  };
+  using ChainStep = std::function<Layer*(int, InputParams&)>;
+  using ChainFault = std::function<void(const InputParams&, Layer*, const std::string&)>;
+  ChainNeeds _buildChain(InputParams params, int count, const ChainStep& make, const ChainFault& fault);
 
   std::vector<Layer*> _layers;
   Layer* _loutput = nullptr;
@@ -155,6 +165,7 @@ class Network {
   int _gpu_index;
   int _precision = FP32;
   int _siamese = 1;
+  bool _quant = false, _fast = false;  // the build's choices, kept for resize
   void* _gpu_handle;
   int _truths = 0;
   void* _workspace = nullptr;

@@ -2,6 +2,7 @@
 // bound to it, page-locked staging and the per-device cuRAND generators.
 #include <ctime>
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "backend/cuda_check.h"
 
@@ -64,10 +65,8 @@ void cuda_random(float* dst, size_t n) {
   // One generator per device for the whole process, seeded with the time at first use.
   static curandGenerator_t generators[16];
   const int d = cuda_get_device();
-  if (d < 0 || d >= 16) {
-    ORVA_ERROR("device %d has no random generator slot (16 slots)", d);
-    return;
-  }
+  if (d < 0 || d >= 16)
+    ORVA_THROW("device %d has no random generator slot (16 slots)", d);
   if (!generators[d]) {
     CHECK_CUDA(curandCreateGenerator(&generators[d], CURAND_RNG_PSEUDO_DEFAULT));
     CHECK_CUDA(curandSetPseudoRandomGeneratorSeed(generators[d], (unsigned long long)time(nullptr)));

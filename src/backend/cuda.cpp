@@ -20,7 +20,8 @@ ORVA::BackendKind create_handle(CudaHandle* h, int gpu_index) {
       h->backend = b;
       return BackendKind::CUDA;
     }
-    ORVA_MSG(WARNING, "CUDA device %d is not available, running on the host backend\n", gpu_index);
+    // A run the caller meant for a GPU now runs on the host: said at every message level.
+    ORVA_MSG(ALERT, "WARNING: CUDA device %d is not available, running on the host backend\n", gpu_index);
   }
   h->backend = ORVA::make_host_backend();
   return BackendKind::HOST;

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "kernels/conv_kernel.h"
+#include "orva/conv.h"
 #include "layer/activation_layer.h"
 #include "layer/attention_layer.h"
 #include "layer/avgpool_layer.h"

@@ -17,6 +17,8 @@ namespace ORVA {
 namespace {
 constexpr char kMagic[8] = {'O', 'R', 'V', 'A', ' ', ' ', ' ', ' '};
 constexpr int kEngineVersion = (ORVA_MAJOR_VERSION << 16) | ORVA_MINOR_VERSION;
+constexpr const char* kSummaryHeader =
+    "LAYER      FILTER     SIZE          INPUT                 OUTPUT        FLOPS\n";
 
 struct FileCloser {
   void operator()(FILE* f) const {
@@ -234,14 +236,13 @@ int Network::_buildConfig(ConfigReader& cfg, int read, const char* path, bool qu
                (long long)sample, (long long)kMaxTensorElements);
   }
 
-  InputParams params = _firstInputParams(nBatch, iH, iW, iC, quant, fast);
-  size_t workspace = 0, qinput = 0;
-  int64_t elements = 0;
-  Layer* prev = nullptr;
-  for (int s = 0; s < cfg.getSectionSize(); ++s) {
+  _quant = quant;
+  _fast = fast;
+  ORVA_MSG(INFO, "%s", kSummaryHeader);
+  const auto make = [&](int s, InputParams& params) -> Layer* {
     const char* name = cfg.getSectionName(s);
-    Layer* l = LayerType::create(name, mode, prev, _gpu_handle);
-    if (!l) continue;
+    Layer* l = LayerType::create(name, mode, _layers.empty() ? nullptr : _layers.back(), _gpu_handle);
+    if (!l) return nullptr;
     if ((int)_layers.size() >= kMaxLayers) {
       delete l;
       ORVA_FATAL("network: more than %d layers", kMaxLayers);
@@ -251,19 +252,14 @@ int Network::_buildConfig(ConfigReader& cfg, int read, const char* path, bool qu
     ORVA_MSG(INFO, "%4d  ", params.index);
     _layers.push_back(l);  // owned from here on, even if its configuration fails
     l->parseConfig(cfg, params);
-    const std::string fault = layer_bounds_fault(l, elements);
-    if (!fault.empty()) ORVA_FATAL("%s (layer %d): %s", name, params.index, fault.c_str());
-    params.batch = l->_batch;
-    params.inputs = l->_outputs;
-    params.h = l->_out_h;
-    params.w = l->_out_w;
-    params.c = l->_out_c;
-    workspace = std::max(workspace, l->_workspace_size);
-    qinput = std::max(qinput, l->_qinput_size);
-    prev = l;
-  }
+    return l;
+  };
+  const auto fault = [&](const InputParams& params, Layer*, const std::string& why) {
+    ORVA_FATAL("%s (layer %d): %s", cfg.getSectionName(params.nsect), params.index, why.c_str());
+  };
+  const ChainNeeds needs = _buildChain(_firstInputParams(), cfg.getSectionSize(), make, fault);
   if (_layers.empty()) throw std::runtime_error(std::string("Network description has no layers: ") + path);
-  _makeNetwork(workspace, qinput);
+  _makeNetwork(needs.workspace, needs.qinput);
   return 0;
 }
 
@@ -326,28 +322,16 @@ void Network::resize(int w, int h) {
   iH = h;
   iW = w;
   _inputs = h * h * iC;  // square inputs are what resizing is for
-  InputParams params;
-  params.batch = nBatch * _siamese;
-  params.inputs = _inputs;
-  params.h = h;
-  params.w = w;
-  params.c = iC;
-  params.net = this;
-  size_t workspace = 0, qinput = 0;
-  int64_t elements = 0;
   try {
-    for (Layer* l : _layers) {
-      l->resize(params);
-      const std::string fault = layer_bounds_fault(l, elements);
-      if (!fault.empty()) throw std::runtime_error("resize: " + fault);
-      params.h = l->_out_h;
-      params.w = l->_out_w;
-      params.batch = l->_batch;
-      params.inputs = l->_outputs;
-      workspace = std::max(workspace, l->_workspace_size);
-      qinput = std::max(qinput, l->_qinput_size);
-    }
-    _makeNetwork(workspace, qinput);
+    const auto make = [&](int i, InputParams& params) -> Layer* {
+      _layers[i]->resize(params);
+      return _layers[i];
+    };
+    const auto fault = [](const InputParams&, Layer*, const std::string& why) {
+      throw std::runtime_error("resize: " + why);
+    };
+    const ChainNeeds needs = _buildChain(_firstInputParams(), (int)_layers.size(), make, fault);
+    _makeNetwork(needs.workspace, needs.qinput);
   } catch (...) {
     // Some layers have the new shape and some the old one: nothing of it can run.
     _deleteLayers();
@@ -387,19 +371,39 @@ void Network::_forward(int batch) {
   }
 }
 
-// Shape handed to the first layer, and the summary table's header, for both ways of building.
-InputParams Network::_firstInputParams(int nBatch, int iH, int iW, int iC, bool quant, bool fast) {
+// Shape handed to the first layer: the input the network holds now, with the choices it was
+// built with, so that a resize keeps the 8-bit path and the fast algorithm choice.
+InputParams Network::_firstInputParams() {
   InputParams params;
   params.batch = _siamese * nBatch;
   params.inputs = _inputs;
   params.h = iH;
   params.w = iW;
   params.c = iC;
-  params.quant = quant;
-  params.fast = fast;
+  params.quant = _quant;
+  params.fast = _fast;
   params.net = this;
-  ORVA_MSG(INFO, "LAYER      FILTER     SIZE          INPUT                 OUTPUT        FLOPS\n");
   return params;
+}
+
+Network::ChainNeeds Network::_buildChain(InputParams params, int count, const ChainStep& make,
+                                         const ChainFault& fault) {
+  ChainNeeds needs;
+  int64_t elements = 0;
+  for (int i = 0; i < count; ++i) {
+    Layer* l = make(i, params);
+    if (!l) continue;
+    const std::string why = layer_bounds_fault(l, elements);
+    if (!why.empty()) fault(params, l, why);
+    params.batch = l->_batch;
+    params.inputs = l->_outputs;
+    params.h = l->_out_h;
+    params.w = l->_out_w;
+    params.c = l->_out_c;
+    needs.workspace = std::max(needs.workspace, l->_workspace_size);
+    needs.qinput = std::max(needs.qinput, l->_qinput_size);
+  }
+  return needs;
 }
 
 template <typename FillInput>
@@ -593,18 +597,13 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
     throw std::runtime_error(why);
   }
   _inputs = (int)sample;
-  InputParams params = _firstInputParams(nBatch, iH, iW, iC, quant, fast);
-  if (count < 1) {
-    _makeNetwork(0, 0);
-    return;
-  }
-  size_t workspace = 0, qinput = 0;
-  int64_t elements = 0;
-  Layer* prev = nullptr;
-  for (int i = 0; i < count; ++i) {
+  _quant = quant;
+  _fast = fast;
+  ORVA_MSG(INFO, "%s", kSummaryHeader);
+  const auto make = [&](int i, InputParams& params) -> Layer* {
     int type = -1;
     read_int(fp, type);
-    Layer* l = LayerType::create(type, mode, prev, _gpu_handle);
+    Layer* l = LayerType::create(type, mode, _layers.empty() ? nullptr : _layers.back(), _gpu_handle);
     if (!l) {
       snprintf(why, sizeof(why), "Invalid model format: unknown layer type %d in record %d", type, i);
       throw std::runtime_error(why);
@@ -613,21 +612,15 @@ void Network::_loadConfig(FILE* fp, bool quant, bool fast) {
     params.index = i;
     ORVA_MSG(INFO, "%4d  ", i);
     l->loadConfig(fp, params);
-    const std::string fault = layer_bounds_fault(l, elements);
-    if (!fault.empty()) {
-      snprintf(why, sizeof(why), "Invalid model format: record %d (type %d): %s", i, type, fault.c_str());
-      throw std::runtime_error(why);
-    }
-    params.batch = l->_batch;
-    params.inputs = l->_outputs;
-    params.h = l->_out_h;
-    params.w = l->_out_w;
-    params.c = l->_out_c;
-    workspace = std::max(workspace, l->_workspace_size);
-    qinput = std::max(qinput, l->_qinput_size);
-    prev = l;
-  }
-  _makeNetwork(workspace, qinput);
+    return l;
+  };
+  const auto fault = [&](const InputParams& params, Layer* l, const std::string& fault) {
+    snprintf(why, sizeof(why), "Invalid model format: record %d (type %d): %s", params.index, l->type,
+             fault.c_str());
+    throw std::runtime_error(why);
+  };
+  const ChainNeeds needs = _buildChain(_firstInputParams(), count, make, fault);
+  _makeNetwork(needs.workspace, needs.qinput);
 }
 
 }  // namespace ORVA

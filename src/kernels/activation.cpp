@@ -3,9 +3,10 @@
 #include <cstring>
 
 #include "kernels/activation_kernel.h"
+#include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/half_math.h"
-#include "orva/blas.h"
+#include "orva/normalize.h"
 #include "orva/util.h"
 
 namespace {
@@ -84,45 +85,33 @@ ORVA_ACTIVATION_VALUES(MishActivation, 15)
 #undef ORVA_ACTIVATION_VALUES
 
 void activation_forward(void* handle, int type, Ftype* x, int n) {
-  if (!activation_known(type)) {
-    ORVA_ERROR("activation_forward: unknown activation id %d", type);
-    return;
-  }
-  if (n < 0) {
-    ORVA_ERROR("activation_forward: n = %d is negative", n);
-    return;
-  }
+  if (!activation_known(type))
+    ORVA_THROW("activation_forward: unknown activation id %d", type);
+  if (n < 0)
+    ORVA_THROW("activation_forward: n = %d is negative", n);
   if (type == kActivationLinear || n == 0) return;
   ORVA_DISPATCH(handle, activate, type, x, n);
 }
 
 void activation_bias_forward(void* handle, int type, Ftype* output, Ftype* bias, int batch, int n, int size) {
-  if (!activation_known(type)) {
-    ORVA_ERROR("activation_bias_forward: unknown activation id %d", type);
-    return;
-  }
+  if (!activation_known(type))
+    ORVA_THROW("activation_bias_forward: unknown activation id %d", type);
   // The linear pass is the bias addition itself, so both stay bit-identical.
   if (type == kActivationLinear) {
     blas_add_bias(handle, output, bias, batch, n, size);
     return;
   }
-  if (batch < 0 || n < 0 || size < 0) {
-    ORVA_ERROR("activation_bias_forward: batch %d, filters %d, size %d must not be negative", batch, n, size);
-    return;
-  }
+  if (batch < 0 || n < 0 || size < 0)
+    ORVA_THROW("activation_bias_forward: batch %d, filters %d, size %d must not be negative", batch, n, size);
   if (batch == 0 || n == 0 || size == 0) return;
   ORVA_DISPATCH(handle, add_bias_activate, type, output, bias, batch, n, size);
 }
 
 void activation_gradient(void* handle, int type, Ftype* x, int n, Ftype* delta) {
-  if (!activation_known(type)) {
-    ORVA_ERROR("activation_gradient: unknown activation id %d", type);
-    return;
-  }
-  if (n < 0) {
-    ORVA_ERROR("activation_gradient: n = %d is negative", n);
-    return;
-  }
+  if (!activation_known(type))
+    ORVA_THROW("activation_gradient: unknown activation id %d", type);
+  if (n < 0)
+    ORVA_THROW("activation_gradient: n = %d is negative", n);
   if (type == kActivationLinear || n == 0) return;
   ORVA_DISPATCH(handle, gradient, type, x, n, delta);
 }

@@ -7,7 +7,8 @@
 
 #include "kernels/batchnorm_kernel.h"
 #include "kernels/half_math.h"
-#include "orva/blas.h"
+#include "orva/elementwise.h"
+#include "orva/normalize.h"
 
 namespace cpu {
 

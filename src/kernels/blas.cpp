@@ -1,12 +1,13 @@
 // Public tensor launchers: argument checks, float scalars narrowed to half where the kernel
-// takes a half, then the backend's twin. A bad argument prints an error line naming the
-// launcher, the argument and its value, and the launcher returns without touching memory.
+// takes a half, then the backend's twin. A bad argument throws std::runtime_error naming the
+// launcher, the argument and its value, before any memory is touched.
 #include "orva/blas.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/blas_kernel.h"
 #include "orva/util.h"
@@ -18,28 +19,28 @@ Ftype to_half(float v) { return Ftype{float2half_cpu(v)}; }
 
 // True when the count is usable; zero is a valid empty call and yields false without a message.
 bool count_ok(const char* fn, const char* key, int v) {
-  if (v < 0) ORVA_ERROR("%s: %s = %d must not be negative", fn, key, v);
+  if (v < 0) ORVA_THROW("%s: %s = %d must not be negative", fn, key, v);
   return v > 0;
 }
 
 bool positive(const char* fn, const char* key, int v) {
-  if (v <= 0) ORVA_ERROR("%s: %s = %d must be positive", fn, key, v);
+  if (v <= 0) ORVA_THROW("%s: %s = %d must be positive", fn, key, v);
   return v > 0;
 }
 
 bool at_least(const char* fn, const char* key, int v, const char* what, int min) {
-  if (v < min) ORVA_ERROR("%s: %s = %d is below %s = %d", fn, key, v, what, min);
+  if (v < min) ORVA_THROW("%s: %s = %d is below %s = %d", fn, key, v, what, min);
   return v >= min;
 }
 
 bool not_null(const char* fn, const char* key, const void* p) {
-  if (!p) ORVA_ERROR("%s: %s is null", fn, key);
+  if (!p) ORVA_THROW("%s: %s is null", fn, key);
   return p != nullptr;
 }
 
 bool usable_temperature(const char* fn, float temp) {
   const bool ok = std::isfinite(temp) && temp != 0.f;
-  if (!ok) ORVA_ERROR("%s: temperature = %g must be finite and non-zero", fn, temp);
+  if (!ok) ORVA_THROW("%s: temperature = %g must be finite and non-zero", fn, temp);
   return ok;
 }
 
@@ -55,7 +56,7 @@ void blas_gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, F
                int ldb, float BETA, Ftype* C, int ldc) {
   const char* fn = "blas_gemm";
   if (!(count_ok(fn, "M", M) & count_ok(fn, "N", N)) || K < 0) {
-    if (K < 0) ORVA_ERROR("%s: K = %d must not be negative", fn, K);
+    if (K < 0) ORVA_THROW("%s: K = %d must not be negative", fn, K);
     return;
   }
   // Row-major: the leading dimension is at least the stored row length of each operand (and
@@ -72,14 +73,10 @@ static bool conv_shape_ok(const char* fn, int channels, int height, int width, i
   if (!(positive(fn, "channels", channels) & positive(fn, "height", height) & positive(fn, "width", width) &
         positive(fn, "ksize", ksize) & positive(fn, "stride", stride)))
     return false;
-  if (pad < 0) {
-    ORVA_ERROR("%s: pad = %d must not be negative", fn, pad);
-    return false;
-  }
-  if (height + 2 * pad < ksize || width + 2 * pad < ksize) {
-    ORVA_ERROR("%s: ksize = %d exceeds the padded image %d x %d", fn, ksize, height + 2 * pad, width + 2 * pad);
-    return false;
-  }
+  if (pad < 0)
+    ORVA_THROW("%s: pad = %d must not be negative", fn, pad);
+  if (height + 2 * pad < ksize || width + 2 * pad < ksize)
+    ORVA_THROW("%s: ksize = %d exceeds the padded image %d x %d", fn, ksize, height + 2 * pad, width + 2 * pad);
   return true;
 }
 
@@ -236,9 +233,8 @@ void blas_shortcut(void* handle, int batch, int w1, int h1, int c1, Ftype* add, 
   const int stride = std::max(w1 / w2, 1), sample = std::max(w2 / w1, 1);
   if ((minh - 1) * stride >= h1 || (minw - 1) * stride >= w1 || (minh - 1) * sample >= h2 ||
       (minw - 1) * sample >= w2) {
-    ORVA_ERROR("%s: %d x %d into %d x %d steps past a tensor (stride = %d, sample = %d from the widths)", fn, w1, h1,
+    ORVA_THROW("%s: %d x %d into %d x %d steps past a tensor (stride = %d, sample = %d from the widths)", fn, w1, h1,
                w2, h2, stride, sample);
-    return;
   }
   if (!(not_null(fn, "add", add) & not_null(fn, "out", out))) return;
   ORVA_DISPATCH(handle, shortcut, batch, w1, h1, c1, add, w2, h2, c2, to_half(alpha), to_half(beta), out);
@@ -249,10 +245,8 @@ void blas_reorg(void* handle, Ftype* x, int w, int h, int c, int batch, int stri
   if (!count_ok(fn, "batch", batch)) return;
   if (!(positive(fn, "w", w) & positive(fn, "h", h) & positive(fn, "c", c) & positive(fn, "stride", stride))) return;
   // Channels fold into stride x stride sub-positions; a remainder would address past the tensor.
-  if (c % (stride * stride) != 0) {
-    ORVA_ERROR("%s: c = %d is not a multiple of stride * stride = %d", fn, c, stride * stride);
-    return;
-  }
+  if (c % (stride * stride) != 0)
+    ORVA_THROW("%s: c = %d is not a multiple of stride * stride = %d", fn, c, stride * stride);
   if (!(not_null(fn, "x", x) & not_null(fn, "out", out))) return;
   ORVA_DISPATCH(handle, reorg, x, w, h, c, batch, stride, forward, out);
 }
@@ -269,9 +263,8 @@ void blas_softmax(void* handle, Ftype* input, int n, int batch, int batch_offset
   const char* fn = "blas_softmax";
   if (!(count_ok(fn, "n", n) & count_ok(fn, "batch", batch) & count_ok(fn, "groups", groups))) return;
   if (batch_offset < 0 || group_offset < 0 || stride < 0) {
-    ORVA_ERROR("%s: offsets must not be negative (batch_offset = %d, group_offset = %d, stride = %d)", fn,
+    ORVA_THROW("%s: offsets must not be negative (batch_offset = %d, group_offset = %d, stride = %d)", fn,
                batch_offset, group_offset, stride);
-    return;
   }
   if (!usable_temperature(fn, temp) || !(not_null(fn, "input", input) & not_null(fn, "output", output))) return;
   ORVA_DISPATCH(handle, softmax_strided, input, n, batch, batch_offset, groups, group_offset, stride, temp, output);
@@ -281,10 +274,8 @@ void blas_softmax(void* handle, Ftype* input, int batch, int batch_offset, int g
                   Ftype* output) {
   const char* fn = "blas_softmax";
   if (!(count_ok(fn, "batch", batch) & count_ok(fn, "groups", groups))) return;
-  if (batch_offset < 0) {
-    ORVA_ERROR("%s: batch_offset = %d must not be negative", fn, batch_offset);
-    return;
-  }
+  if (batch_offset < 0)
+    ORVA_THROW("%s: batch_offset = %d must not be negative", fn, batch_offset);
   if (!usable_temperature(fn, temp) ||
       !(not_null(fn, "input", input) & not_null(fn, "gmap", gmap) & not_null(fn, "output", output)))
     return;
@@ -312,13 +303,7 @@ void blas_softmax2d_backward(void* handle, Ftype* output, Ftype* delta, int h, i
   ORVA_DISPATCH(handle, softmax2d_backward, output, delta, h, w, odelta);
 }
 
-// Old entry points that never had a safe meaning: stopping beats computing garbage.
-void softmax_device() {
-  ORVA_ERROR("softmax_device is not supported; use blas_softmax");
-  exit(1);
-}
+// Old entry points that never had a safe meaning: refusing beats computing garbage.
+void softmax_device() { ORVA_THROW("softmax_device is not supported; use blas_softmax"); }
 
-void softmax_device(Ftype*, int, Ftype*) {
-  ORVA_ERROR("softmax_device is not supported; use blas_softmax");
-  exit(1);
-}
+void softmax_device(Ftype*, int, Ftype*) { ORVA_THROW("softmax_device is not supported; use blas_softmax"); }

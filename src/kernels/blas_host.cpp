@@ -13,6 +13,7 @@
 #include <cstring>
 #include <limits>
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/blas_kernel.h"
 #include "kernels/conv_kernel.h"
@@ -280,10 +281,8 @@ void gemm(void* handle, int TA, int TB, int M, int N, int K, float ALPHA, const 
   float* a = static_cast<float*>(backend->scratch(kScratchA, sizeof(float) * (size_t)a_rows * a_cols));
   float* b = static_cast<float*>(backend->scratch(kScratchB, sizeof(float) * b_floats));
   float* c = static_cast<float*>(backend->scratch(kScratchC, sizeof(float) * c_tile * threads));
-  if (!a || !b || !c) {
-    ORVA_ERROR("blas_gemm: no host scratch for M = %d, N = %d, K = %d", M, N, K);
-    return;
-  }
+  if (!a || !b || !c)
+    ORVA_THROW("blas_gemm: no host scratch for M = %d, N = %d, K = %d", M, N, K);
   widen_rows(A, lda, a_rows, a_cols, a);
   if (t.shared_b) widen_rows(B, ldb, b_rows, b_cols, b);
   SingleThreadedBlas single;

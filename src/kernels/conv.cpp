@@ -1,7 +1,9 @@
-#include "kernels/conv_kernel.h"
+#include "orva/conv.h"
 
+#include "base/error.h"
 #include "backend/backend.h"
-#include "orva/blas.h"
+#include "kernels/conv_kernel.h"
+#include "orva/quant.h"
 #include "orva/util.h"
 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& shape) { return ORVA_DISPATCH(handle, conv_plan_create, shape); }
@@ -18,10 +20,8 @@ void conv_forward(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* 
 void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* input, Ftype* weight, Ftype* bias,
                                 int type, Ftype* output, void* workspace) {
   if (batch < 1) return;
-  if (!bias) {
-    ORVA_ERROR("conv_forward_bias_activate: no bias for %d filters", plan->shape.out_c);
-    return;
-  }
+  if (!bias)
+    ORVA_THROW("conv_forward_bias_activate: no bias for %d filters", plan->shape.out_c);
   if (batch > plan->shape.batch) batch = plan->shape.batch;
   ORVA_DISPATCH(handle, conv_forward_bias_activate, plan, batch, input, weight, bias, type, output, workspace);
 }

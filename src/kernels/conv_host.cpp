@@ -12,10 +12,11 @@
 #include <vector>
 
 #include "kernels/activation_kernel.h"
+#include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/conv_kernel.h"
 #include "kernels/half_math.h"
-#include "orva/blas.h"
+#include "orva/gemm.h"
 #include "orva/util.h"
 
 namespace cpu {
@@ -205,10 +206,8 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
   float* v = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * 16 * C * T));
   float* m = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * 16 * M * T));
   float* rows_all = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * 4 * row_len * threads));
-  if (!v || !m || !rows_all) {
-    ORVA_ERROR("conv_forward: no host scratch for %d x %d x %zu transformed tiles", M, C, T);
-    return;
-  }
+  if (!v || !m || !rows_all)
+    ORVA_THROW("conv_forward: no host scratch for %d x %d x %zu transformed tiles", M, C, T);
   winograd_weights(p, weight);
   // Input tiles: V = B^T d B, rows of the padded image widened once per tile row.
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * C), [&](const tbb::blocked_range<int>& r) {
@@ -363,10 +362,8 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
   const size_t per_thread = (size_t)k * wp + s.out_w + k * k;
   const int threads = tbb::this_task_arena::max_concurrency();
   float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
-  if (!scratch) {
-    ORVA_ERROR("conv_forward: no host scratch for %d depthwise rows of %d", k, wp);
-    return;
-  }
+  if (!scratch)
+    ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", k, wp);
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
     float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
     float* acc = rows + (size_t)k * wp;
@@ -417,10 +414,8 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
   float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * (size_t)s.out_c * K));
   float* bm = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * b_floats));
   float* cm = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
-  if (!a || !bm || !cm) {
-    ORVA_ERROR("conv_forward: no host scratch for %d filters, %d x %lld columns", s.out_c, K, columns);
-    return;
-  }
+  if (!a || !bm || !cm)
+    ORVA_THROW("conv_forward: no host scratch for %d filters, %d x %lld columns", s.out_c, K, columns);
   tbb::parallel_for(tbb::blocked_range<int>(0, s.out_c, 16), [&](const tbb::blocked_range<int>& r) {
     widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
   });
@@ -478,10 +473,8 @@ void conv_forward_bias_activate(void* handle, ConvPlan* plan, int batch, Ftype* 
   OutputStep finish;
   finish.bias = bias;
   finish.activate = narrow_bias_activate_fn(type);
-  if (!finish.activate) {
-    ORVA_ERROR("conv_forward_bias_activate: unknown activation id %d", type);
-    return;
-  }
+  if (!finish.activate)
+    ORVA_THROW("conv_forward_bias_activate: unknown activation id %d", type);
   forward(handle, plan, batch, input, weight, output, finish);
 }
 

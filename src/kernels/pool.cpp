@@ -1,7 +1,8 @@
-// Pooling launchers: shape checks, then the backend's twin. A bad shape prints an error line
-// naming the launcher, the argument and its value, and nothing is launched.
+// Pooling launchers: shape checks, then the backend's twin. A bad shape throws
+// std::runtime_error naming the launcher, the argument and its value; nothing is launched.
 #include "orva/pool.h"
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "orva/util.h"
 #include "kernels/pool_kernel.h"
@@ -9,41 +10,29 @@
 namespace {
 
 bool window_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int size, int stride, int pad) {
-  if (batch < 0 || in_h < 1 || in_w < 1 || in_c < 1) {
-    ORVA_ERROR("%s: shape batch %d, %d x %d x %d is empty", fn, batch, in_w, in_h, in_c);
-    return false;
-  }
-  if (size < 1 || stride < 1 || pad < 0) {
-    ORVA_ERROR("%s: size = %d, stride = %d, pad = %d out of range", fn, size, stride, pad);
-    return false;
-  }
-  if (pool_out_side(in_w, pad, stride) < 1 || pool_out_side(in_h, pad, stride) < 1) {
-    ORVA_ERROR("%s: stride = %d leaves no output of %d x %d with pad %d", fn, stride, in_w, in_h, pad);
-    return false;
-  }
+  if (batch < 0 || in_h < 1 || in_w < 1 || in_c < 1)
+    ORVA_THROW("%s: shape batch %d, %d x %d x %d is empty", fn, batch, in_w, in_h, in_c);
+  if (size < 1 || stride < 1 || pad < 0)
+    ORVA_THROW("%s: size = %d, stride = %d, pad = %d out of range", fn, size, stride, pad);
+  if (pool_out_side(in_w, pad, stride) < 1 || pool_out_side(in_h, pad, stride) < 1)
+    ORVA_THROW("%s: stride = %d leaves no output of %d x %d with pad %d", fn, stride, in_w, in_h, pad);
   return batch > 0;
 }
 
 bool global_ok(const char* fn, int batch, int in_h, int in_w, int in_c, int square, int tmin, int tmax,
                const int* order) {
-  if (batch < 0 || in_h < 1 || in_w < 1 || in_c < 1) {
-    ORVA_ERROR("%s: shape batch %d, %d x %d x %d is empty", fn, batch, in_w, in_h, in_c);
-    return false;
-  }
+  if (batch < 0 || in_h < 1 || in_w < 1 || in_c < 1)
+    ORVA_THROW("%s: shape batch %d, %d x %d x %d is empty", fn, batch, in_w, in_h, in_c);
   const long long plane = (long long)in_w * in_h;
-  if (tmin < 0 || tmax < 0 || tmin + (long long)tmax >= plane || (square != 0 && square != 1)) {
-    ORVA_ERROR("%s: tmin = %d, tmax = %d, square = %d do not fit a plane of %lld", fn, tmin, tmax, square, plane);
-    return false;
-  }
-  if ((tmin || tmax) && !order) {
-    ORVA_ERROR("%s: trimming needs the order scratch", fn);
-    return false;
-  }
+  if (tmin < 0 || tmax < 0 || tmin + (long long)tmax >= plane || (square != 0 && square != 1))
+    ORVA_THROW("%s: tmin = %d, tmax = %d, square = %d do not fit a plane of %lld", fn, tmin, tmax, square, plane);
+  if ((tmin || tmax) && !order)
+    ORVA_THROW("%s: trimming needs the order scratch", fn);
   return batch > 0;
 }
 
 bool present(const char* fn, const void* a, const void* b, const void* c = "") {
-  if (!a || !b || !c) ORVA_ERROR("%s: a tensor is null", fn);
+  if (!a || !b || !c) ORVA_THROW("%s: a tensor is null", fn);
   return a && b && c;
 }
 

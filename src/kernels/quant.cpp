@@ -1,6 +1,7 @@
 // 8-bit quantisation of weights and layer inputs for the convolution layer's 8-bit path.
+#include "base/error.h"
 #include "backend/backend.h"
-#include "orva/blas.h"
+#include "orva/quant.h"
 #include "orva/util.h"
 #include "kernels/quant_kernel.h"
 
@@ -11,43 +12,47 @@ namespace {
 constexpr float kSignedSteps = 127.f;
 constexpr float kUnsignedSteps = 254.f;
 
+// For the reports, which answer -1 to a bad count.
 bool check_count(const char* fn, int n) {
   if (n >= 0) return true;
   ORVA_ERROR("%s: n = %d is negative", fn, n);
   return false;
 }
 
+// For the conversions, which have no answer to give: true when there is work.
+bool work(const char* fn, int n) {
+  if (n < 0) ORVA_THROW("%s: n = %d is negative", fn, n);
+  return n > 0;
+}
+
 }  // namespace
 
 void quant_int8(void* handle, Ftype* x, int n, float thresh, signed char* q) {
-  if (!check_count("quant_int8", n) || n == 0) return;
+  if (!work("quant_int8", n)) return;
   // A zero threshold is legal: it comes from an all-zero tensor, which stays all zero.
-  if (!(thresh >= 0.f)) {
-    ORVA_ERROR("quant_int8: thresh %g must be a non-negative number", thresh);
-    return;
-  }
+  if (!(thresh >= 0.f)) ORVA_THROW("quant_int8: thresh %g must be a non-negative number", thresh);
   ORVA_DISPATCH(handle, quant_int8, x, n, kSignedSteps / thresh, q);
 }
 
 void quant_uint8(void* handle, Ftype* x, int n, float iq, unsigned char* q) {
-  if (!check_count("quant_uint8", n) || n == 0) return;
+  if (!work("quant_uint8", n)) return;
   if (iq > 0.f) {
     ORVA_DISPATCH(handle, quant_uint8, x, n, kUnsignedSteps / iq, q);
   } else if (iq < 0.f) {
     ORVA_DISPATCH(handle, quant_int8, x, n, kSignedSteps / -iq, (signed char*)q);
   } else {
     // Zero means "no 8-bit input" to the layers, and NaN has no sign to choose a mapping by.
-    ORVA_ERROR("quant_uint8: iq %g must be positive (unsigned) or negative (signed)", iq);
+    ORVA_THROW("quant_uint8: iq %g must be positive (unsigned) or negative (signed)", iq);
   }
 }
 
 void quant_float(void* handle, const signed char* q, int n, float scale, Ftype* x) {
-  if (!check_count("quant_float", n) || n == 0) return;
+  if (!work("quant_float", n)) return;
   ORVA_DISPATCH(handle, quant_float, (const unsigned char*)q, false, n, scale, x);
 }
 
 void quant_float(void* handle, const unsigned char* q, int n, float scale, Ftype* x) {
-  if (!check_count("quant_float", n) || n == 0) return;
+  if (!work("quant_float", n)) return;
   ORVA_DISPATCH(handle, quant_float, q, true, n, scale, x);
 }
 

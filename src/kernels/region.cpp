@@ -1,6 +1,7 @@
 // Launchers of the detection-head operations: argument checks, then the backend's twin.
 #include "orva/region.h"
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/region_kernel.h"
 #include "orva/util.h"
@@ -11,14 +12,11 @@ namespace {
 // their neighbours are refused with a line naming the launcher.
 bool runs_ok(const char* fn, const void* x, const void* y, int batch, int batch_offset, int groups, int group_offset,
              int n) {
-  if (!x || !y) {
-    ORVA_ERROR("%s: null tensor", fn);
-    return false;
-  }
+  if (!x || !y)
+    ORVA_THROW("%s: null tensor", fn);
   if (batch < 0 || groups < 0 || n < 0 || batch_offset < 0 || group_offset < 0) {
-    ORVA_ERROR("%s: batch %d, batch_offset %d, groups %d, group_offset %d, n %d must not be negative", fn, batch,
+    ORVA_THROW("%s: batch %d, batch_offset %d, groups %d, group_offset %d, n %d must not be negative", fn, batch,
                batch_offset, groups, group_offset, n);
-    return false;
   }
   return batch > 0 && groups > 0 && n > 0;
 }

@@ -1,9 +1,10 @@
 // Layout and broadcast launchers: shape checks, then the backend's twin. A bad argument
-// prints an error line naming the launcher and the value, and nothing is launched.
+// throws std::runtime_error naming the launcher and the value; nothing is launched.
 #include "orva/tensor.h"
 
 #include <cmath>
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "orva/util.h"
 #include "kernels/tensor_kernel.h"
@@ -12,15 +13,13 @@ namespace {
 
 // False for an empty call (batch 0) and, with an error line, for a bad shape.
 bool shape_ok(const char* fn, int batch, int a, int b, int c) {
-  if (batch < 0 || a < 1 || b < 1 || c < 1) {
-    ORVA_ERROR("%s: shape batch %d, %d x %d x %d out of range", fn, batch, a, b, c);
-    return false;
-  }
+  if (batch < 0 || a < 1 || b < 1 || c < 1)
+    ORVA_THROW("%s: shape batch %d, %d x %d x %d out of range", fn, batch, a, b, c);
   return batch > 0;
 }
 
 bool present(const char* fn, const void* a, const void* b, const void* c = "", const void* d = "") {
-  if (!a || !b || !c || !d) ORVA_ERROR("%s: a tensor is null", fn);
+  if (!a || !b || !c || !d) ORVA_THROW("%s: a tensor is null", fn);
   return a && b && c && d;
 }
 
@@ -41,10 +40,8 @@ void tensor_upsample_backward(void* handle, int batch, int w, int h, int c, int 
 
 void tensor_add_scaled(void* handle, int n, float alpha, Ftype* x, float beta, Ftype* y, Ftype* out) {
   const char* fn = "tensor_add_scaled";
-  if (n < 0 || !std::isfinite(alpha) || !std::isfinite(beta)) {
-    ORVA_ERROR("%s: n = %d, alpha = %g, beta = %g out of range", fn, n, alpha, beta);
-    return;
-  }
+  if (n < 0 || !std::isfinite(alpha) || !std::isfinite(beta))
+    ORVA_THROW("%s: n = %d, alpha = %g, beta = %g out of range", fn, n, alpha, beta);
   if (n == 0 || !present(fn, x, y, out)) return;
   // The factors are halves on both backends, rounded once here with the exact host table.
   ORVA_DISPATCH(handle, tensor::add_scaled, n, Ftype{float2half_cpu(alpha)}, x, Ftype{float2half_cpu(beta)}, y, out);
@@ -66,10 +63,8 @@ void tensor_scale_backward(void* handle, int batch, int c, int size, int per_pos
 }
 
 static bool dropout_ok(const char* fn, int n, float prob, float scale) {
-  if (n < 0 || !(prob >= 0.f && prob < 1.f) || !std::isfinite(scale)) {
-    ORVA_ERROR("%s: n = %d, prob = %g, scale = %g out of range", fn, n, prob, scale);
-    return false;
-  }
+  if (n < 0 || !(prob >= 0.f && prob < 1.f) || !std::isfinite(scale))
+    ORVA_THROW("%s: n = %d, prob = %g, scale = %g out of range", fn, n, prob, scale);
   return n > 0;
 }
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/checked_size.h"
-#include "kernels/conv_kernel.h"
+#include "orva/conv.h"
 #include "orva/blas.h"
 #include "orva/cuda.h"
 #include "orva/util.h"

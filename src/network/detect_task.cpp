@@ -51,14 +51,13 @@ bool DetectTask::process(TaskInput& in) {
     std::lock_guard<std::mutex> lock(_imutex);
     if (_qinput.size() >= bound) return false;
   }
-  DetectTaskInput* item = new DetectTaskInput{in.id, in.tick, cv::Mat(), cv::Size(_net->iW, _net->iH)};
+  if (in.img.empty()) return false;
+  // A depth the letterbox refuses throws from here, on the caller's thread.
+  std::unique_ptr<DetectTaskInput> item(new DetectTaskInput{in.id, in.tick, cv::Mat(), cv::Size(_net->iW, _net->iH)});
   resize_ratio(in.img, item->img, &item->size, 0.0f, 128);
-  if (item->img.empty()) {  // an empty frame or one of a depth the letterbox refuses
-    delete item;
-    return false;
-  }
+  if (item->img.empty()) return false;
   std::lock_guard<std::mutex> lock(_imutex);
-  _qinput.push(item);
+  _qinput.push(item.release());
   _icv.notify_one();
   return true;
 }

@@ -3,27 +3,21 @@
 #include <cstdlib>
 #include <limits>
 
+#include "base/error.h"
 #include "orva/blas.h"
 #include "orva/orva.h"
 
 namespace ORVA {
 
 float Network::train(TData& d) {
-  if (d.X.rows % nBatch != 0) {
-    ORVA_ERROR("d.X.rows %% nBatch == 0 fails: %d rows, batch %d", d.X.rows, nBatch);
-    abort();
-  }
+  if (d.X.rows % nBatch != 0)
+    ORVA_THROW("d.X.rows %% nBatch == 0 fails: %d rows, batch %d", d.X.rows, nBatch);
   const int n = d.X.rows / nBatch;
   if (n < 1) return 0.f / (float)(n * nBatch);
-  if (mode != TRAIN || !_truth) {
-    ORVA_ERROR("train: the network was not built for training (no \"train\" section)");
-    abort();
-  }
-  if (d.X.cols != _inputs * _siamese || d.Y.cols > _truths) {
-    ORVA_ERROR("train: samples of %d inputs and %d truths for a network of %d inputs and %d truths", d.X.cols,
+  if (mode != TRAIN || !_truth) ORVA_THROW("train: the network was not built for training (no \"train\" section)");
+  if (d.X.cols != _inputs * _siamese || d.Y.cols > _truths)
+    ORVA_THROW("train: samples of %d inputs and %d truths for a network of %d inputs and %d truths", d.X.cols,
                d.Y.cols, _inputs * _siamese, _truths);
-    abort();
-  }
   float sum = 0.f;
   for (int i = 0; i < n; ++i) {
     get_next_batch(_gpu_handle, d, nBatch, i * nBatch, _input, _truth);

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "base/error.h"
 #include "orva/image.h"
 #include "orva/util.h"
 
@@ -31,18 +32,10 @@ void resample(const cv::Mat& src, cv::Mat& roi, cv::Size fit) {
 void resize_ratio(const cv::Mat& src, cv::Mat& dst, cv::Size* size, float tolerance, unsigned char fill) {
   if (!size || size->width == 0 || size->height == 0) return;
   const int W = size->width, H = size->height;
-  if (W < 0 || H < 0) {
-    ORVA_ERROR("invalid target size %d x %d", W, H);
-    return;
-  }
-  if (src.empty()) {
-    ORVA_ERROR("empty source image");
-    return;
-  }
-  if (src.depth() != CV_8U || (src.channels() != 1 && src.channels() != 3)) {
-    fputs("ERROR: unsupported image channels\n", stderr);
-    return;
-  }
+  if (W < 0 || H < 0) ORVA_THROW("invalid target size %d x %d", W, H);
+  if (src.empty()) ORVA_THROW("empty source image");
+  if (src.depth() != CV_8U || (src.channels() != 1 && src.channels() != 3))
+    ORVA_THROW("unsupported image channels");
   const int cols = src.cols, rows = src.rows;
   *size = cv::Size(cols, rows);
 

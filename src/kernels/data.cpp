@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 
+#include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/data_kernel.h"
 #include "orva/data.h"
@@ -26,36 +27,26 @@ void cvt_cv2data(void* handle, const unsigned char* src, Ftype* dst, unsigned ch
     c = -c;
     cgroup = -cgroup;
   }
-  if (npix < 0 || c < 0 || cgroup < 0 || batch < 0) {
-    ORVA_ERROR("cvt_cv2data: npix %d, c %d, cgroup %d, batch %d must not be negative", npix, c, cgroup, batch);
-    return;
-  }
+  if (npix < 0 || c < 0 || cgroup < 0 || batch < 0)
+    ORVA_THROW("cvt_cv2data: npix %d, c %d, cgroup %d, batch %d must not be negative", npix, c, cgroup, batch);
   if ((size_t)npix * c * cgroup * batch == 0) return;
-  if (!src || !dst || !raw) {
-    ORVA_ERROR("cvt_cv2data: null buffer (src %p, dst %p, raw %p)", (const void*)src, (void*)dst, (void*)raw);
-    return;
-  }
+  if (!src || !dst || !raw)
+    ORVA_THROW("cvt_cv2data: null buffer (src %p, dst %p, raw %p)", (const void*)src, (void*)dst, (void*)raw);
   ORVA_DISPATCH(handle, cv2data, src, dst, raw, npix, c, cgroup * batch);
 }
 
 void cvt_data2cv(void* handle, const Ftype* src, unsigned char* dst, unsigned char* raw, int npix, int c) {
-  if (npix < 0 || c < 1) {
-    ORVA_ERROR("cvt_data2cv: npix %d must not be negative and c %d must be at least 1", npix, c);
-    return;
-  }
+  if (npix < 0 || c < 1)
+    ORVA_THROW("cvt_data2cv: npix %d must not be negative and c %d must be at least 1", npix, c);
   if (npix == 0) return;
-  if (!src || !dst || !raw) {
-    ORVA_ERROR("cvt_data2cv: null buffer (src %p, dst %p, raw %p)", (const void*)src, (void*)dst, (void*)raw);
-    return;
-  }
+  if (!src || !dst || !raw)
+    ORVA_THROW("cvt_data2cv: null buffer (src %p, dst %p, raw %p)", (const void*)src, (void*)dst, (void*)raw);
   ORVA_DISPATCH(handle, data2cv, src, dst, raw, npix, c);
 }
 
 void cvt_cv2image(cv::Mat& m, ORVA::Image& img) {
-  if (m.depth() != CV_8U) {
-    ORVA_ERROR("cvt_cv2image: matrix depth %d is not 8-bit (%d)", m.depth(), CV_8U);
-    return;
-  }
+  if (m.depth() != CV_8U)
+    ORVA_THROW("cvt_cv2image: matrix depth %d is not 8-bit (%d)", m.depth(), CV_8U);
   const int w = m.cols, h = m.rows, c = m.channels();
   img.w = w;
   img.h = h;
@@ -77,20 +68,14 @@ void cvt_cv2image(cv::Mat& m, ORVA::Image& img) {
 }
 
 void cvt_image2cv(ORVA::Image& img, cv::Mat& m) {
-  if (img.c != 1 && img.c != 3) {
-    ORVA_FATAL("channel of image must be 1 or 3");
-  }
+  if (img.c != 1 && img.c != 3) ORVA_THROW("channel of image must be 1 or 3");
   const int w = img.w, h = img.h, c = img.c;
-  if (w < 0 || h < 0) {
-    ORVA_ERROR("cvt_image2cv: image size %d x %d is negative", w, h);
-    return;
-  }
+  if (w < 0 || h < 0)
+    ORVA_THROW("cvt_image2cv: image size %d x %d is negative", w, h);
   m.create(h, w, c == 3 ? CV_8UC3 : CV_8UC1);
   if (w == 0 || h == 0) return;
-  if (!img.data) {
-    ORVA_ERROR("cvt_image2cv: image of %d x %d has no data", w, h);
-    return;
-  }
+  if (!img.data)
+    ORVA_THROW("cvt_image2cv: image of %d x %d has no data", w, h);
   const float* data = img.data;
   const size_t plane = (size_t)w * h;
   tbb::parallel_for(tbb::blocked_range<size_t>(0, plane, 4096), [&](const tbb::blocked_range<size_t>& r) {
