@@ -9,7 +9,7 @@
 #include <string>
 
 #include "base/checked_size.h"
-#include "orva/chksum.h"
+#include "base/chksum.h"
 #include "orva/config.h"
 
 namespace ORVA {

@@ -3,10 +3,8 @@
 // memory. Every *_backward adds its gradient into prev_delta (a null prev_delta or
 // scale_delta skips that part).
 #pragma once
-#include "orva/export.h"
 #include "orva/float16.h"
 
-ORVA_API_BEGIN
 
 // Nearest-neighbour enlargement: out[b,c,y,x] = in[b,c,y/stride,x/stride], out side = in * stride.
 void tensor_upsample(void* handle, int batch, int w, int h, int c, int stride, Ftype* input, Ftype* output);
@@ -39,4 +37,3 @@ void tensor_prelu(void* handle, int batch, int c, int size, Ftype* input, Ftype*
 void tensor_prelu_backward(void* handle, int batch, int c, int size, Ftype* input, Ftype* slope, Ftype* delta,
                            Ftype* prev_delta, Ftype* slope_delta);
 
-ORVA_API_END

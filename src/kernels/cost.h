@@ -2,10 +2,8 @@
 // writes a per-element error and a per-element gradient (truth minus prediction, so adding
 // it to the weights' gradient moves the prediction towards the truth).
 #pragma once
-#include "orva/export.h"
 #include "orva/float16.h"
 
-ORVA_API_BEGIN
 
 // truth lives in tensor memory of the handle's backend; thresh: an element whose error does
 // not exceed it gets no gradient.
@@ -21,4 +19,3 @@ void cost_l1smooth(void* handle, int n, Ftype* input, float* truth, Ftype* delta
 void cost_xentropy(void* handle, int n, Ftype* input, float* truth, Ftype* delta, Ftype* error, float eps,
                    float gamma, float pscale, float nscale);
 
-ORVA_API_END

@@ -3,10 +3,8 @@
 // enter it, so windows on the far border may reach past the input (those positions count as
 // minus infinity for the maximum and as nothing for the mean).
 #pragma once
-#include "orva/export.h"
 #include "orva/float16.h"
 
-ORVA_API_BEGIN
 
 // Output side of a windowed pool, the one formula every caller shares.
 inline int pool_out_side(int in, int pad, int stride) { return (in + 2 * pad) / stride; }
@@ -34,4 +32,3 @@ void pool_global_forward(void* handle, int batch, int in_h, int in_w, int in_c, 
 void pool_global_backward(void* handle, int batch, int in_h, int in_w, int in_c, int square, int tmin, int tmax,
                           Ftype* input, int* order, Ftype* delta, Ftype* prev_delta);
 
-ORVA_API_END

@@ -1,9 +1,7 @@
 // Parallel-loop pool with the pthreadpool interface, running on TBB.
 #pragma once
-#include "orva/export.h"
 #include <cstddef>
 
-ORVA_API_BEGIN
 
 typedef struct pthreadpool* pthreadpool_t;
 typedef void (*pthreadpool_function_1d_t)(void* context, size_t i);
@@ -27,4 +25,3 @@ void pthreadpool_compute_2d_tiled(pthreadpool_t pool, pthreadpool_function_2d_ti
                                   void* context, size_t range_i, size_t range_j, size_t tile_i,
                                   size_t tile_j);
 
-ORVA_API_END

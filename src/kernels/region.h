@@ -1,10 +1,8 @@
 // Tensor operations of the detection heads (region, qregion, detobj, heatmap). Same
 // conventions as orva/blas.h: context first, work enqueued on its backend.
 #pragma once
-#include "orva/export.h"
 #include "orva/float16.h"
 
-ORVA_API_BEGIN
 
 // Logistic function in place on strided runs: for b < batch, g < groups the n values
 // x[b * batch_offset + g * group_offset + k], k = 0 .. n-1. When scale > 1 each result y
@@ -15,4 +13,3 @@ void region_logistic(void* handle, Ftype* x, int batch, int batch_offset, int gr
 void region_logistic_gradient(void* handle, const Ftype* y, Ftype* delta, int batch, int batch_offset, int groups,
                               int group_offset, int n);
 
-ORVA_API_END
