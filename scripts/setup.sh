@@ -16,6 +16,8 @@ pkgs+=(mosquitto mosquitto-clients libmosquitto-dev)
 # jpegdec and the MP4 muxer
 pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base
        gstreamer1.0-plugins-good)
+# the Python module and its tests (cv2 for the README's Python example)
+pkgs+=(python3-dev pybind11-dev python3-numpy python3-pytest python3-opencv)
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 apt_install() {

@@ -10,6 +10,8 @@ jobs=${ORVA_JOBS:-2}
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" -DORVA_BUILD_BENCH=ON
 (cd "${ORVA_BUILD_DIR:-$root/build}" && ctest --output-on-failure -j "$jobs" --timeout 900)
+# The installed tree: examples/ built against it with find_package and with pkg-config.
+"$root/scripts/install_test.sh"
 
 # Emulated CUDA: threads and blocks in a shuffled order (the seed is printed) so that a
 # result depending on the order shows up as a difference from the host twin.

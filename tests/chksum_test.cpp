@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "orva/chksum.h"
+#include "base/chksum.h"
 
 TEST(Checksum, Xxh32MatchesPublishedVectors) {
   EXPECT_EQ(xxh32("", 0, 0), 0x02CC5D05u);

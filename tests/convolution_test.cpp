@@ -20,6 +20,8 @@ namespace {
 constexpr double kLayerTol = kHalfChain;
 // Folding divides by sqrt(var) + eps instead of sqrt(var + eps) and rounds the scaled weights.
 constexpr double kFoldTol = 1e-2;
+// cuDNN computes in half where the host accumulates in float.
+constexpr double kCudaTol = kHalfAccumulate;
 // 8 bits per input (1/254 of the range) and per weight (1/127) against exact arithmetic.
 constexpr double kInt8Tol = 3e-2;
 

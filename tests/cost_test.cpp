@@ -8,7 +8,7 @@
 #include "harness.h"
 #include "layer/cost_layer.h"
 #include "network_test_util.h"
-#include "orva/cost.h"
+#include "kernels/cost.h"
 
 using namespace orva_test;
 

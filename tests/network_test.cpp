@@ -145,7 +145,7 @@ TEST(NetworkBuildDeathTest, FatalFaultsExitOrThrowTheSameLine) {
   } catch (const ORVA::FatalError& e) {
     EXPECT_STREQ(e.what(), "No input parameters supplied");
   }
-  EXPECT_NE(::testing::internal::GetCapturedStderr().find("_parseConfig(const char*, bool, bool):"), std::string::npos);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("_buildConfig(ConfigReader&, int, const char*, bool, bool):"), std::string::npos);
 }
 
 // Resize rebuilds the chain through the same path as a load: every layer takes the new

@@ -10,7 +10,7 @@
 
 #include "layer/resize_layer.h"
 #include "layer_test_util.h"
-#include "orva/tensor.h"
+#include "kernels/tensor.h"
 
 using namespace orva_test;
 

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <vector>
 
-#include "orva/pthreadpool.h"
+#include "base/pthreadpool.h"
 
 namespace {
 

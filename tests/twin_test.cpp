@@ -9,9 +9,9 @@
 
 #include "kernels/batchnorm_kernel.h"
 #include "harness.h"
-#include "orva/pool.h"
-#include "orva/region.h"
-#include "orva/tensor.h"
+#include "kernels/pool.h"
+#include "kernels/region.h"
+#include "kernels/tensor.h"
 
 using namespace orva_test;
 

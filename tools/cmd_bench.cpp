@@ -12,32 +12,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Reaches the layer walk, so each layer's forward can be timed on its own.
-class TimedNetwork : public ORVA::Network {
- public:
-  using ORVA::Network::Network;
-
-  // Milliseconds per layer for one pass of `batch` frames already in the input tensor.
-  void timeLayers(int batch, std::vector<double>& ms) {
-    ORVA::NetworkParams p;
-    p.workspace = static_cast<Ftype*>(_workspace);
-    p.input = static_cast<Ftype*>(_input);
-    p.qinput = static_cast<char*>(_qinput);
-    p.truth = _truth;
-    p.net = this;
-    p.siamese = _siamese;
-    ms.assign(_layers.size(), 0.0);
-    for (size_t i = 0; i < _layers.size(); ++i) {
-      p.batch = _siamese * batch;
-      const auto t0 = Clock::now();
-      _layers[i]->forward(p);
-      cuda_sync(_gpu_handle);
-      ms[i] = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-      p.input = _layers[i]->_output;
-    }
-  }
-};
-
 }  // namespace
 
 int cmd_bench(int argc, char** argv) {
@@ -54,7 +28,7 @@ int cmd_bench(int argc, char** argv) {
   if (parseArgs(app, argc, argv, status)) return status;
 
   const int max_batch = *std::max_element(batches.begin(), batches.end());
-  TimedNetwork net(ORVA::TEST, max_batch, o.gpu);
+  ORVA::Network net(ORVA::TEST, max_batch, o.gpu);
   try {
     loadNetwork(net, o);
   } catch (const std::exception& e) {
@@ -70,12 +44,11 @@ int cmd_bench(int argc, char** argv) {
   std::vector<std::vector<double>> layer_ms;
   std::vector<double> fps;
   for (int b : batches) {
-    net.predict(input.data(), b);  // warm-up; fills the input tensor for the layer timing
-    std::vector<double> sum(net.getLayerCount(), 0.0), ms;
-    for (int it = 0; it < iterations; ++it) {
-      net.timeLayers(b, ms);
-      for (size_t i = 0; i < ms.size(); ++i) sum[i] += ms[i] / iterations;
-    }
+    net.predict(input.data(), b);  // warm-up
+    std::vector<double> sum(net.getLayerCount(), 0.0);
+    net.setLayerTimer([&](int i, double ms) { sum[i] += ms / iterations; });
+    for (int it = 0; it < iterations; ++it) net.predict(input.data(), b);
+    net.setLayerTimer(nullptr);
     layer_ms.push_back(sum);
     const auto t0 = Clock::now();
     for (int it = 0; it < iterations; ++it) net.predict(input.data(), b);
@@ -86,8 +59,8 @@ int cmd_bench(int argc, char** argv) {
   for (int b : batches) printf("  batch %-2d ms", b);
   printf("\n");
   for (int i = 0; i < net.getLayerCount(); ++i) {
-    const ORVA::Layer* l = net.getLayer(i);
-    printf("%3d  %-11s %4d x%4d x%5d", i, layerTypeName(l->type), l->_out_w, l->_out_h, l->_out_c);
+    const ORVA::LayerInfo l = net.layerInfo(i);
+    printf("%3d  %-11s %4d x%4d x%5d", i, l.name, l.out_w, l.out_h, l.out_c);
     for (const auto& col : layer_ms) printf("  %11.3f", col[i]);
     printf("\n");
   }

@@ -6,16 +6,6 @@
 
 using namespace orvacli;
 
-namespace {
-
-size_t layerParams(const ORVA::Layer* l) {
-  // Convolutions and fully connected layers hold one bias per output channel besides weights.
-  const bool biased = l->type == ORVA::LAYER_CONVOLUTION || l->type == ORVA::LAYER_FCONN;
-  return (size_t)l->_weights + (biased ? (size_t)l->_out_c : 0);
-}
-
-}  // namespace
-
 int cmd_info(int argc, char** argv) {
   CLI::App app("Prints the layer table, parameters, operations, input size and classes.", "orva info");
   ModelOptions o;
@@ -34,25 +24,23 @@ int cmd_info(int argc, char** argv) {
   printf("\n  #  layer        output              params     MFLOPs\n");
   size_t params = 0, flops = 0;
   for (int i = 0; i < net.getLayerCount(); ++i) {
-    const ORVA::Layer* l = net.getLayer(i);
-    const size_t p = layerParams(l);
-    params += p;
-    flops += l->_flops;
-    printf("%3d  %-11s %4d x%4d x%5d  %10zu  %9.1f\n", i, layerTypeName(l->type), l->_out_w, l->_out_h, l->_out_c, p,
-           l->_flops * 1e-6);
+    const ORVA::LayerInfo l = net.layerInfo(i);
+    params += l.params;
+    flops += l.flops;
+    printf("%3d  %-11s %4d x%4d x%5d  %10zu  %9.1f\n", i, l.name, l.out_w, l.out_h, l.out_c, l.params, l.flops * 1e-6);
   }
   printf("\nparams   %zu\n", params);
   printf("GFLOPs   %.3f per frame\n", flops * 1e-9);
-  const ORVA::Layer* top = net.getOutputLayer();
-  printf("output   %d x %d x %d (%s)\n", net.oW, net.oH, net.oC, layerTypeName(top->type));
+  const ORVA::LayerInfo top = net.layerInfo(-1);
+  printf("output   %d x %d x %d (%s)\n", net.oW, net.oH, net.oC, top.name);
   // Classes: a detection head knows its count; a classifier has one output per class.
   int classes = 0;
-  if (top->type == ORVA::LAYER_REGION || top->type == ORVA::LAYER_QREGION || top->type == ORVA::LAYER_DETOBJ ||
-      top->type == ORVA::LAYER_CENTERNET || top->type == ORVA::LAYER_YOLO) {
+  if (top.type == ORVA::LAYER_REGION || top.type == ORVA::LAYER_QREGION || top.type == ORVA::LAYER_DETOBJ ||
+      top.type == ORVA::LAYER_CENTERNET || top.type == ORVA::LAYER_YOLO) {
     ORVA::DetectNetwork det(ORVA::TEST, 1, o.gpu);
     loadNetwork(det, o);
     classes = det.getClassNum();
-  } else if (top->type == ORVA::LAYER_SOFTMAX) {
+  } else if (top.type == ORVA::LAYER_SOFTMAX) {
     classes = net.getOutputs();
   }
   const std::vector<std::string> names = classNames(o, classes);

@@ -1,7 +1,5 @@
 #include "model_build.h"
 
-#include <unistd.h>
-
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -12,29 +10,6 @@
 namespace fs = std::filesystem;
 
 namespace orvacli {
-
-namespace {
-
-// Removes the scratch folder whatever happens in between.
-struct ScratchDir {
-  fs::path path;
-  ScratchDir() {
-    path = fs::temp_directory_path() / ("orva-convert-" + std::to_string(getpid()));
-    fs::create_directories(path);
-  }
-  ~ScratchDir() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-};
-
-void write_file(const fs::path& p, const void* data, size_t n) {
-  std::ofstream f(p, std::ios::binary);
-  f.write(static_cast<const char*>(data), (std::streamsize)n);
-  if (!f) throw ConvertError(p.string() + ": can't write");
-}
-
-}  // namespace
 
 std::vector<unsigned char> weightsOnlyFile(const ConvertedModel& m) {
   static_assert(sizeof(float) == 4, "records hold 32-bit floats");
@@ -47,11 +22,7 @@ std::vector<unsigned char> weightsOnlyFile(const ConvertedModel& m) {
 }
 
 void writeModel(const ConvertedModel& m, const std::string& path) {
-  ScratchDir dir;
-  const fs::path cfg = dir.path / "net.cfg", weights = dir.path / "net.weights";
-  write_file(cfg, m.cfg.data(), m.cfg.size());
   const std::vector<unsigned char> w = weightsOnlyFile(m);
-  write_file(weights, w.data(), w.size());
 
   // Description faults come back as exceptions here, not as the end of the process.
   struct FatalThrows {
@@ -61,7 +32,7 @@ void writeModel(const ConvertedModel& m, const std::string& path) {
   } fatal_throws;
   ORVA::Network net(ORVA::TEST, 1, -1);
   try {
-    if (net.load(cfg.c_str(), weights.c_str()) != 0) throw ConvertError("the description has no network section");
+    if (net.loadText(m.cfg, w.data(), w.size()) != 0) throw ConvertError("the description has no network section");
   } catch (const ConvertError&) {
     throw;
   } catch (const std::exception& e) {
@@ -72,13 +43,13 @@ void writeModel(const ConvertedModel& m, const std::string& path) {
       throw ConvertError("the engine built " + std::to_string(net.getLayerCount()) + " layers, expected " +
                          std::to_string(m.shapes.size()) + " (a section it does not know?)");
     for (int i = 0; i < net.getLayerCount(); ++i) {
-      const ORVA::Layer* l = net.getLayer(i);
+      const ORVA::LayerInfo l = net.layerInfo(i);
       const LayerShape& s = m.shapes[i];
       if (s.w < 0) continue;  // a shape the source does not fix
-      if (l->_out_w != s.w || l->_out_h != s.h || l->_out_c != s.c) {
+      if (l.out_w != s.w || l.out_h != s.h || l.out_c != s.c) {
         const std::string where = i < (int)m.origin.size() ? m.origin[i] : "layer " + std::to_string(i);
-        throw ConvertError(where + ": the engine's layer gives " + std::to_string(l->_out_w) + " x " +
-                           std::to_string(l->_out_h) + " x " + std::to_string(l->_out_c) + ", the source " +
+        throw ConvertError(where + ": the engine's layer gives " + std::to_string(l.out_w) + " x " +
+                           std::to_string(l.out_h) + " x " + std::to_string(l.out_c) + ", the source " +
                            std::to_string(s.w) + " x " + std::to_string(s.h) + " x " + std::to_string(s.c) +
                            "; the engine cannot express this layer exactly");
       }

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "orva/chksum.h"
+#include "base/chksum.h"
 #include "orva/orva.h"
 
 static bool self_check(ORVA::Network& net) {

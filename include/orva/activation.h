@@ -1,6 +1,9 @@
 // Activation functions by id and name, applied in place to tensors on the network's backend.
 #pragma once
+#include "orva/export.h"
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 class Activation {
  public:
@@ -58,3 +61,5 @@ class ActivationType {
 void activation_forward(void* handle, int type, Ftype* x, int n);
 void activation_bias_forward(void* handle, int type, Ftype* output, Ftype* bias, int batch, int n, int size);
 void activation_gradient(void* handle, int type, Ftype* x, int n, Ftype* delta);
+
+ORVA_API_END

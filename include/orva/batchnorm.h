@@ -2,7 +2,10 @@
 // tensor primitives on the host) and the fold of the statistics into weights. Every
 // launcher takes the network's context first and enqueues on its backend.
 #pragma once
+#include "orva/export.h"
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // Shapes: batch samples of n channels with size spatial positions each.
 // y = scale * (x - mean) / sqrt(var + eps) + bias with the statistics of this batch; the
@@ -18,3 +21,5 @@ void batchnorm_backward(void* handle, Ftype* x, Ftype* dy, Ftype* dx, Ftype* sca
 // bias[f] -= mean[f] * k[f]; weight[f * size + i] *= k[f]; k[f] = scale[f] / (sqrt(var[f]) + eps).
 void batchnorm_fold(void* handle, Ftype* weight, Ftype* bias, Ftype* scale, Ftype* mean_rolling,
                     Ftype* var_rolling, int n, int size);
+
+ORVA_API_END

@@ -1,6 +1,9 @@
 // Background models for a fixed camera.
 #pragma once
+#include "orva/export.h"
 #include <opencv2/core.hpp>
+
+ORVA_API_BEGIN
 
 namespace ORVA {
 
@@ -45,3 +48,5 @@ class MedianBGS : public BGS {
 };
 
 }  // namespace ORVA
+
+ORVA_API_END

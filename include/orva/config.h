@@ -1,8 +1,12 @@
 // Reader of the INI-dialect network description and training-parameter files.
 #pragma once
+#include "orva/export.h"
+#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
+
+ORVA_API_BEGIN
 
 class ConfigReader {
  public:
@@ -17,6 +21,8 @@ class ConfigReader {
   // 0 on success, -1 when the file can't be opened, else the 1-based number of the
   // first malformed line (what came before it stays loaded).
   int load(const char* path);
+  // The same from the text of a description held in memory.
+  int loadText(const std::string& text);
 
   int getSectionSize() const { return (int)_sections.size(); }
   const char* getSectionName(int index) const;
@@ -34,6 +40,8 @@ class ConfigReader {
 
  private:
   const TSection* _section(int nsect) const;
+  // Reads and closes f; -1 when f is null.
+  int _read(FILE* f);
 
   std::vector<TSection> _sections;
   TSection _gsection;
@@ -41,3 +49,5 @@ class ConfigReader {
 
 void get_minmax(ConfigReader& cfg, int nsect, const char* key, int& min, int& max);
 void get_minmax(ConfigReader& cfg, int nsect, const char* key, float& min, float& max);
+
+ORVA_API_END

@@ -2,9 +2,12 @@
 // forward, backward and 8-bit passes that run through it. Every launcher takes the network's
 // context first and enqueues on its backend.
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 namespace ORVA {
 class Layer;
@@ -53,3 +56,5 @@ float conv_quantize_weights(void* handle, ConvPlan* plan, Ftype* weight, int n, 
 // batch * inputs bytes each), then output = qscale * conv(qinput, qweight) + bias.
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, Ftype* input, float iqthresh, char* qinput,
                        signed char* qweight, float qscale, Ftype* bias, Ftype* output, void* workspace);
+
+ORVA_API_END

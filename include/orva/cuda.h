@@ -5,9 +5,12 @@
 // the calling thread. Every launcher, allocation and copy receives the handle (as void*) and
 // reaches its backend through it.
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include <cstdio>
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // The toolkit's handle types, named without including its headers.
 struct CUstream_st;
@@ -91,3 +94,5 @@ void chk_fwrite(const void* buf, size_t size, size_t n, FILE* f);
 // Host halves keep their in-memory width.
 void chk_fread(_half* buf, size_t n, FILE* f);
 void chk_fwrite(const _half* buf, size_t n, FILE* f);
+
+ORVA_API_END

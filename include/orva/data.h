@@ -1,8 +1,11 @@
 // Records shared by the networks, the detection task and the video-analytics tools.
 #pragma once
+#include "orva/export.h"
 #include <opencv2/core.hpp>
 #include "orva/float16.h"
 #include <vector>
+
+ORVA_API_BEGIN
 
 namespace ORVA {
 
@@ -85,3 +88,5 @@ void cvt_cv2data(void* handle, const unsigned char* src, Ftype* dst, unsigned ch
 void cvt_data2cv(void* handle, const Ftype* src, unsigned char* dst, unsigned char* raw, int npix, int c);
 void cvt_cv2image(cv::Mat& m, ORVA::Image& img);
 void cvt_image2cv(ORVA::Image& img, cv::Mat& m);
+
+ORVA_API_END

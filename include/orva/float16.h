@@ -1,5 +1,6 @@
 // Half-precision storage type and the exact host conversions.
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include <cstdint>
 
@@ -8,6 +9,8 @@
 #else
 #define ORVA_HOST_DEVICE
 #endif
+
+ORVA_API_BEGIN
 
 // The raw 16-bit record of a half, laid out as the device toolkit's __half_raw, for moving
 // bits between the toolkit's half and ours without arithmetic.
@@ -62,3 +65,5 @@ void half2float_cpu(float* dst, const _half* src, size_t n);
 // asynchronous on its stream.
 void float2half_gpu(void* handle, const float* src, _half* dst, size_t n);
 void half2float_gpu(void* handle, float* dst, const _half* src, size_t n);
+
+ORVA_API_END

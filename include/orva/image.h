@@ -1,6 +1,9 @@
 // Image tools for video analytics: perceptual hash, dominant colours, letterbox resize.
 #pragma once
+#include "orva/export.h"
 #include <opencv2/core.hpp>
+
+ORVA_API_BEGIN
 
 namespace ORVA {
 
@@ -34,3 +37,5 @@ int classifyColor(cv::Mat& img, cv::Rect_<int> box, float scale);
 void resize_ratio(const cv::Mat& src, cv::Mat& dst, cv::Size* size, float tolerance, unsigned char fill);
 
 }  // namespace ORVA
+
+ORVA_API_END

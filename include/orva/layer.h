@@ -1,11 +1,14 @@
 // The layer interface, the records a network hands to its layers, the layer registry and the
 // batch-normalisation companion used by layers that normalise their output.
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include <cstdio>
 
 #include "orva/config.h"
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // cuDNN descriptor types, named without including the toolkit's headers.
 struct cudnnTensorStruct;
@@ -108,7 +111,7 @@ class LayerType {
   static Layer* create(int type, int mode, Layer* prev_l, void* handle);
   // Type id of a section name, -1 when it names no layer.
   static int type(const char* str);
-  // Section name of a type id; null for an id without one.
+  // Section name of a type id, "?" when it has no class.
   static const char* name(int type);
 };
 
@@ -178,3 +181,5 @@ class Batchnorm {
 };
 
 }  // namespace ORVA
+
+ORVA_API_END

@@ -1,6 +1,7 @@
 // Task networks: classification, grouped classification, detection and heat maps on top of
 // the general network, and the box helpers they share with callers.
 #pragma once
+#include "orva/export.h"
 #include <map>
 #include <vector>
 
@@ -8,6 +9,8 @@
 
 #include "orva/data.h"
 #include "orva/orva.h"
+
+ORVA_API_BEGIN
 
 namespace ORVA {
 
@@ -154,3 +157,5 @@ class HeatmapNetwork : public Network {
 };
 
 }  // namespace ORVA
+
+ORVA_API_END

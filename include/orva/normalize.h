@@ -3,8 +3,11 @@
 // work on that context's backend and returns; tensors are arrays of Ftype in that backend's
 // memory, laid out batch, channel, row, column (column fastest).
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 void blas_add_bias(void* handle, Ftype* output, Ftype* bias, int batch, int n, int size);
 void blas_scale_bias(void* handle, Ftype* output, Ftype* scale, int batch, int n, int size);
@@ -21,3 +24,5 @@ void blas_variance_delta(void* handle, Ftype* x, Ftype* delta, Ftype* mean, Ftyp
                          int spatial, Ftype* var_delta);
 void blas_normalize_delta(void* handle, Ftype* x, Ftype* mean, Ftype* var, Ftype* mean_delta, Ftype* var_delta,
                           int batch, int filters, int spatial, Ftype* delta);
+
+ORVA_API_END

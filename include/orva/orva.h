@@ -1,5 +1,6 @@
 // The network, task and worker classes.
 #pragma once
+#include "orva/export.h"
 #include <atomic>
 #include <condition_variable>
 #include <functional>
@@ -19,6 +20,8 @@
 #include "orva/train.h"
 #include "orva/util.h"
 
+ORVA_API_BEGIN
+
 #define ORVA_MAJOR_VERSION 4
 #define ORVA_MINOR_VERSION 0
 
@@ -35,6 +38,19 @@ struct ModelHeader {
 };
 static_assert(sizeof(ModelHeader) == 64, "the model header is 64 bytes on disk");
 
+// Read-only description of one layer of a built network.
+struct LayerInfo {
+  int type = -1;           // layer type id (LayerTypeId)
+  const char* name = "?";  // its section name in a description
+  int in_w = 0, in_h = 0, in_c = 0;
+  int out_w = 0, out_h = 0, out_c = 0;
+  size_t params = 0;  // weights, plus one bias per output channel where the layer has them
+  size_t flops = 0;   // operations per frame
+};
+
+// Called after each layer of a pass with the layer's index and the milliseconds it took.
+typedef std::function<void(int layer, double ms)> LayerTimer;
+
 class Network {
  public:
   // gpu_index >= 0 asks for that CUDA device; a negative index runs on the host. A CUDA
@@ -50,6 +66,10 @@ class Network {
   // can't be opened, and the short count (size_t) when the weights file ends too early. Any
   // failure leaves the network empty: predict then refuses to run.
   virtual int load(const char* path_cfg, const char* path_weight, bool quant = false, bool fast = false);
+  // The same from the text of a description and, when weights is not null, the bytes of a
+  // weights-only file, both held in memory.
+  int loadText(const std::string& cfg, const void* weights = nullptr, size_t weight_bytes = 0, bool quant = false,
+               bool fast = false);
   // Builds from a model file; throws std::runtime_error on any fault of the file.
   virtual int load(const char* path_net, bool quant = false, bool fast = false);
   // unify: the model file; otherwise the weights-only file.
@@ -74,6 +94,11 @@ class Network {
   // i < 0: the output layer; null outside the layer list.
   virtual Layer* getLayer(int i);
   virtual Layer* getOutputLayer() { return _loutput; }
+  // i < 0: the output layer. Throws std::out_of_range outside the layer list.
+  LayerInfo layerInfo(int i) const;
+  // While a timer is set, every pass runs its layers one at a time, draining the backend
+  // around each, and reports each layer's time; null removes it.
+  void setLayerTimer(LayerTimer timer);
   virtual char* getVersion() { return _version; }
   virtual unsigned int getChecksum(const char* path);
   virtual bool testChecksum(const char* path);
@@ -105,10 +130,13 @@ class Network {
 
  protected:
   int _parseConfig(const char* path, bool quant, bool fast);
+  // Builds from a description already read into cfg (read: what its load returned).
+  int _buildConfig(ConfigReader& cfg, int read, const char* path, bool quant, bool fast);
   void _loadConfig(FILE* fp, bool quant, bool fast);
   void _loadModel(FILE* fp, bool quant, bool fast);
   // Reads a weights-only file onto the built layers; a short file throws the short count.
   void _loadWeights(const char* path, bool quant);
+  void _readWeights(FILE* fp, const char* path, bool quant);
   void _makeNetwork(size_t workspace_size, size_t qinput_size);
   void _freeNetwork();
   void _deleteLayers();
@@ -162,6 +190,7 @@ class Network {
   float _getCurrentRate();
 
   CudaHandle _handle;
+  LayerTimer _layer_timer;
 };
 
 // Base of the asynchronous tasks: one worker thread runs the network on queued inputs. Callers
@@ -219,3 +248,5 @@ class DetectTask : public NetworkTask {
 };
 
 }  // namespace ORVA
+
+ORVA_API_END

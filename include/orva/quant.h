@@ -2,8 +2,11 @@
 // work on that context's backend and returns; tensors are arrays of Ftype in that backend's
 // memory, laid out batch, channel, row, column (column fastest).
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // 8-bit quantisation (docs/QUANTIZATION.md). Byte buffers are backend memory. Values round
 // to nearest (ties to even) and clamp to the byte range; NaN quantises to 0.
@@ -22,3 +25,5 @@ float quant_thresh(void* handle, Ftype* x, int n, bool* is_unsigned);
 // Mean absolute difference between x and its signed quantisation with thresh, restored, in
 // the units of x. Waits for the backend; -1 for bad arguments.
 float get_qerror(void* handle, Ftype* x, int n, float thresh);
+
+ORVA_API_END

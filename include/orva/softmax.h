@@ -3,8 +3,11 @@
 // work on that context's backend and returns; tensors are arrays of Ftype in that backend's
 // memory, laid out batch, channel, row, column (column fastest).
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include "orva/float16.h"
+
+ORVA_API_BEGIN
 
 // Softmax family: exponentials in float, the maximum subtracted first.
 void blas_softmax(void* handle, Ftype* input, int n, int batch, int batch_offset, int groups, int group_offset,
@@ -18,3 +21,5 @@ void blas_softmax2d_backward(void* handle, Ftype* output, Ftype* delta, int h, i
 // Kept for old callers: both throw std::runtime_error.
 void softmax_device();
 void softmax_device(Ftype* input, int n, Ftype* output);
+
+ORVA_API_END

@@ -1,11 +1,14 @@
 // Multi-object tracking: Kalman-filtered boxes associated to detections by optimal assignment.
 #pragma once
+#include "orva/export.h"
 #include <opencv2/core.hpp>
 #include <opencv2/video/tracking.hpp>
 
 #include <vector>
 
 #include "orva/data.h"
+
+ORVA_API_BEGIN
 
 // Minimum-cost one-to-one assignment of rows to columns of a matrix of non-negative costs.
 // On success `assignment` holds one entry per row (the column, or -1) and the result is the
@@ -52,3 +55,5 @@ class Tracker {
 };
 
 }  // namespace ORVA
+
+ORVA_API_END

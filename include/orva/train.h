@@ -1,6 +1,7 @@
 // Training: the parameter set and its rate schedule, the sample block handed to
 // Network::train, the randomised image augmentation that feeds it, and batch assembly.
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include <cstdint>
 #include <random>
@@ -11,6 +12,8 @@
 
 #include "orva/config.h"
 #include "orva/data.h"
+
+ORVA_API_BEGIN
 
 enum RatePolicy { CONSTANT = 0, STEP = 1, EXP = 2, POLY = 3, STEPS = 4, SIGMOID = 5, RANDOM = 6, STEPS_CYCLIC = 7 };
 
@@ -120,3 +123,5 @@ void encode_grid_truth(const BoxLabelList& boxes, int grid_w, int grid_h, int cl
 // Copies samples offset .. offset + n - 1 of d into the network's half input tensor and its
 // host truth buffer.
 void get_next_batch(void* handle, ORVA::TData& d, int n, int offset, void* input, float* truth);
+
+ORVA_API_END

@@ -1,9 +1,12 @@
 // Messages, the random generator, aligned host memory and small float reductions.
 #pragma once
+#include "orva/export.h"
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <stdexcept>
+
+ORVA_API_BEGIN
 
 enum MsgLevel { DEBUG = 0, INFO = 1, WARNING = 2, ALERT = 3 };
 
@@ -53,3 +56,5 @@ void free_aligned(void* p);
 
 float sum_array(float* a, int n);
 float mag_array(float* a, int n);
+
+ORVA_API_END

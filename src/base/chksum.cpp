@@ -1,4 +1,4 @@
-#include "orva/chksum.h"
+#include "base/chksum.h"
 
 #include <cstdint>
 #include <cstring>

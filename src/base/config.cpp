@@ -29,8 +29,16 @@ float parse_float(const char* s) {
 
 }  // namespace
 
-int ConfigReader::load(const char* path) {
-  FILE* f = fopen(path, "r");
+int ConfigReader::load(const char* path) { return _read(fopen(path, "r")); }
+
+int ConfigReader::loadText(const std::string& text) {
+  // A stream over the caller's bytes; an empty text reads as an empty description.
+  static const char kEmpty[] = "\n";
+  return _read(text.empty() ? fmemopen(const_cast<char*>(kEmpty), 1, "r")
+                            : fmemopen(const_cast<char*>(text.data()), text.size(), "r"));
+}
+
+int ConfigReader::_read(FILE* f) {
   if (!f) return -1;
   _sections.clear();
 

@@ -1,4 +1,4 @@
-#include "orva/pthreadpool.h"
+#include "base/pthreadpool.h"
 
 #include <tbb/blocked_range.h>
 #include <tbb/blocked_range2d.h>

@@ -121,7 +121,7 @@ int LayerType::type(const char* str) {
 const char* LayerType::name(int type) {
   for (const RegistryEntry& e : kRegistry)
     if (e.id == type) return e.name;
-  return nullptr;
+  return "?";
 }
 
 Layer* LayerType::create(const char* str, int mode, Layer* prev_l, void* handle) {

@@ -1,6 +1,7 @@
 #include "orva/orva.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -9,7 +10,7 @@
 
 #include "backend/device_error.h"
 #include "base/checked_size.h"
-#include "orva/chksum.h"
+#include "base/chksum.h"
 #include "orva/config.h"
 
 namespace ORVA {
@@ -124,11 +125,32 @@ int Network::load(const char* path_cfg, const char* path_weight, bool quant, boo
   return 0;
 }
 
+int Network::loadText(const std::string& cfg_text, const void* weights, size_t weight_bytes, bool quant,
+                      bool fast) {
+  try {
+    ConfigReader cfg;
+    const int built = _buildConfig(cfg, cfg.loadText(cfg_text), "(in memory)", quant, fast);
+    if (built != 0 || !weights) return built;
+    FILE* raw = weight_bytes ? fmemopen(const_cast<void*>(weights), weight_bytes, "rb") : nullptr;
+    if (!raw) throw std::runtime_error("Can't open weights file (in memory, " + std::to_string(weight_bytes) + " bytes)");
+    FilePtr f(raw);
+    _readWeights(f.get(), "(in memory)", quant);
+  } catch (...) {
+    _deleteLayers();
+    _freeNetwork();
+    throw;
+  }
+  return 0;
+}
+
 void Network::_loadWeights(const char* path, bool quant) {
   FILE* raw = fopen(path, "rb");
   if (!raw) throw std::runtime_error(std::string("Can't open weights file ") + path);
   FilePtr f(raw);
-  FILE* fp = f.get();
+  _readWeights(f.get(), path, quant);
+}
+
+void Network::_readWeights(FILE* fp, const char* path, bool quant) {
   const long long bytes = file_size(fp);
   int layer = -1;
   try {
@@ -156,9 +178,12 @@ void Network::_loadWeights(const char* path, bool quant) {
 
 int Network::_parseConfig(const char* path, bool quant, bool fast) {
   ConfigReader cfg;
-  const int read = path ? cfg.load(path) : -1;
+  return _buildConfig(cfg, path ? cfg.load(path) : -1, path ? path : "(null)", quant, fast);
+}
+
+int Network::_buildConfig(ConfigReader& cfg, int read, const char* path, bool quant, bool fast) {
   if (read < 0) {
-    ORVA_ERROR("can't read the description %s", path ? path : "(null)");
+    ORVA_ERROR("can't read the description %s", path);
     throw std::runtime_error("Can't open config file");
   }
   if (read > 0) {
@@ -330,6 +355,20 @@ void Network::_forward(int batch) {
   params.net = this;
   params.batch = _siamese * batch;
   params.siamese = _siamese;
+  if (_layer_timer) {
+    // Each layer on its own: the backend is drained before and after it.
+    cuda_sync(_gpu_handle);
+    for (size_t i = 0; i < _layers.size(); ++i) {
+      const auto t0 = std::chrono::steady_clock::now();
+      Layer* l = _layers[i];
+      layer_step(LayerType::name(l->type), (int)i, "forward", [&] { l->forward(params); });
+      cuda_sync(_gpu_handle);
+      _layer_timer((int)i, std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+      params.input = _layers[i]->_output;
+      params.batch = _siamese * batch;
+    }
+    return;
+  }
   for (size_t i = 0; i < _layers.size(); ++i) {
     Layer* l = _layers[i];
     layer_step(LayerType::name(l->type), (int)i, "forward", [&] { l->forward(params); });

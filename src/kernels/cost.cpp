@@ -1,6 +1,6 @@
 // Loss launchers: argument checks, then the backend's twin. A bad argument throws
 // std::runtime_error naming the launcher and the argument, and nothing is touched.
-#include "orva/cost.h"
+#include "kernels/cost.h"
 
 #include <cmath>
 

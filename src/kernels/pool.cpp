@@ -1,6 +1,6 @@
 // Pooling launchers: shape checks, then the backend's twin. A bad shape throws
 // std::runtime_error naming the launcher, the argument and its value; nothing is launched.
-#include "orva/pool.h"
+#include "kernels/pool.h"
 
 #include "base/error.h"
 #include "backend/backend.h"

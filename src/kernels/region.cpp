@@ -1,5 +1,5 @@
 // Launchers of the detection-head operations: argument checks, then the backend's twin.
-#include "orva/region.h"
+#include "kernels/region.h"
 
 #include "base/error.h"
 #include "backend/backend.h"

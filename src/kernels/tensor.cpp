@@ -1,6 +1,6 @@
 // Layout and broadcast launchers: shape checks, then the backend's twin. A bad argument
 // throws std::runtime_error naming the launcher and the value; nothing is launched.
-#include "orva/tensor.h"
+#include "kernels/tensor.h"
 
 #include <cmath>
 

@@ -2,7 +2,7 @@
 
 #include "layer/layer_util.h"
 #include "orva/orva.h"
-#include "orva/pool.h"
+#include "kernels/pool.h"
 
 namespace ORVA {
 

@@ -5,7 +5,7 @@
 
 #include "orva/blas.h"
 #include "orva/data.h"
-#include "orva/cost.h"
+#include "kernels/cost.h"
 #include "orva/cuda.h"
 #include "orva/util.h"
 

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "orva/blas.h"
-#include "orva/region.h"
+#include "kernels/region.h"
 
 namespace ORVA {
 

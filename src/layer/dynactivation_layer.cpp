@@ -4,7 +4,7 @@
 
 #include "layer/layer_util.h"
 #include "orva/blas.h"
-#include "orva/tensor.h"
+#include "kernels/tensor.h"
 
 namespace ORVA {
 

@@ -9,7 +9,7 @@
 #include "layer/layer_util.h"
 #include "orva/blas.h"
 #include "orva/cuda.h"
-#include "orva/region.h"
+#include "kernels/region.h"
 #include "orva/util.h"
 
 namespace ORVA {

@@ -1,7 +1,7 @@
 #include "layer/maxpool_layer.h"
 
 #include "layer/layer_util.h"
-#include "orva/pool.h"
+#include "kernels/pool.h"
 
 namespace ORVA {
 

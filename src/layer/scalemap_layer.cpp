@@ -2,7 +2,7 @@
 
 #include "layer/layer_util.h"
 #include "orva/orva.h"
-#include "orva/tensor.h"
+#include "kernels/tensor.h"
 
 namespace ORVA {
 

@@ -1,7 +1,7 @@
 #include "layer/upsizenn_layer.h"
 
 #include "layer/layer_util.h"
-#include "orva/tensor.h"
+#include "kernels/tensor.h"
 
 namespace ORVA {
 

@@ -12,7 +12,7 @@
 #include "orva/blas.h"
 #include "orva/networks.h"
 #include "orva/orva.h"
-#include "orva/region.h"
+#include "kernels/region.h"
 #include "orva/util.h"
 
 namespace ORVA {

@@ -4,6 +4,7 @@
 #pragma once
 #include "orva/float16.h"
 
+
 // truth lives in tensor memory of the handle's backend; thresh: an element whose error does
 // not exceed it gets no gradient.
 void cost_l2(void* handle, int n, Ftype* input, float* truth, Ftype* delta, Ftype* error, float thresh);
@@ -17,3 +18,4 @@ void cost_l1smooth(void* handle, int n, Ftype* input, float* truth, Ftype* delta
 // gamma = 0 it is exactly y - p.
 void cost_xentropy(void* handle, int n, Ftype* input, float* truth, Ftype* delta, Ftype* error, float eps,
                    float gamma, float pscale, float nscale);
+

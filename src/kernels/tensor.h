@@ -5,6 +5,7 @@
 #pragma once
 #include "orva/float16.h"
 
+
 // Nearest-neighbour enlargement: out[b,c,y,x] = in[b,c,y/stride,x/stride], out side = in * stride.
 void tensor_upsample(void* handle, int batch, int w, int h, int c, int stride, Ftype* input, Ftype* output);
 // prev_delta[b,c,y,x] += sum of delta over the stride x stride block it was copied to.
@@ -47,3 +48,4 @@ void tensor_prelu(void* handle, int batch, int c, int size, Ftype* input, Ftype*
 // prev_delta += delta * (x > 0 ? 1 : slope); slope_delta[ch] += sum of delta * x where x <= 0.
 void tensor_prelu_backward(void* handle, int batch, int c, int size, Ftype* input, Ftype* slope, Ftype* delta,
                            Ftype* prev_delta, Ftype* slope_delta);
+

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstddef>
 
+
 typedef struct pthreadpool* pthreadpool_t;
 typedef void (*pthreadpool_function_1d_t)(void* context, size_t i);
 typedef void (*pthreadpool_function_1d_tiled_t)(void* context, size_t i, size_t tile);
@@ -23,3 +24,4 @@ void pthreadpool_compute_2d(pthreadpool_t pool, pthreadpool_function_2d_t functi
 void pthreadpool_compute_2d_tiled(pthreadpool_t pool, pthreadpool_function_2d_tiled_t function,
                                   void* context, size_t range_i, size_t range_j, size_t tile_i,
                                   size_t tile_j);
+

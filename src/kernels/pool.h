@@ -5,6 +5,7 @@
 #pragma once
 #include "orva/float16.h"
 
+
 // Output side of a windowed pool, the one formula every caller shares.
 inline int pool_out_side(int in, int pad, int stride) { return (in + 2 * pad) / stride; }
 
@@ -40,3 +41,4 @@ void pool_global_forward(void* handle, int batch, int in_h, int in_w, int in_c, 
 // prev_delta += d(mean)/dx * delta for the kept positions; input and order from the forward.
 void pool_global_backward(void* handle, int batch, int in_h, int in_w, int in_c, int square, int tmin, int tmax,
                           Ftype* input, int* order, Ftype* delta, Ftype* prev_delta);
+
