@@ -45,7 +45,7 @@ fi
 
 # 2. The arm64 dependencies and everything they load, unpacked into the private root.
 roots=(libopencv-dev:arm64 libtbb-dev:arm64 libopenblas-dev:arm64 libgtest-dev:arm64
-       libgmock-dev:arm64)
+       libgmock-dev:arm64 libmosquitto-dev:arm64)
 headers=(libcli11-dev nlohmann-json3-dev)  # architecture-independent, needed in the root too
 stamp=$sysroot/.orva-packages
 want="${roots[*]} ${headers[*]}"
