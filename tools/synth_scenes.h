@@ -40,8 +40,10 @@ inline float covered(const ORVA::BoxLabel& a, const ORVA::BoxLabel& b) {
 // Plain scenes: 1 to 4 objects of 0.12 to 0.32 of the side that neither overlap nor share a
 // cell of a grid x grid partition (grid is used only here).
 // Crowded scenes (crowded = true): 1 to 6 objects whose sizes are spread evenly in log scale
-// over 0.07 to 0.56 of the side (8x), placed anywhere; a new object may overlap earlier ones
-// by IoU up to 0.25 as long as it hides at most 40% of each, and it is drawn on top of them.
+// over 0.07 to 0.56 of the side (8x), placed anywhere or (half the time) near an earlier
+// object's centre, and drawn in order; a new object may
+// overlap earlier ones by IoU up to 0.25 as long as the later objects together hide at most
+// 40% of each earlier one's box.
 inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORVA::BoxLabelList& boxes,
                           bool crowded = false) {
   std::seed_seq seq{seed, index, 0x5ce9eu};
@@ -67,6 +69,7 @@ inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORV
   const int count = 1 + (int)(g() % (crowded ? 6 : 4));
   const float most = crowded ? 0.6f : 0.4f;
   std::vector<int> used_cells;
+  std::vector<float> hidden;  // share of each object's box under later ones (overlaps counted twice)
   for (int tries = 0; (int)boxes.size() < count && tries < 50; ++tries) {
     ORVA::BoxLabel b;
     b.id = (int)(g() % kClasses);
@@ -79,17 +82,25 @@ inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORV
     }
     w = std::min(w, most * side);
     h = std::min(h, most * side);
-    const float cx = u(w / 2 + 1, side - w / 2 - 1), cy = u(h / 2 + 1, side - h / 2 - 1);
+    float cx = u(w / 2 + 1, side - w / 2 - 1), cy = u(h / 2 + 1, side - h / 2 - 1);
+    if (crowded && !boxes.empty() && g() % 2) {
+      // Half the time next to an earlier object, often in its cell.
+      const ORVA::BoxLabel& o = boxes[g() % boxes.size()];
+      cx = std::min(std::max(o.x * side + u(-0.6f, 0.6f) * o.w * side, w / 2 + 1), side - w / 2 - 1);
+      cy = std::min(std::max(o.y * side + u(-0.6f, 0.6f) * o.h * side, h / 2 + 1), side - h / 2 - 1);
+    }
     b.x = cx / side;
     b.y = cy / side;
     b.w = w / side;
     b.h = h / side;
     const int cell = (int)(b.y * grid) * grid + (int)(b.x * grid);
     bool ok = crowded || std::find(used_cells.begin(), used_cells.end(), cell) == used_cells.end();
-    for (const ORVA::BoxLabel& o : boxes)
-      ok = ok && (crowded ? box_iou(o, b) <= 0.25f && covered(o, b) <= 0.4f && covered(b, o) <= 0.4f
-                          : box_iou(o, b) == 0.f);
+    for (size_t k = 0; k < boxes.size(); ++k)
+      ok = ok && (crowded ? box_iou(boxes[k], b) <= 0.25f && hidden[k] + covered(boxes[k], b) <= 0.4f
+                          : box_iou(boxes[k], b) == 0.f);
     if (!ok) continue;
+    for (size_t k = 0; k < boxes.size(); ++k) hidden[k] += covered(boxes[k], b);
+    hidden.push_back(0.f);
     // A saturated colour of any hue, bright enough to stand out of the textures.
     cv::Mat c1(1, 1, CV_8UC3, cv::Scalar(u(0, 180), u(170, 255), u(160, 255))), c2;
     cv::cvtColor(c1, c2, cv::COLOR_HSV2BGR);
