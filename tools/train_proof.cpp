@@ -1,13 +1,17 @@
-// Teaches a small grid detector from nothing on the host backend: renders a deterministic
+// Teaches a small detector from nothing on the host backend: renders a deterministic
 // synthetic detection set (coloured shapes on textured backgrounds), trains through the
 // augmentation pipeline and Network::train, and measures mAP@0.5 on held-out scenes at
 // regular times. Writes a CSV of (seconds, iteration, loss, mAP) for tools/plot_training.py.
 //
-//   orva_train_proof [--minutes 30] [--out DIR] [--train 3000] [--test 300] [--seed 1]
-//                    [--eval-every 60] [--target 0.8] [--lr 0.004] [--cost-scale 1] [--coord 2]
+//   orva_train_proof [--head yolo] [--minutes 30] [--out DIR] [--train 3000] [--val 300] [--test 300]
+//                    [--seed 1] [--eval-every 60] [--target 0.6] [--lr 0.003]
+//       crowded scenes and a two-head yolo detector; validation scenes pick the checkpoint,
+//       whose mAP on test scenes is the result (DIR/proof_result.txt)
+//   orva_train_proof --head region [--target 0.8] [--lr 0.004] [--cost-scale 1] [--coord 2] ...
+//       plain scenes and a one-grid detector with an L2 cost, measured on held-out scenes
 //   orva_train_proof --write-set DIR COUNT [--seed 1]
-//       writes COUNT scenes as PNG files and DIR/labels.txt for the train subcommand, and
-//       DIR/grid.cfg, the proof's network as a description.
+//       writes COUNT plain scenes as PNG files and DIR/labels.txt for the train subcommand, and
+//       DIR/grid.cfg, the grid detector as a description.
 #include <tbb/parallel_for.h>
 
 #include <chrono>
@@ -297,7 +301,7 @@ int main(int argc, char** argv) {
   if (argc >= 4 && strcmp(argv[1], "--write-set") == 0)
     return write_set(argv[2], atoi(argv[3]), argc >= 6 ? (uint32_t)atoi(argv[5]) : 1u);
   Args a;
-  bool target_set = false;
+  bool target_set = false, lr_set = false;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string k = argv[i];
     const char* v = argv[i + 1];
@@ -311,7 +315,7 @@ int main(int argc, char** argv) {
     else if (k == "--head") a.head = v;
     else if (k == "--val") a.val = atoi(v);
     else if (k == "--batch") a.batch = atoi(v);
-    else if (k == "--lr") a.lr = (float)atof(v);
+    else if (k == "--lr") a.lr = (float)atof(v), lr_set = true;
     else if (k == "--cost-scale") a.cost_scale = (float)atof(v);
     else if (k == "--coord") a.coord = (float)atof(v);
     else {
@@ -321,7 +325,7 @@ int main(int argc, char** argv) {
   }
   if (a.head == "yolo") {
     if (!target_set) a.target = 0.6f;
-    if (a.lr == Args().lr) a.lr = 0.003f;
+    if (!lr_set) a.lr = 0.003f;
     return run_yolo(a);
   }
   if (a.head != "region") {
