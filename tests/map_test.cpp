@@ -74,4 +74,49 @@ TEST(GridDecoder, ScoresBoxesAndPerClassSuppression) {
   }
 }
 
+// The proof's claims about its scenes: crowded ones overlap only partly, share cells and span
+// sizes 8x; plain ones keep every object apart in its own cell; a scene depends only on its
+// seed and index, so the training, validation and test sets are distinct.
+TEST(SyntheticScenes, CrowdedAndPlainSetsKeepTheirRules) {
+  for (const bool crowded : {true, false}) {
+    int overlapping = 0, sharing = 0;
+    float smallest = 1, largest = 0;
+    for (uint32_t i = 0; i < 150; ++i) {
+      ORVA::BoxLabelList boxes;
+      synth::make_scene(3, i, 128, 6, boxes, crowded);
+      ASSERT_FALSE(boxes.empty());
+      std::vector<float> hidden(boxes.size(), 0.f);
+      for (size_t a = 0; a < boxes.size(); ++a) {
+        const ORVA::BoxLabel& p = boxes[a];
+        smallest = std::min(smallest, std::max(p.w, p.h));
+        largest = std::max(largest, std::max(p.w, p.h));
+        for (size_t b = a + 1; b < boxes.size(); ++b) {
+          const ORVA::BoxLabel& q = boxes[b];
+          const float iou = synth::box_iou(p, q);
+          EXPECT_LE(iou, crowded ? 0.25f : 0.f) << i;
+          hidden[a] += synth::covered(p, q);  // q is drawn over p
+          overlapping += iou > 0;
+          sharing += (int)(p.x * 6) == (int)(q.x * 6) && (int)(p.y * 6) == (int)(q.y * 6);
+        }
+        EXPECT_LE(hidden[a], crowded ? 0.4f + 1e-6f : 0.f) << i;
+      }
+    }
+    if (crowded) {
+      EXPECT_GT(overlapping, 10);
+      EXPECT_GT(sharing, 10);
+      EXPECT_LT(smallest, 0.08f);
+      EXPECT_GT(largest, 0.5f);
+    } else {
+      EXPECT_EQ(sharing, 0);
+    }
+  }
+  ORVA::BoxLabelList a, b, c;
+  const cv::Mat first = synth::make_scene(1, 5, 64, 1, a, true), again = synth::make_scene(1, 5, 64, 1, b, true);
+  const cv::Mat other = synth::make_scene(1000004, 5, 64, 1, c, true);
+  EXPECT_EQ(cv::norm(first, again, cv::NORM_INF), 0.0);
+  EXPECT_GT(cv::norm(first, other, cv::NORM_INF), 0.0);
+  ASSERT_EQ(a.size(), b.size());
+  for (size_t k = 0; k < a.size(); ++k) EXPECT_EQ(a[k].x, b[k].x);
+}
+
 }  // namespace

@@ -28,9 +28,24 @@ inline float box_iou(const ORVA::BoxLabel& a, const ORVA::BoxLabel& b) {
   return inter / (a.w * a.h + b.w * b.h - inter);
 }
 
-// Scene number `index` of the set `seed`: side x side pixels, 1 to 4 objects that neither
-// overlap nor share a cell of a grid x grid partition.
-inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORVA::BoxLabelList& boxes) {
+// Fraction of a's area that b covers.
+inline float covered(const ORVA::BoxLabel& a, const ORVA::BoxLabel& b) {
+  const float l = std::max(a.x - a.w / 2, b.x - b.w / 2), r = std::min(a.x + a.w / 2, b.x + b.w / 2);
+  const float t = std::max(a.y - a.h / 2, b.y - b.h / 2), u = std::min(a.y + a.h / 2, b.y + b.h / 2);
+  if (r <= l || u <= t) return 0.f;
+  return (r - l) * (u - t) / (a.w * a.h);
+}
+
+// Scene number `index` of the set `seed`: side x side pixels.
+// Plain scenes: 1 to 4 objects of 0.12 to 0.32 of the side that neither overlap nor share a
+// cell of a grid x grid partition (grid is used only here).
+// Crowded scenes (crowded = true): 1 to 6 objects whose sizes are spread evenly in log scale
+// over 0.07 to 0.56 of the side (8x), placed anywhere or (half the time) near an earlier
+// object's centre, and drawn in order; a new object may
+// overlap earlier ones by IoU up to 0.25 as long as the later objects together hide at most
+// 40% of each earlier one's box.
+inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORVA::BoxLabelList& boxes,
+                          bool crowded = false) {
   std::seed_seq seq{seed, index, 0x5ce9eu};
   std::mt19937 g(seq);
   auto u = [&](float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(g); };
@@ -51,29 +66,41 @@ inline cv::Mat make_scene(uint32_t seed, uint32_t index, int side, int grid, ORV
   cv::Mat img;
   cv::cvtColor(hsv, img, cv::COLOR_HSV2BGR);
   boxes.clear();
-  const int count = 1 + (int)(g() % 4);
+  const int count = 1 + (int)(g() % (crowded ? 6 : 4));
+  const float most = crowded ? 0.6f : 0.4f;
   std::vector<int> used_cells;
+  std::vector<float> hidden;  // share of each object's box under later ones (overlaps counted twice)
   for (int tries = 0; (int)boxes.size() < count && tries < 50; ++tries) {
     ORVA::BoxLabel b;
     b.id = (int)(g() % kClasses);
-    const float size = u(0.12f, 0.32f) * side;
+    const float size = (crowded ? 0.07f * std::exp2(u(0.f, 3.f)) : u(0.12f, 0.32f)) * side;
     float w = size, h = size;
     if (b.id == 1) {
       const float aspect = u(0.6f, 1.6f);
       w = size * std::sqrt(aspect);
       h = size / std::sqrt(aspect);
     }
-    w = std::min(w, 0.4f * side);
-    h = std::min(h, 0.4f * side);
-    const float cx = u(w / 2 + 1, side - w / 2 - 1), cy = u(h / 2 + 1, side - h / 2 - 1);
+    w = std::min(w, most * side);
+    h = std::min(h, most * side);
+    float cx = u(w / 2 + 1, side - w / 2 - 1), cy = u(h / 2 + 1, side - h / 2 - 1);
+    if (crowded && !boxes.empty() && g() % 2) {
+      // Half the time next to an earlier object, often in its cell.
+      const ORVA::BoxLabel& o = boxes[g() % boxes.size()];
+      cx = std::min(std::max(o.x * side + u(-0.6f, 0.6f) * o.w * side, w / 2 + 1), side - w / 2 - 1);
+      cy = std::min(std::max(o.y * side + u(-0.6f, 0.6f) * o.h * side, h / 2 + 1), side - h / 2 - 1);
+    }
     b.x = cx / side;
     b.y = cy / side;
     b.w = w / side;
     b.h = h / side;
     const int cell = (int)(b.y * grid) * grid + (int)(b.x * grid);
-    bool ok = std::find(used_cells.begin(), used_cells.end(), cell) == used_cells.end();
-    for (const ORVA::BoxLabel& o : boxes) ok = ok && box_iou(o, b) == 0.f;
+    bool ok = crowded || std::find(used_cells.begin(), used_cells.end(), cell) == used_cells.end();
+    for (size_t k = 0; k < boxes.size(); ++k)
+      ok = ok && (crowded ? box_iou(boxes[k], b) <= 0.25f && hidden[k] + covered(boxes[k], b) <= 0.4f
+                          : box_iou(boxes[k], b) == 0.f);
     if (!ok) continue;
+    for (size_t k = 0; k < boxes.size(); ++k) hidden[k] += covered(boxes[k], b);
+    hidden.push_back(0.f);
     // A saturated colour of any hue, bright enough to stand out of the textures.
     cv::Mat c1(1, 1, CV_8UC3, cv::Scalar(u(0, 180), u(170, 255), u(160, 255))), c2;
     cv::cvtColor(c1, c2, cv::COLOR_HSV2BGR);
