@@ -87,10 +87,11 @@ class GraphEval {
   static std::string b64(const std::string& s) {
     static const std::string k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
-    int val = 0, bits = -8;
+    unsigned val = 0;
+    int bits = -8;
     for (char ch : s) {
       if (k.find(ch) == std::string::npos) break;
-      val = (val << 6) + (int)k.find(ch);
+      val = ((val << 6) | (unsigned)k.find(ch)) & 0xFFFFFFu;
       bits += 6;
       if (bits >= 0) {
         out.push_back(char((val >> bits) & 0xFF));
