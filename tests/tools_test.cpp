@@ -181,8 +181,8 @@ TEST(FaceApiConverter, FaultsNameTheFileAndTheTensor) {
     const char* expect;
   } cases[] = {
       {"conv3/bias", 0, 66, "manifest.json: no tensor 'conv3/bias'"},
-      {"", 3, 66, "manifest.json: 3 bytes of the weight files belong to no tensor"},
-      {"", -5, 66, "tensor 'conv8/bias': the weight file ends inside it"},
+      {"", 3, 66, "hold 3 bytes more than their tensors"},
+      {"", -5, 66, "tensor 'conv8/bias': the weight files ("},
       {"", 0, 64, "input size 64"},
   };
   for (const Case& c : cases) {

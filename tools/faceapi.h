@@ -1,22 +1,13 @@
-// Reader of TensorFlow.js weight manifests with uint8-quantised tensors, and the mapping of
-// the tiny face detector onto the engine's layers.
+// The mapping of face-api's tiny face detector (a TF.js weights manifest) onto the engine's
+// layers.
 #pragma once
 #include <string>
 #include <vector>
 
 #include "model_build.h"
+#include "weights_manifest.h"
 
 namespace orvacli {
-
-struct NamedTensor {
-  std::string name;
-  std::vector<int> shape;
-  std::vector<float> values;  // dequantised, in the manifest's storage order
-};
-
-// Reads the manifest and the weight files it lists (relative to the manifest), tensor after
-// tensor: uint8 quantisation gives byte x scale + min, plain float32 is taken as stored.
-std::vector<NamedTensor> readWeightsManifest(const std::string& manifest_path);
 
 // The mean colour the face detector subtracts (red, green, blue), on the 0..255 scale.
 extern const float kFaceMean[3];

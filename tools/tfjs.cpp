@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "orva/float16.h"
+#include "weights_manifest.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -21,15 +21,10 @@ namespace orvacli {
 namespace {
 
 // Bounds that keep a hostile file from asking for unbounded memory or recursion.
-constexpr uint64_t kMaxElements = 1ull << 28;
 constexpr size_t kMaxNodes = 100000;
 constexpr int kMaxDepth = 2000;
 
-struct Tensor {
-  std::vector<int> shape;
-  std::vector<float> values;
-  size_t size() const { return values.size(); }
-};
+using Tensor = NamedTensor;
 
 std::string base64(const std::string& in) {
   std::string out;
@@ -53,79 +48,10 @@ std::string base64(const std::string& in) {
   return out;
 }
 
-// Every tensor of the manifest, by name, as floats in the file's (row-major, NHWC/HWIO) order.
+// Every tensor of the manifest, by name.
 std::map<std::string, Tensor> read_weights(const json& manifest, const ShardReader& read, const std::string& src) {
   std::map<std::string, Tensor> out;
-  if (!manifest.is_array()) throw ConvertError(src + ": weightsManifest is not a list of groups");
-  for (const json& group : manifest) {
-    std::vector<unsigned char> bytes;
-    std::string files;
-    for (const json& p : group.at("paths")) {
-      const std::string path = p.get<std::string>();
-      const std::vector<unsigned char> part = read(path);
-      bytes.insert(bytes.end(), part.begin(), part.end());
-      files += (files.empty() ? "" : ", ") + path;
-    }
-    size_t pos = 0;
-    for (const json& w : group.at("weights")) {
-      Tensor t;
-      const std::string name = w.at("name").get<std::string>();
-      const std::string where = src + ": tensor '" + name + "'";
-      uint64_t n = 1;
-      for (const json& d : w.at("shape")) {
-        const int64_t v = d.get<int64_t>();
-        if (v < 0 || (v > 0 && n > kMaxElements / (uint64_t)v)) throw ConvertError(where + ": absurd shape");
-        n *= (uint64_t)v;
-        t.shape.push_back((int)v);
-      }
-      const std::string dtype = w.value("dtype", "float32");
-      if (dtype != "float32" && dtype != "int32")
-        throw ConvertError(where + ": dtype " + dtype + " is not supported (float32 and int32 are)");
-      std::string stored = dtype;
-      double scale = 1, min = 0;
-      if (w.contains("quantization")) {
-        const json& q = w.at("quantization");
-        stored = q.at("dtype").get<std::string>();
-        if (stored == "uint8" || stored == "uint16") {
-          scale = q.at("scale").get<double>();
-          min = q.at("min").get<double>();
-        } else if (stored != "float16") {
-          throw ConvertError(where + ": quantisation " + stored + " is not supported (float16, uint8, uint16 are)");
-        }
-      }
-      const size_t width = stored == "uint8" ? 1 : (stored == "uint16" || stored == "float16") ? 2 : 4;
-      if (bytes.size() - pos < n * width)
-        throw ConvertError(where + ": the weight files (" + files + ", " + std::to_string(bytes.size()) +
-                           " bytes) end inside it: it needs " + std::to_string(n * width) + " bytes from offset " +
-                           std::to_string(pos));
-      t.values.resize(n);
-      const unsigned char* b = bytes.data() + pos;
-      for (uint64_t i = 0; i < n; ++i) {
-        if (stored == "float16") {
-          uint16_t h;
-          memcpy(&h, b + 2 * i, 2);
-          t.values[i] = half2float_cpu(h);
-        } else if (stored == "uint8") {
-          t.values[i] = (float)(b[i] * scale + min);
-        } else if (stored == "uint16") {
-          uint16_t q;
-          memcpy(&q, b + 2 * i, 2);
-          t.values[i] = (float)(q * scale + min);
-        } else if (stored == "int32") {
-          int32_t v;
-          memcpy(&v, b + 4 * i, 4);
-          t.values[i] = (float)v;
-        } else {
-          memcpy(&t.values[i], b + 4 * i, 4);
-        }
-      }
-      pos += n * width;
-      out[name] = std::move(t);
-    }
-    if (pos != bytes.size())
-      throw ConvertError(src + ": the weight files " + files + " hold " + std::to_string(bytes.size() - pos) +
-                         " bytes more than their tensors");
-  }
+  for (Tensor& t : readWeightGroups(manifest, read, src)) out[t.name] = std::move(t);
   return out;
 }
 
@@ -275,7 +201,7 @@ class Importer {
     std::vector<int> out;
     const json* a = attr(n, key);
     if (!a || !a->contains("list") || !a->at("list").contains("i")) return out;
-    for (const json& v : a->at("list").at("i")) out.push_back(v.is_string() ? std::stoi(v.get<std::string>()) : v.get<int>());
+    for (const json& v : a->at("list").at("i")) out.push_back(wholeInt(v));
     return out;
   }
   std::string attr_str(const Node& n, const char* key) const {
@@ -487,7 +413,7 @@ class Importer {
     if (s && s->contains("shape") && s->at("shape").contains("dim"))
       for (const json& d : s->at("shape").at("dim")) {
         const json& v = d.contains("size") ? d.at("size") : json("-1");
-        dims.push_back(v.is_string() ? std::stoi(v.get<std::string>()) : v.get<int>());
+        dims.push_back(wholeInt(v));
       }
     if (dims.size() != 4 || dims[3] != 3) throw fault(n, "the input must be a batch of RGB images (N, H, W, 3)");
     _in_h = dims[1];
@@ -532,7 +458,7 @@ class Importer {
 
     // Borders: the padding rule, plus an explicit Pad in front.
     const std::string padding = attr_str(n, "padding");
-    int pt = 0, pb = 0, pl = 0, pr = 0, oh, ow;
+    int pt = 0, pb = 0, pl = 0, pr = 0, oh = 0, ow = 0;
     if (padding == "SAME") {
       same_pads(x.h, k, s, &pt, &pb, &oh);
       same_pads(x.w, k, s, &pl, &pr, &ow);
@@ -723,8 +649,10 @@ class Importer {
     const Value x = feature(n.in[0], n, depth);
     const Tensor* size = constant(n.in[1]);
     if (!size || size->size() != 2) throw fault(n, "the size is not a constant (height, width)");
-    const int oh = (int)size->values[0], ow = (int)size->values[1];
-    if (oh < 1 || ow < 1 || oh > 16384 || ow > 16384) throw fault(n, "output size out of range");
+    const float fh = size->values[0], fw = size->values[1];
+    // Tested as floats: converting one out of int range would be undefined.
+    if (!(fh >= 1 && fw >= 1 && fh <= 16384 && fw <= 16384)) throw fault(n, "output size out of range");
+    const int oh = (int)fh, ow = (int)fw;
     const bool align = attr_bool(n, "align_corners"), half = attr_bool(n, "half_pixel_centers");
     if (align && half) throw fault(n, "align_corners and half_pixel_centers together");
     last(x, n);
@@ -782,7 +710,7 @@ class Importer {
     const std::vector<float>& v = p->values;
     if (v[0] != 0 || v[1] != 0 || v[6] != 0 || v[7] != 0) throw fault(n, "only height and width can be padded");
     for (int i = 2; i < 6; ++i)
-      if (v[i] < 0 || v[i] > 64) throw fault(n, "padding out of range 0..64");
+      if (!(v[i] >= 0 && v[i] <= 64)) throw fault(n, "padding out of range 0..64");
     if (x.padded) throw fault(n, "two explicit Pads in a row");
     x.padded = true;
     x.pad[0] = (int)v[2], x.pad[1] = (int)v[3], x.pad[2] = (int)v[4], x.pad[3] = (int)v[5];
@@ -811,7 +739,7 @@ class Importer {
         if (scalar(box->in[k], &scale)) box_map = box->in[1 - k];
     }
     float kk = 0;
-    if (topk.in.size() != 2 || !scalar(topk.in[1], &kk) || kk < 1 || kk > 10000)
+    if (topk.in.size() != 2 || !scalar(topk.in[1], &kk) || !(kk >= 1 && kk <= 10000))
       throw fault(topk, "k is not a constant in 1..10000");
     if (!(scale > 0)) throw fault(*box, "the box distances are scaled by a factor that is not positive");
 

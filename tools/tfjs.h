@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "model_build.h"
+#include "weights_manifest.h"
 
 namespace orvacli {
 
@@ -18,9 +19,6 @@ struct TfjsOptions {
   // Square input side for a graph whose input size is not fixed; 0 takes the graph's.
   int input_size = 0;
 };
-
-// Reads the weight files listed by the manifest, by their path as written there.
-using ShardReader = std::function<std::vector<unsigned char>(const std::string& path)>;
 
 // model.json and its weight files (beside it). Throws ConvertError naming the file, the node
 // and the problem: "model.json: node 'NAME' (OP): problem".
