@@ -63,3 +63,4 @@ int cmd_info(int argc, char** argv);
 int cmd_bench(int argc, char** argv);
 int cmd_convert(int argc, char** argv);
 int cmd_train(int argc, char** argv);
+int cmd_run(int argc, char** argv);

@@ -1,5 +1,5 @@
 // orva convert: one model file from a description and weights, from the darknet dialect, from
-// a face-api weight manifest or from a TF.js graph model.
+// a face-api weight manifest, from a TF.js graph model or from an ONNX model.
 #include <filesystem>
 #include <fstream>
 
@@ -7,6 +7,7 @@
 #include "darknet.h"
 #include "faceapi.h"
 #include "model_build.h"
+#include "onnx.h"
 #include "output_file.h"
 #include "tfjs.h"
 
@@ -15,7 +16,7 @@ namespace fs = std::filesystem;
 
 int cmd_convert(int argc, char** argv) {
   CLI::App app("Writes one model file (and its .names file when classes are named).", "orva convert");
-  std::string cfg, darknet, faceapi, tfjs, weights, out, names;
+  std::string cfg, darknet, faceapi, tfjs, onnx_model, weights, out, names;
   int input_size = 418;
   float input_scale = 255;
   bool random = false, strict = true;
@@ -24,6 +25,7 @@ int cmd_convert(int argc, char** argv) {
   g->add_option("--darknet", darknet, "network description in the darknet dialect (with --weights)");
   g->add_option("--faceapi", faceapi, "face-api weights manifest of the tiny face detector");
   g->add_option("--tfjs", tfjs, "TF.js graph model (model.json, weight files beside it)");
+  g->add_option("--onnx", onnx_model, "ONNX model (.onnx, external data beside it)");
   g->require_option(1);
   app.add_option("-w,--weights", weights, "weights file of --cfg or --darknet");
   app.add_flag("--random-weights", random, "--cfg without --weights: store fresh random weights");
@@ -42,7 +44,9 @@ int cmd_convert(int argc, char** argv) {
     if (!names.empty() && !fs::is_regular_file(names)) return fail("convert", names + ": no such file");
     checkOutputFolder(out);
     ConvertedModel m;
-    if (!tfjs.empty()) {
+    if (!onnx_model.empty()) {
+      m = onnxToEngine(onnx_model);
+    } else if (!tfjs.empty()) {
       TfjsOptions t;
       t.input_scale = input_scale;
       t.input_size = size_opt->count() ? input_size : 0;

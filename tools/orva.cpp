@@ -15,7 +15,8 @@ const orvacli::Command kCommands[] = {
     {"classify", "name the best classes of pictures", cmd_classify},
     {"info", "layers, parameters, operations, input size and classes of a model", cmd_info},
     {"bench", "per-layer times and frames per second", cmd_bench},
-    {"convert", "description + weights, darknet or face-api models to one model file", cmd_convert},
+    {"convert", "description + weights, darknet, face-api, TF.js or ONNX models to one model file", cmd_convert},
+    {"run", "a network on a raw tensor (.npy) in, the output tensor out", cmd_run},
     {"train", "teach a network from a list of labelled pictures", cmd_train},
 };
 
