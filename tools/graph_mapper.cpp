@@ -14,6 +14,7 @@ std::string shape_text(int w, int h, int c) {
 
 MapValue GraphMapper::emit(Emitted e, const std::string& where) {
   e.origin = where;
+  _copy_of = -1;
   MapValue v;
   v.w = e.shape.w;
   v.h = e.shape.h;
@@ -31,12 +32,13 @@ int GraphMapper::raw(const std::string& text, const LayerShape& shape, const std
 }
 
 void GraphMapper::last(const MapValue& v, const std::string& where) {
-  if (v.layer == lastIndex()) return;
+  if (v.layer == lastIndex() || (v.layer == _copy_of && v.layer >= 0)) return;
   if (v.layer < 0) throw fault(where, "the network input is read by more than one layer");
   Emitted e;
   e.text = "[route]\nlayers=" + std::to_string(v.layer) + "\n";
   e.shape = {v.w, v.h, v.c};
   emit(std::move(e), where + " reading an earlier layer");
+  _copy_of = v.layer;
 }
 
 MapValue GraphMapper::convolution(const MapValue& x, ConvSpec s, const std::string& where) {

@@ -28,10 +28,11 @@ struct ConvSpec {
 
 class GraphMapper {
  public:
-  // `source` names the file in faults; w x h x c is the network input (layer -1). Every
-  // `where` below names the node ("node 'n' (Op)"): faults read "source: where: problem" and
-  // the layer keeps it as its origin.
-  GraphMapper(std::string source, int w, int h, int c) : _src(std::move(source)), _in_w(w), _in_h(h), _in_c(c) {}
+  // `source` names the file in faults. Every `where` below names the node ("node 'n' (Op)"):
+  // faults read "source: where: problem" and the layer keeps it as its origin.
+  explicit GraphMapper(std::string source) : _src(std::move(source)) {}
+  // The network input, w x h x c: layer -1.
+  void setInput(int w, int h, int c) { _in_w = w, _in_h = h, _in_c = c; }
 
   int lastIndex() const { return (int)_layers.size() - 1; }
   int size() const { return (int)_layers.size(); }
@@ -97,7 +98,8 @@ class GraphMapper {
   }
 
   std::string _src;
-  int _in_w, _in_h, _in_c;
+  int _in_w = 0, _in_h = 0, _in_c = 0;
+  int _copy_of = -1;  // the layer the last layer copies (a one-source route), -1 if none
   std::vector<Emitted> _layers;
 };
 

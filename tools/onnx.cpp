@@ -119,7 +119,8 @@ class Importer {
                            " is not fixed in 1..8192");
     const int c = (int)d[1], h = d.size() == 4 ? (int)d[2] : 1, w = d.size() >= 3 ? (int)d[d.size() - 1] : 1;
     _batch = d[0] > 0 ? d[0] : -1;
-    _mapper.reset(new GraphMapper(_src, w, h, c));
+    _mapper.reset(new GraphMapper(_src));
+    _mapper->setInput(w, h, c);
     Val v;
     v.m.layer = -1;
     v.m.w = w, v.m.h = h, v.m.c = c;

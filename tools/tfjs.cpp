@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "graph_mapper.h"
 #include "weights_manifest.h"
 
 namespace fs = std::filesystem;
@@ -71,20 +72,10 @@ struct Value {
   bool padded = false;
 };
 
-struct Emitted {
-  std::string text;  // section header and keys, without the activation line
-  std::string act;   // activation of a convolution ("" for other layers)
-  bool conv = false;
-  int filters = 0;
-  std::vector<float> bias, weights;
-  LayerShape shape;
-  std::string origin;
-};
-
 class Importer {
  public:
   Importer(const json& doc, std::map<std::string, Tensor> weights, const std::string& src, const TfjsOptions& opt)
-      : _src(src), _opt(opt), _weights(std::move(weights)) {
+      : _src(src), _opt(opt), _weights(std::move(weights)), _map(src) {
     const json& nodes = doc.at("modelTopology").at("node");
     if (!nodes.is_array() || nodes.size() > kMaxNodes) throw ConvertError(src + ": modelTopology.node is not a list");
     for (const json& n : nodes) {
@@ -128,21 +119,7 @@ class Importer {
       if (v.k || v.layer < 0) throw ConvertError(_src + ": the output '" + outs[0] + "' is not computed by a layer");
       last(v, node(outs[0]));
     }
-    ConvertedModel m;
-    std::ostringstream cfg;
-    cfg << "# Converted by orva convert --tfjs from " << fs::path(_src).filename().string() << "\n"
-        << "[network]\nwidth=" << _in_w << "\nheight=" << _in_h << "\nchannels=3\n\n";
-    for (const Emitted& e : _layers) {
-      cfg << e.text;
-      if (e.conv) cfg << "activation=" << e.act << "\n";
-      cfg << "\n";
-      m.weights.insert(m.weights.end(), e.bias.begin(), e.bias.end());
-      m.weights.insert(m.weights.end(), e.weights.begin(), e.weights.end());
-      m.origin.push_back(e.origin);
-      m.shapes.push_back(e.shape);
-    }
-    m.cfg = cfg.str();
-    return m;
+    return _map.finish("Converted by orva convert --tfjs from " + fs::path(_src).filename().string());
   }
 
  private:
@@ -153,7 +130,7 @@ class Importer {
   std::vector<std::string> _order, _outputs;
   std::map<std::string, std::set<std::string>> _consumers;
   std::map<std::string, Value> _values;
-  std::vector<Emitted> _layers;
+  GraphMapper _map;
   int _in_w = 0, _in_h = 0;
   bool _input_read = false;
 
@@ -302,31 +279,31 @@ class Importer {
     return false;
   }
 
-  // ---- emission ----
-  int last_index() const { return (int)_layers.size() - 1; }
-  int emit(Emitted e) {
-    _layers.push_back(std::move(e));
-    return last_index();
+  // ---- emission, through the shared mapper ----
+  static std::string where(const Node& n) { return "node '" + n.name + "' (" + n.op + ")"; }
+  static MapValue map_value(const Value& v) {
+    MapValue m;
+    m.layer = v.layer;
+    m.w = v.w, m.h = v.h, m.c = v.c;
+    return m;
+  }
+  static Value layer_value(const MapValue& m) {
+    Value v;
+    v.layer = m.layer;
+    v.w = m.w, v.h = m.h, v.c = m.c;
+    return v;
   }
   Value layer_value(int layer, int w, int h, int c) const {
     Value v;
     v.layer = layer;
-    v.w = w;
-    v.h = h;
-    v.c = c;
+    v.w = w, v.h = h, v.c = c;
     return v;
   }
   // Makes v the previous layer's output, with a one-source route when it is not.
   void last(const Value& v, const Node& n) {
     if (v.k) throw fault(n, "a constant where a feature map is expected");
     if (v.padded) throw fault(n, "an explicit Pad is followed only by a convolution here");
-    if (v.layer == last_index()) return;
-    if (v.layer < 0) throw fault(n, "the network input is read by more than one layer");
-    Emitted e;
-    e.text = "[route]\nlayers=" + std::to_string(v.layer) + "\n";
-    e.shape = {v.w, v.h, v.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ") reading an earlier layer";
-    emit(std::move(e));
+    _map.last(map_value(v), where(n));
   }
   Value feature(const std::string& name, const Node& user, int depth) {
     const Value v = get(name, depth + 1);
@@ -339,25 +316,14 @@ class Importer {
   Value activate(const std::string& x, const char* act, const Node& n, const std::set<std::string>& inside, int depth) {
     Value v = feature(x, n, depth);
     last(v, n);
-    Emitted& prev = _layers.back();
-    if (!v.padded && v.layer == last_index() && prev.conv && prev.act == "linear" && consumed_only_by(x, inside)) {
-      prev.act = act;
-      return layer_value(last_index(), v.w, v.h, v.c);
-    }
-    Emitted e;
-    e.text = std::string("[activation]\nactivation=") + act + "\n";
-    e.shape = {v.w, v.h, v.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), v.w, v.h, v.c);
+    return layer_value(_map.activation(map_value(v), act, consumed_only_by(x, inside), where(n)));
   }
 
   // The convolution computing x, when a constant can be folded into it: x is the previous
   // layer, a linear convolution, read by nothing but n.
-  Emitted* foldable(const Value& x, const std::string& xname, const Node& n) {
-    if (x.k || x.padded || x.layer < 0 || x.layer != last_index()) return nullptr;
-    Emitted& e = _layers.back();
-    if (!e.conv || e.act != "linear" || !consumed_only_by(xname, {n.name})) return nullptr;
-    return &e;
+  bool foldable(const Value& x, const std::string& xname, const Node& n, GraphMapper::Linear* l) {
+    if (x.k || x.padded) return false;
+    return _map.linearProducer(map_value(x), consumed_only_by(xname, {n.name}), l);
   }
 
   Value get(const std::string& name, int depth) {
@@ -423,6 +389,7 @@ class Importer {
       throw fault(n, "the input size is not fixed; give it with --input-size");
     if (_input_read) throw fault(n, "a second input");
     _input_read = true;
+    _map.setInput(_in_w, _in_h, 3);
     return layer_value(-1, _in_w, _in_h, 3);
   }
 
@@ -478,59 +445,47 @@ class Importer {
       ow = (x.w + pl + pr - k) / s + 1;
       if (x.h + pt + pb < k || x.w + pl + pr < k) throw fault(n, "the filter is larger than the padded input");
     }
-    // The engine pads every side alike. One more row and column on one side is reached by a
-    // kernel one larger with a zero first (or last) row and column, placed so each output
-    // reads the same inputs.
-    if (pt != pl || pb != pr) throw fault(n, "different borders across and down");
-    int K = k, off = 0, p = pt;
-    if (pb == pt + 1) {
-      K = k + 1, off = 1, p = pb;
-    } else if (pt == pb + 1) {
-      K = k + 1, off = 0, p = pt;
-    } else if (pt != pb) {
-      throw fault(n, "borders " + std::to_string(pt) + " and " + std::to_string(pb) + " differ by more than one");
-    }
     if (_opt.input_scale <= 0 || !std::isfinite(_opt.input_scale)) throw fault(n, "input scale must be positive");
     const float gain = x.layer < 0 ? _opt.input_scale : 1.f;
 
-    Emitted e;
-    e.conv = true;
-    e.act = "linear";
-    e.filters = co;
-    const int groups = depthwise ? ci : 1, per_group = depthwise ? 1 : ci;
-    e.bias.assign(co, 0.f);
-    e.weights.assign((size_t)co * per_group * K * K, 0.f);
+    // Filters from HWIO (depthwise: HW x channels) to OIHW.
+    ConvSpec spec;
+    spec.out = co;
+    spec.k = k;
+    spec.stride = s;
+    spec.groups = depthwise ? ci : 1;
+    spec.pad_top = pt, spec.pad_bottom = pb, spec.pad_left = pl, spec.pad_right = pr;
+    const int per_group = depthwise ? 1 : ci;
+    spec.filters.assign((size_t)co * per_group * k * k, 0.f);
     for (int fo = 0; fo < co; ++fo)
       for (int c = 0; c < per_group; ++c)
         for (int ky = 0; ky < k; ++ky)
           for (int kx = 0; kx < k; ++kx) {
             const size_t src = depthwise ? ((size_t)ky * k + kx) * ci + fo : (((size_t)ky * k + kx) * ci + c) * co + fo;
-            e.weights[(((size_t)fo * per_group + c) * K + ky + off) * K + kx + off] = f->values[src] * gain;
+            spec.filters[(((size_t)fo * per_group + c) * k + ky) * k + kx] = f->values[src] * gain;
           }
     // Fused operations: a bias, then at most one activation.
+    const char* act = nullptr;
     if (fused) {
       const std::vector<std::string> ops = attr_strs(n, "fused_ops");
       size_t i = 0;
       if (i < ops.size() && ops[i] == "BiasAdd") {
         const Tensor* b = n.in.size() > 2 ? constant(n.in[2]) : nullptr;
         if (!b || b->size() != (size_t)co) throw fault(n, "the bias is not a constant of " + std::to_string(co));
-        e.bias = b->values;
+        spec.bias = b->values;
         ++i;
       }
       if (i < ops.size() && (ops[i] == "Relu" || ops[i] == "Relu6")) {
-        e.act = ops[i] == "Relu" ? "relu" : "relu6";
+        act = ops[i] == "Relu" ? "relu" : "relu6";
         ++i;
       }
       if (i != ops.size()) throw fault(n, "fused operation " + ops[i] + " is not supported");
     }
     last(x, n);
-    std::ostringstream t;
-    t << "[convolution]\nfilters=" << co << "\nsize=" << K << "\nstride=" << s << "\npad=" << p << "\n";
-    if (groups > 1) t << "groups=" << groups << "\n";
-    e.text = t.str();
-    e.shape = {ow, oh, co};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), ow, oh, co);
+    MapValue m = _map.convolution(map_value(x), std::move(spec), where(n));
+    if (act) m = _map.activation(m, act, true, where(n));
+    if (m.w != ow || m.h != oh) throw fault(n, "the engine's output size differs from the graph's");
+    return layer_value(m);
   }
 
   Value add(const Node& n, int depth) {
@@ -541,28 +496,14 @@ class Importer {
       const Value& x = a.k ? b : a;
       const Tensor* t = a.k ? a.k : b.k;
       const std::string& xname = a.k ? n.in[1] : n.in[0];
-      Emitted* e = foldable(x, xname, n);
-      if (!e || (t->size() != 1 && t->size() != (size_t)e->filters))
+      GraphMapper::Linear l;
+      if (!foldable(x, xname, n, &l) || (t->size() != 1 && t->size() != (size_t)l.filters))
         throw fault(n, "a constant is added only right after a linear convolution that nothing else reads");
-      for (int f = 0; f < e->filters; ++f) e->bias[f] += t->values[t->size() == 1 ? 0 : f];
+      for (int f = 0; f < l.filters; ++f) (*l.bias)[f] += t->values[t->size() == 1 ? 0 : f];
       return x;
     }
-    if (a.w != b.w || a.h != b.h || a.c != b.c)
-      throw fault(n, "a sum of maps of different shapes (" + std::to_string(a.w) + " x " + std::to_string(a.h) + " x " +
-                         std::to_string(a.c) + " and " + std::to_string(b.w) + " x " + std::to_string(b.h) + " x " +
-                         std::to_string(b.c) + ")");
-    const Value* from = &b;
-    if (b.layer == last_index()) {
-      from = &a;
-    } else {
-      last(a, n);
-    }
-    if (from->layer < 0) throw fault(n, "the network input can't be added to");
-    Emitted e;
-    e.text = "[shortcut]\nfrom=" + std::to_string(from->layer) + "\n";
-    e.shape = {a.w, a.h, a.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), a.w, a.h, a.c);
+    if (a.padded || b.padded) throw fault(n, "an explicit Pad is followed only by a convolution here");
+    return layer_value(_map.shortcut(map_value(a), map_value(b), where(n)));
   }
 
   Value mul(const Node& n, int depth) {
@@ -572,14 +513,14 @@ class Importer {
     if (a.k || b.k) {
       const Value& x = a.k ? b : a;
       const Tensor* t = a.k ? a.k : b.k;
-      Emitted* e = foldable(x, a.k ? n.in[1] : n.in[0], n);
-      if (!e || (t->size() != 1 && t->size() != (size_t)e->filters))
+      GraphMapper::Linear l;
+      if (!foldable(x, a.k ? n.in[1] : n.in[0], n, &l) || (t->size() != 1 && t->size() != (size_t)l.filters))
         throw fault(n, "a product with a constant only right after a linear convolution that nothing else reads");
-      const size_t per = e->weights.size() / e->filters;
-      for (int f = 0; f < e->filters; ++f) {
+      const size_t per = l.weights->size() / l.filters;
+      for (int f = 0; f < l.filters; ++f) {
         const float m = t->values[t->size() == 1 ? 0 : f];
-        e->bias[f] *= m;
-        for (size_t i = 0; i < per; ++i) e->weights[f * per + i] *= m;
+        (*l.bias)[f] *= m;
+        for (size_t i = 0; i < per; ++i) (*l.weights)[f * per + i] *= m;
       }
       return x;
     }
@@ -590,33 +531,21 @@ class Importer {
     const Value& factors = a_factors ? a : b;
     const Value& features = a_factors ? b : a;
     last(factors, n);
-    if (features.layer < 0) throw fault(n, "the network input can't be scaled");
-    Emitted e;
-    e.text = "[attention]\nfrom=" + std::to_string(features.layer) + "\n";
-    e.shape = {features.w, features.h, features.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), features.w, features.h, features.c);
+    if (features.padded) throw fault(n, "an explicit Pad is followed only by a convolution here");
+    return layer_value(_map.attention(map_value(features), map_value(factors), where(n)));
   }
 
   Value concat(const Node& n, int depth) {
     if (n.in.size() < 2) throw fault(n, "expected maps and an axis");
     float axis;
     if (!scalar(n.in.back(), &axis) || (axis != 3 && axis != -1)) throw fault(n, "only the channel axis is supported");
-    std::string layers;
-    Value out;
-    out.c = 0;
+    std::vector<MapValue> parts;
     for (size_t i = 0; i + 1 < n.in.size(); ++i) {
       const Value v = feature(n.in[i], n, depth);
       if (v.padded || v.layer < 0) throw fault(n, "input '" + n.in[i] + "' is not a layer's output");
-      if (i > 0 && (v.w != out.w || v.h != out.h)) throw fault(n, "maps of different sizes");
-      out.w = v.w, out.h = v.h, out.c += v.c;
-      layers += (i ? "," : "") + std::to_string(v.layer);
+      parts.push_back(map_value(v));
     }
-    Emitted e;
-    e.text = "[route]\nlayers=" + layers + "\n";
-    e.shape = {out.w, out.h, out.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), out.w, out.h, out.c);
+    return layer_value(_map.route(parts, where(n)));
   }
 
   // The mean of each plane, as a per-channel convolution over the whole plane: its products
@@ -631,17 +560,7 @@ class Importer {
       throw fault(n, "only the mean over height and width with keep_dims is supported");
     if (x.w != x.h) throw fault(n, "the mean of a plane that is not square");
     last(x, n);
-    Emitted e;
-    e.conv = true;
-    e.act = "linear";
-    e.filters = x.c;
-    e.bias.assign(x.c, 0.f);
-    e.weights.assign((size_t)x.c * x.w * x.h, 1.f / ((float)x.w * x.h));
-    e.text = "[convolution]\nfilters=" + std::to_string(x.c) + "\nsize=" + std::to_string(x.w) +
-             "\nstride=" + std::to_string(x.w) + "\npad=0\ngroups=" + std::to_string(x.c) + "\n";
-    e.shape = {1, 1, x.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), 1, 1, x.c);
+    return layer_value(_map.globalAvgpool(map_value(x), where(n)));
   }
 
   Value resize(const Node& n, int depth) {
@@ -656,19 +575,7 @@ class Importer {
     const bool align = attr_bool(n, "align_corners"), half = attr_bool(n, "half_pixel_centers");
     if (align && half) throw fault(n, "align_corners and half_pixel_centers together");
     last(x, n);
-    std::ostringstream t;
-    t << "[resize]\n";
-    if (ow % x.w == 0 && oh % x.h == 0 && ow / x.w == oh / x.h)
-      t << "stride=" << ow / x.w << "\n";
-    else
-      t << "width=" << ow << "\nheight=" << oh << "\n";
-    if (align) t << "align_corners=1\n";
-    if (half) t << "half_pixel=1\n";
-    Emitted e;
-    e.text = t.str();
-    e.shape = {ow, oh, x.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), ow, oh, x.c);
+    return layer_value(_map.resize(map_value(x), ow, oh, align ? "align_corners" : half ? "half_pixel" : "", where(n)));
   }
 
   Value maxpool(const Node& n, int depth) {
@@ -695,11 +602,7 @@ class Importer {
     if ((x.h + 2 * pt) / s != oh || (x.w + 2 * pt) / s != ow)
       throw fault(n, "this window, stride and padding give a different output size in the engine");
     last(x, n);
-    Emitted e;
-    e.text = "[maxpool]\nsize=" + std::to_string(k) + "\nstride=" + std::to_string(s) + "\npad=" + std::to_string(pt) + "\n";
-    e.shape = {ow, oh, x.c};
-    e.origin = "node '" + n.name + "' (" + n.op + ")";
-    return layer_value(emit(std::move(e)), ow, oh, x.c);
+    return layer_value(_map.maxpool(map_value(x), k, s, pt, false, where(n)));
   }
 
   Value pad(const Node& n, int depth) {
@@ -745,26 +648,19 @@ class Importer {
 
     const Value cls = feature(sig.in[0], sig, 0);
     last(cls, sig);
-    const int cls_layer = last_index();
+    const int cls_layer = _map.lastIndex();
     const Value wh = feature(box_map, *box, 0);
     if (wh.c != 4) throw fault(*box, "the box map has " + std::to_string(wh.c) + " channels, not 4");
     if (wh.w != cls.w || wh.h != cls.h) throw fault(*box, "the box map and the heat map differ in size");
     if (wh.layer < 0 || wh.padded) throw fault(*box, "the box map is not a layer's output");
     if (_in_w % cls.w || _in_h % cls.h || _in_w / cls.w != _in_h / cls.h)
       throw fault(sig, "the heat map is not the input divided by a whole stride");
-    Emitted r;
-    r.text = "[route]\nlayers=" + std::to_string(cls_layer) + "," + std::to_string(wh.layer) + "\n";
-    r.shape = {cls.w, cls.h, cls.c + 4};
-    r.origin = "heat map and box map together";
-    emit(std::move(r));
+    _map.raw("[route]\nlayers=" + std::to_string(cls_layer) + "," + std::to_string(wh.layer) + "\n",
+             {cls.w, cls.h, cls.c + 4}, "heat map and box map together");
     std::ostringstream t;
     t << "[centernet]\nclasses=" << cls.c << "\nstride=" << _in_w / cls.w << "\nscale=" << scale
       << "\npeak=" << ks[1] << "\ntopk=" << (int)kk << "\n";
-    Emitted h;
-    h.text = t.str();
-    h.shape = {cls.w, cls.h, cls.c + 4};
-    h.origin = "node '" + topk.name + "' (" + topk.op + ") and the decoding around it";
-    emit(std::move(h));
+    _map.raw(t.str(), {cls.w, cls.h, cls.c + 4}, "node '" + topk.name + "' (" + topk.op + ") and the decoding around it");
   }
 };
 
