@@ -225,7 +225,7 @@ Tensor read_tensor(Reader r, const ExternalReader* external) {
   if (!esize) r.fail(what + ": data type " + std::to_string(t.data_type) + " is not a number type the importer reads");
   if (external_data) {
     if (location.empty()) r.fail(what + ": external data without a location");
-    if (!external) r.fail(what + ": external data where none can be read");
+    if (!external || !*external) r.fail(what + ": external data where none can be read");
     std::string file = (*external)(location);
     if (ext_offset < 0 || (uint64_t)ext_offset > file.size())
       r.fail(what + ": external offset " + std::to_string(ext_offset) + " past the end of " + location);
