@@ -2,8 +2,8 @@
 # Runs one libFuzzer target for a bounded time:
 #   scripts/fuzz.sh TARGET SECONDS [libFuzzer flags...]
 # TARGET: description (the description reader), network (the builder from a description),
-# model (the model-file loader), weights (the weights-only loader) or tfjs (the TF.js
-# graph-model importer of the orva program). The targets are built
+# model (the model-file loader), weights (the weights-only loader), tfjs (the TF.js
+# graph-model importer of the orva program) or onnx (its ONNX importer and .npy reader). The targets are built
 # with clang, AddressSanitizer and UndefinedBehaviorSanitizer in build-asan/ (shared with
 # scripts/sanitize.sh). The corpus is build-asan/fuzz/corpus/TARGET, seeded by the target itself
 # on first use; findings land in build-asan/fuzz/findings/TARGET and fail the run.
@@ -12,7 +12,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 target=${1:?usage: scripts/fuzz.sh TARGET SECONDS [libFuzzer flags]}
 seconds=${2:-60}
 shift $(( $# < 2 ? $# : 2 ))
-case $target in description|network|model|weights|tfjs) ;; *) echo "fuzz: unknown target $target" >&2; exit 2 ;; esac
+case $target in description|network|model|weights|tfjs|onnx) ;; *) echo "fuzz: unknown target $target" >&2; exit 2 ;; esac
 dir=${ORVA_ASAN_BUILD_DIR:-$root/build-asan}
 [ -f "$dir/CMakeCache.txt" ] || ORVA_SANITIZE_BACKENDS=host "$root/scripts/sanitize.sh" --configure-only
 cmake --build "$dir" -j "${ORVA_JOBS:-2}" --target "fuzz_$target" >/dev/null

@@ -34,7 +34,7 @@ if [ ! -d "$data" ]; then
 fi
 [ -x "$orva" ] || { echo "onnx_conformance: no program at $orva (build the orva_cli target)" >&2; exit 2; }
 # Debian's python3-onnx lives in the system interpreter.
-exec /usr/bin/python3 - "$data" "$orva" "${args[@]+"${args[@]}"}" <<'PY'
+exec /usr/bin/python3 -u - "$data" "$orva" "${args[@]+"${args[@]}"}" <<'PY'
 import collections, fnmatch, os, subprocess, sys, tempfile
 import numpy as np
 import onnx

@@ -18,6 +18,8 @@ pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools g
        gstreamer1.0-plugins-good)
 # the Python module and its tests (cv2 for the README's Python example)
 pkgs+=(python3-dev pybind11-dev python3-numpy python3-pytest python3-opencv)
+# the ONNX project's test cases and the reader the conformance script compares with
+pkgs+=(python3-onnx libonnx-testdata)
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 apt_install() {

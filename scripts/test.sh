@@ -10,6 +10,9 @@ jobs=${ORVA_JOBS:-2}
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" -DORVA_BUILD_BENCH=ON
 (cd "${ORVA_BUILD_DIR:-$root/build}" && ctest --output-on-failure -j "$jobs" --timeout 900)
+# A handful of the ONNX project's test cases through convert --onnx and run (the whole set:
+# scripts/onnx_conformance.sh on its own).
+"$root/scripts/onnx_conformance.sh" --quick --orva "${ORVA_BUILD_DIR:-$root/build}/tools/orva"
 # The installed tree: examples/ built against it with find_package and with pkg-config.
 "$root/scripts/install_test.sh"
 
@@ -39,7 +42,7 @@ fi
 # leaves this block out.
 if [ "${ORVA_SKIP_HARDENING:-0}" != 1 ]; then
   "$root/scripts/sanitize.sh"
-  for target in description network model weights tfjs; do
+  for target in description network model weights tfjs onnx; do
     "$root/scripts/fuzz.sh" "$target" "${ORVA_CI_FUZZ_SECONDS:-30}" -seed=1 -runs="${ORVA_CI_FUZZ_RUNS:-20000}"
   done
 fi

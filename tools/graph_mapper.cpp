@@ -6,6 +6,9 @@ namespace orvacli {
 
 namespace {
 
+constexpr int64_t kMaxMapValues = int64_t(1) << 28;
+constexpr int kMaxLayers = 4096;
+
 std::string shape_text(int w, int h, int c) {
   return std::to_string(w) + " x " + std::to_string(h) + " x " + std::to_string(c);
 }
@@ -13,6 +16,11 @@ std::string shape_text(int w, int h, int c) {
 }  // namespace
 
 MapValue GraphMapper::emit(Emitted e, const std::string& where) {
+  // The engine's own bounds, checked here so a hostile file can't ask for more memory first.
+  if ((int64_t)e.shape.w * e.shape.h * e.shape.c > kMaxMapValues || e.shape.w < 1 || e.shape.h < 1 || e.shape.c < 1)
+    throw fault(where, "an output of " + shape_text(e.shape.w, e.shape.h, e.shape.c) + " (empty, or more than " +
+                           std::to_string(kMaxMapValues) + " values)");
+  if (size() >= kMaxLayers) throw fault(where, "more than " + std::to_string(kMaxLayers) + " layers");
   e.origin = where;
   _copy_of = -1;
   MapValue v;
@@ -211,10 +219,10 @@ MapValue GraphMapper::avgpool(const MapValue& x, int k, int stride, int pad, con
 }
 
 // A square plane's mean as a per-channel convolution over the whole plane: its products are
-// summed in float, where a long sum in half would lose the small terms. Other planes go to
-// the global avgpool.
+// summed in float, where a long sum in half would lose the small terms. Other planes (and
+// maps too large for a filter of their own size) go to the global avgpool.
 MapValue GraphMapper::globalAvgpool(const MapValue& x, const std::string& where) {
-  if (x.w != x.h) {
+  if (x.w != x.h || (int64_t)x.w * x.h * x.c > (1 << 22)) {
     last(x, where);
     Emitted e;
     e.text = "[avgpool]\nsize=0\n";

@@ -80,7 +80,8 @@ class Importer {
     auto it = _vals.find(out);
     if (it == _vals.end()) throw ConvertError(_src + ": the output '" + out + "' is computed by no node");
     if (it->second.is_const) throw ConvertError(_src + ": the output '" + out + "' is a constant");
-    if (_mapper->size() == 0) throw ConvertError(_src + ": the output '" + out + "' is the input: nothing to compute");
+    if (_mapper->size() == 0)  // the graph only passes its input on (Identity, Dropout, Flatten)
+      _mapper->activation(it->second.m, "linear", false, "output '" + out + "'");
     _mapper->last(it->second.m, "output '" + out + "'");
     return _mapper->finish("Converted by orva convert --onnx from " + fs::path(_src).filename().string());
   }
