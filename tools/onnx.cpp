@@ -370,7 +370,9 @@ class Importer {
     if (op == "BatchNormalization") return batchnorm(n);
     if (op == "LeakyRelu") {
       const float alpha = attr_f(n, "alpha", 0.01f);
-      if (std::fabs(alpha - 0.1f) < 1e-6f) return activation(n, "leaky");
+      // The engine's leaky slope is 0.1 in half precision (0.0999755859375): exporters of
+      // engine networks write that value.
+      if (std::fabs(alpha - 0.1f) < 5e-5f) return activation(n, "leaky");
       const Val& x = map_in(n, 0);
       return set_map(n, _mapper->dynact(x.m, std::vector<float>(x.m.c, alpha), where(n)), x.dims);
     }
