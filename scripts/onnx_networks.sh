@@ -126,7 +126,10 @@ for name, side, layers in NETWORKS:
     ort_text = 'not installed (bench/peer_setup.sh)'
     if os.path.isdir(ort_dir):
         x.tofile(os.path.join(d, 'x.f32'))
-        run(['node', '-e', ORT_JS, ort_dir, onnx_path, os.path.join(d, 'x.f32'), os.path.join(d, 'ort.f32'),
+        js = os.path.join(tmp, 'ort_run.js')
+        with open(js, 'w') as f:
+            f.write(ORT_JS)
+        run(['node', js, ort_dir, onnx_path, os.path.join(d, 'x.f32'), os.path.join(d, 'ort.f32'),
              '1', '3', str(side), str(side)])
         peer = np.fromfile(os.path.join(d, 'ort.f32'), np.float32)
         r2, b2 = distance(imported, peer)
