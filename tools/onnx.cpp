@@ -80,9 +80,10 @@ class Importer {
     auto it = _vals.find(out);
     if (it == _vals.end()) throw ConvertError(_src + ": the output '" + out + "' is computed by no node");
     if (it->second.is_const) throw ConvertError(_src + ": the output '" + out + "' is a constant");
+    MapValue y = it->second.m;
     if (_mapper->size() == 0)  // the graph only passes its input on (Identity, Dropout, Flatten)
-      _mapper->activation(it->second.m, "linear", false, "output '" + out + "'");
-    _mapper->last(it->second.m, "output '" + out + "'");
+      y = _mapper->activation(y, "linear", false, "output '" + out + "'");
+    _mapper->last(y, "output '" + out + "'");
     return _mapper->finish("Converted by orva convert --onnx from " + fs::path(_src).filename().string());
   }
 
