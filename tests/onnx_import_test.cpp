@@ -237,7 +237,7 @@ TEST(OnnxImport, ClassifierMatchesItsGraph) {
   expect_near(layer_output(net, 3), z.v);
 }
 
-// The branches of a feature pyramid: a sum of two maps, channel attention from a sigmoid of
+// The branches of a feature pyramid: zeros padded before a convolution, a sum of two maps, channel attention from a sigmoid of
 // the global mean, a concatenation, nearest enlargement, x * sigmoid(x), depth to space and
 // a bilinear resize with half-pixel centres.
 TEST(OnnxImport, BranchesMatchTheirGraph) {
@@ -246,7 +246,8 @@ TEST(OnnxImport, BranchesMatchTheirGraph) {
   Graph g;
   g.in_dims = {1, 2, 6, 6};
   g.opset = 11;
-  g.nodes = {node("Conv", {"x", "wa"}, "a", {attr("auto_pad", std::string("SAME_UPPER"))}),
+  g.nodes = {node("Pad", {"x", "pads"}, "xp"),
+             node("Conv", {"xp", "wa"}, "a"),
              node("Conv", {"a", "wb"}, "b"),
              node("Add", {"a", "b"}, "s"),
              node("GlobalAveragePool", {"s"}, "m"),
@@ -258,7 +259,7 @@ TEST(OnnxImport, BranchesMatchTheirGraph) {
              node("Mul", {"up", "sg"}, "sw"),
              node("DepthToSpace", {"sw"}, "d2s", {attr("blocksize", (int64_t)2)}),
              node("Resize", {"d2s", "", "", "sizes"}, "y", {attr("mode", std::string("linear"))})};
-  g.inits = {tensor("wa", {8, 2, 3, 3}, wa), tensor("wb", {8, 8, 1, 1}, wb), tensor("up_scales", {4}, {1, 1, 2, 2}),
+  g.inits = {tensor("pads", {8}, {0, 0, 1, 1, 0, 0, 1, 1}), tensor("wa", {8, 2, 3, 3}, wa), tensor("wb", {8, 8, 1, 1}, wb), tensor("up_scales", {4}, {1, 1, 2, 2}),
              tensor("sizes", {4}, {1, 4, 20, 30})};
   T x{2, 6, 6, randoms(2 * 6 * 6, gen)};
 

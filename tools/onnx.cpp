@@ -31,6 +31,8 @@ struct Val {
   Tensor k;
   MapValue m;
   Dims dims;
+  int pad[4] = {0, 0, 0, 0};  // zeros of a Pad still to add around m (top, left, bottom, right)
+  bool padded = false;
 };
 
 int64_t product(const Dims& d, size_t from = 0) {
@@ -80,6 +82,7 @@ class Importer {
     auto it = _vals.find(out);
     if (it == _vals.end()) throw ConvertError(_src + ": the output '" + out + "' is computed by no node");
     if (it->second.is_const) throw ConvertError(_src + ": the output '" + out + "' is a constant");
+    if (it->second.padded) throw ConvertError(_src + ": the output '" + out + "' is a Pad's (only a convolution may follow one)");
     MapValue y = it->second.m;
     if (_mapper->size() == 0)  // the graph only passes its input on (Identity, Dropout, Flatten)
       y = _mapper->activation(y, "linear", false, "output '" + out + "'");
@@ -212,14 +215,15 @@ class Importer {
     if (!t) throw fault(n, std::string("the ") + what + " is not a constant");
     return *t;
   }
-  const Val& map_in(const Node& n, size_t i) const {
+  const Val& map_in(const Node& n, size_t i, bool padded_ok = false) const {
     const Val& v = in(n, i);
     if (v.is_const) throw fault(n, "input '" + n.in[i] + "' is a constant where a feature map is expected");
+    if (v.padded && !padded_ok) throw fault(n, "input '" + n.in[i] + "' comes from a Pad, which only a convolution may follow");
     return v;
   }
   // A map laid out as the engine holds it: (N, C, H, W) with the layer's own shape.
-  const Val& spatial(const Node& n, size_t i) const {
-    const Val& v = map_in(n, i);
+  const Val& spatial(const Node& n, size_t i, bool padded_ok = false) const {
+    const Val& v = map_in(n, i, padded_ok);
     if (v.dims.size() == 3) throw fault(n, "a 1-D operation (the engine's layers are 2-D)");
     if (v.dims.size() != 4 || v.dims[1] != v.m.c || v.dims[2] != v.m.h || v.dims[3] != v.m.w)
       throw fault(n, "expects a map (N, C, H, W); this one is " + dims_text(v.dims));
@@ -425,6 +429,7 @@ class Importer {
       for (int64_t d : x.dims) t.values.push_back(d < 0 ? 0.f : (float)d);  // an open batch: 0, "keep" for Reshape
       return set_const(n, std::move(t));
     }
+    if (op == "Pad") return pad(n);
     if (op == "Gather") return gather(n);
     if (op == "Cast") return set_const(n, need_const(n, 0, "input"));
     throw fault(n, "the engine has no layer for this operation");
@@ -478,7 +483,7 @@ class Importer {
   }
 
   void conv(const Node& n) {
-    const Val& x = spatial(n, 0);
+    const Val& x = spatial(n, 0, true);
     const Tensor& w = need_const(n, 1, "filter");
     if (w.dims.size() != 4) throw fault(n, "the filter has " + std::to_string(w.dims.size()) + " dims, not 4");
     if (w.dims[2] != w.dims[3]) throw fault(n, "filter of " + std::to_string(w.dims[2]) + " x " +
@@ -501,9 +506,11 @@ class Importer {
     }
     window(shaped, "kernel_shape", &k, &st, &d);
     int p[4];
+    const std::string ap = attr_s(n, "auto_pad", "NOTSET");
+    if (x.padded && ap != "NOTSET" && ap != "VALID" && !ap.empty()) throw fault(n, "auto_pad " + ap + " after a Pad");
     borders(n, x, k, st, d, p);
     s.k = k, s.stride = st, s.dilation = d;
-    s.pad_top = p[0], s.pad_left = p[1], s.pad_bottom = p[2], s.pad_right = p[3];
+    s.pad_top = p[0] + x.pad[0], s.pad_left = p[1] + x.pad[1], s.pad_bottom = p[2] + x.pad[2], s.pad_right = p[3] + x.pad[3];
     s.filters = w.values;
     if (has_in(n, 2)) {
       const Tensor& b = need_const(n, 2, "bias");
@@ -656,6 +663,8 @@ class Importer {
     const Val& b = in(n, 1);
     const std::string& op = n.op;
     if (a.is_const && b.is_const) return fold_arithmetic(n, a.k, b.k);
+    for (size_t i = 0; i < 2; ++i)
+      if (!in(n, i).is_const) map_in(n, i);  // refuses a Pad's output
     if (!a.is_const && !b.is_const) {
       if (op == "Add") {
         if (a.dims != b.dims) throw fault(n, "a sum of maps of shapes " + dims_text(a.dims) + " and " + dims_text(b.dims));
@@ -756,6 +765,7 @@ class Importer {
 
   // A map seen with other dims: the same values, batch first.
   void view(const Node& n, const Val& x, Dims dims) {
+    if (x.padded) throw fault(n, "a reshape of a Pad's output (only a convolution may follow a Pad)");
     if (dims.empty() || (x.dims[0] >= 0 && dims[0] >= 0 && dims[0] != x.dims[0]))
       throw fault(n, "a reshape that moves values across the batch");
     dims[0] = x.dims[0];
@@ -840,6 +850,35 @@ class Importer {
     }
     if (dims.empty() || dims[0] != x.dims[0]) throw fault(n, "the batch axis would move");
     view(n, x, dims);
+  }
+
+  // Zeros around the height and width, kept with the map for the convolution that follows
+  // (the engine pads inside its convolutions only).
+  void pad(const Node& n) {
+    const Val& x = spatial(n, 0, true);
+    if (attr_s(n, "mode", "constant") != "constant") throw fault(n, "mode " + attr_s(n, "mode", "") + " (only constant zeros)");
+    std::vector<int64_t> pads;
+    float value = 0;
+    if (_model.opset < 11) {
+      pads = attr_ints(n, "pads");
+      value = attr_f(n, "value", 0.f);
+    } else {
+      for (float v : need_const(n, 1, "pads").values) pads.push_back((int64_t)v);
+      if (has_in(n, 2)) {
+        const Tensor& t = need_const(n, 2, "constant value");
+        if (t.size() != 1) throw fault(n, "a constant value that is not one value");
+        value = t.values[0];
+      }
+      if (has_in(n, 3)) throw fault(n, "axes");
+    }
+    if (value != 0) throw fault(n, "padding with " + std::to_string(value) + " (only zeros)");
+    if (pads.size() != 8 || pads[0] || pads[1] || pads[4] || pads[5])
+      throw fault(n, "pads other than around the height and width");
+    Val v = x;
+    const int order[4] = {2, 3, 6, 7};  // top, left, bottom, right
+    for (int i = 0; i < 4; ++i) v.pad[i] += small_int(n, pads[order[i]], "pad", 0, 1024);
+    v.padded = true;
+    set(n, std::move(v));
   }
 
   void gather(const Node& n) {
