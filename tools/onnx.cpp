@@ -733,8 +733,15 @@ class Importer {
     } else {
       if (scales.size() != 4 || scales[0] != 1 || scales[1] != 1) throw fault(n, "scales must be (1, 1, height, width)");
       if (!(scales[2] > 0 && scales[3] > 0 && scales[2] <= 64 && scales[3] <= 64)) throw fault(n, "scales out of range");
-      oh = (int)std::floor(x.m.h * scales[2]);
-      ow = (int)std::floor(x.m.w * scales[3]);
+      // ONNX maps coordinates by the scale itself (and by in x scale - 1 for align_corners);
+      // the engine by the sizes: the same only when in x scale is whole.
+      const double fh = (double)x.m.h * scales[2], fw = (double)x.m.w * scales[3];
+      if (fh != std::floor(fh) || fw != std::floor(fw))
+        throw fault(n, "scales " + std::to_string(scales[2]) + " x " + std::to_string(scales[3]) + " of " +
+                           std::to_string(x.m.w) + " x " + std::to_string(x.m.h) +
+                           " give no whole size (the engine resizes between sizes)");
+      oh = (int)fh;
+      ow = (int)fw;
     }
     if (attr_i(n, "antialias", 0)) throw fault(n, "antialias");
     MapValue m;
