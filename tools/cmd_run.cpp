@@ -14,7 +14,7 @@ using namespace orvacli;
 
 int cmd_run(int argc, char** argv) {
   CLI::App app("Runs a network on a float32 .npy tensor (N first, then the input's C x H x W values) and writes "
-               "the output layer's tensor (N x C x H x W).",
+               "the output layer's tensor (N x C x H x W). -b defaults to N.",
                "orva run");
   ModelOptions o;
   addModelOptions(app, o);

@@ -20,9 +20,11 @@ using onnx::Node;
 using onnx::Tensor;
 using Dims = std::vector<int64_t>;
 
-// Opset 6 (the first PyTorch exports) differs in the subset read here only by the broadcast
-// attributes of the arithmetic, which are honoured.
-constexpr int64_t kMinOpset = 6, kMaxOpset = 17;
+// Before opset 7 (the first PyTorch exports are opset 6; single-operator models may name
+// opset 1) the subset read here differs only by the arithmetic's broadcast attributes,
+// which are honoured; the older forms of Pad, Reshape and Upsample hold their parameters in
+// attributes this reader does not take, and are refused.
+constexpr int64_t kMinOpset = 1, kMaxOpset = 17;
 
 // A graph value: a constant known while converting, or a feature map with its ONNX shape
 // (batch first; -1 where the file leaves the batch open).
@@ -526,6 +528,7 @@ class Importer {
   void batchnorm(const Node& n) {
     only_first_output(n);
     if (attr_i(n, "training_mode", 0) != 0) throw fault(n, "training mode");
+    if (attr_i(n, "spatial", 1) != 1) throw fault(n, "spatial 0 (statistics per position)");
     const Val& x = map_in(n, 0);
     const char* names[4] = {"scale", "bias", "mean", "variance"};
     const Tensor* t[4];
