@@ -133,6 +133,10 @@ for key, path in cases():
     onnx.save(model, onnx_path)
     orva_path = os.path.join(tmp, 'model.orva')
     rc, why = run([orva, 'convert', '--onnx', onnx_path, '-o', orva_path])
+    if rc != 0 and (rc != 1 or not why.startswith('orva convert: ')):
+        failures += 1  # a refusal is status 1 and one line; anything else is a fault
+        print('%-60s FAILED to convert (status %d): %s' % (key, rc, why))
+        continue
     if rc != 0:
         why = why.replace('orva convert: ', '').replace(onnx_path + ': ', '')
         s['refused'][why] += 1

@@ -459,7 +459,7 @@ class Importer {
   }
 
   void activation(const Node& n, const char* act) {
-    if (n.in.size() != 1) throw fault(n, "expected one input");
+    if (n.in.size() != 1 && n.op != "Clip") throw fault(n, "expected one input");
     const Val& x = map_in(n, 0);
     set_map(n, _mapper->activation(x.m, act, only_reader(n, 0), where(n)), x.dims);
   }
