@@ -480,8 +480,8 @@ class Importer {
     if (lo == 0 && hi == 6) return activation(n, "relu6");
     if (lo == -1 && hi == 1) return activation(n, "hardtan");
     if (lo == 0 && hi >= FLT_MAX) return activation(n, "relu");
-    throw fault(n, "bounds " + std::to_string(lo) + " .. " + std::to_string(hi) +
-                       " (the engine clips to 0..6, -1..1 or 0..)");
+    auto bound = [](float v) { return std::fabs(v) >= FLT_MAX ? std::string("none") : std::to_string(v); };
+    throw fault(n, "bounds " + bound(lo) + " .. " + bound(hi) + " (the engine clips to 0..6, -1..1 or 0..)");
   }
 
   void conv(const Node& n) {
