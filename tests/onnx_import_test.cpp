@@ -237,7 +237,8 @@ TEST(OnnxImport, ClassifierMatchesItsGraph) {
   expect_near(layer_output(net, 3), z.v);
 }
 
-// The branches of a feature pyramid: zeros padded before a convolution, a sum of two maps, channel attention from a sigmoid of
+// The branches of a feature pyramid: zeros padded before a convolution, a split of the
+// channels, a sum of two maps, channel attention from a sigmoid of
 // the global mean, a concatenation, nearest enlargement, x * sigmoid(x), depth to space and
 // a bilinear resize with half-pixel centres.
 TEST(OnnxImport, BranchesMatchTheirGraph) {
@@ -246,14 +247,18 @@ TEST(OnnxImport, BranchesMatchTheirGraph) {
   Graph g;
   g.in_dims = {1, 2, 6, 6};
   g.opset = 11;
+  Pb split;  // two outputs, halves of the channels
+  split.s(1, "a").s(2, "a0").s(2, "a1").s(3, "split").s(4, "Split").s(5, attr("axis", (int64_t)1));
+  const std::string split_node = split.b;
   g.nodes = {node("Pad", {"x", "pads"}, "xp"),
              node("Conv", {"xp", "wa"}, "a"),
+             split_node,
              node("Conv", {"a", "wb"}, "b"),
              node("Add", {"a", "b"}, "s"),
              node("GlobalAveragePool", {"s"}, "m"),
              node("Sigmoid", {"m"}, "f"),
              node("Mul", {"s", "f"}, "att"),
-             node("Concat", {"att", "a"}, "cat", {attr("axis", (int64_t)1)}),
+             node("Concat", {"att", "a1", "a0"}, "cat", {attr("axis", (int64_t)1)}),
              node("Resize", {"cat", "", "up_scales"}, "up", {attr("mode", std::string("nearest"))}),
              node("Sigmoid", {"up"}, "sg"),
              node("Mul", {"up", "sg"}, "sw"),
@@ -273,8 +278,9 @@ TEST(OnnxImport, BranchesMatchTheirGraph) {
     for (int i = 0; i < hw; ++i) mean += s.v[c * hw + i] / hw;
     for (int i = 0; i < hw; ++i) s.v[c * hw + i] *= sigmoid(mean);
   }
-  T cat{16, 6, 6, s.v};
-  cat.v.insert(cat.v.end(), a.v.begin(), a.v.end());
+  T cat{16, 6, 6, s.v};  // att, then the second half of a's channels, then the first
+  cat.v.insert(cat.v.end(), a.v.begin() + 4 * hw, a.v.end());
+  cat.v.insert(cat.v.end(), a.v.begin(), a.v.begin() + 4 * hw);
   T up{16, 12, 12, Floats(16 * 144)};
   for (int c = 0; c < 16; ++c)
     for (int yy = 0; yy < 12; ++yy)

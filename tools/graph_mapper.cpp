@@ -193,6 +193,17 @@ MapValue GraphMapper::route(const std::vector<MapValue>& parts, const std::strin
   return emit(std::move(e), where);
 }
 
+MapValue GraphMapper::channelSlice(const MapValue& x, int parts, int part, const std::string& where) {
+  if (x.layer < 0) throw fault(where, "the network input can't be split");
+  if (parts < 1 || parts > 1024 || x.c % parts || part < 0 || part >= parts)
+    throw fault(where, std::to_string(x.c) + " channels in " + std::to_string(parts) + " equal parts");
+  Emitted e;
+  e.text = "[route]\nlayers=" + std::to_string(x.layer) + "\ngroups=" + std::to_string(parts) + "\ngroup_id=" +
+           std::to_string(part) + "\n";
+  e.shape = {x.w, x.h, x.c / parts};
+  return emit(std::move(e), where);
+}
+
 MapValue GraphMapper::maxpool(const MapValue& x, int k, int stride, int pad, bool centred, const std::string& where) {
   if (k < 1 || stride < 1 || pad < 0 || k > 1024 || stride > 1024) throw fault(where, "window or stride out of range");
   if (centred && pad >= k) throw fault(where, "a border as wide as the window");

@@ -62,6 +62,8 @@ class GraphMapper {
   MapValue shortcut(const MapValue& a, const MapValue& b, const std::string& where);
   MapValue attention(const MapValue& features, const MapValue& factors, const std::string& where);
   MapValue route(const std::vector<MapValue>& parts, const std::string& where);
+  // Slice `part` of `parts` equal runs of x's channels.
+  MapValue channelSlice(const MapValue& x, int parts, int part, const std::string& where);
   // Windowed pools with the engine's windows; `centred` picks out = (in + 2 pad - k) / s + 1.
   MapValue maxpool(const MapValue& x, int k, int stride, int pad, bool centred, const std::string& where);
   MapValue avgpool(const MapValue& x, int k, int stride, int pad, const std::string& where);

@@ -258,6 +258,10 @@ class Importer {
                          std::to_string(hi));
     return (int)v;
   }
+  void set_output(const Node& n, size_t i, Val v) {
+    if (i >= n.out.size() || n.out[i].empty()) return;
+    _vals[n.out[i]] = std::move(v);
+  }
   void set(const Node& n, Val v) {
     if (n.out.empty() || n.out[0].empty()) throw fault(n, "no output");
     _vals[n.out[0]] = std::move(v);
@@ -432,6 +436,7 @@ class Importer {
       return set_const(n, std::move(t));
     }
     if (op == "Pad") return pad(n);
+    if (op == "Split") return split(n);
     if (op == "Gather") return gather(n);
     if (op == "Cast") return set_const(n, need_const(n, 0, "input"));
     throw fault(n, "the engine has no layer for this operation");
@@ -860,6 +865,30 @@ class Importer {
     }
     if (dims.empty() || dims[0] != x.dims[0]) throw fault(n, "the batch axis would move");
     view(n, x, dims);
+  }
+
+  // Equal runs of channels, each a grouped route of the map.
+  void split(const Node& n) {
+    const Val& x = map_in(n, 0);
+    if (x.dims.size() < 2 || axis(n, attr_i(n, "axis", 0), x.dims.size()) != 1 || x.dims[1] != x.m.c)
+      throw fault(n, "only a split of the channels (axis 1)");
+    const int parts = (int)n.out.size();
+    std::vector<int64_t> sizes = attr_ints(n, "split");
+    if (has_in(n, 1)) {
+      sizes.clear();
+      for (float v : need_const(n, 1, "split").values) sizes.push_back((int64_t)v);
+    }
+    for (int64_t v : sizes)
+      if (v * parts != x.m.c) throw fault(n, "parts of different sizes (the engine splits into equal runs)");
+    if (parts < 1 || x.m.c % parts) throw fault(n, std::to_string(x.m.c) + " channels in " + std::to_string(parts) + " equal parts");
+    for (int i = 0; i < parts; ++i) {
+      if (n.out[i].empty() || !_readers.count(n.out[i])) continue;
+      Val v;
+      v.m = _mapper->channelSlice(x.m, parts, i, where(n));
+      v.dims = x.dims;
+      v.dims[1] = x.m.c / parts;
+      set_output(n, i, std::move(v));
+    }
   }
 
   // Zeros around the height and width, kept with the map for the convolution that follows
