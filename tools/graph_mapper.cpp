@@ -49,7 +49,7 @@ void GraphMapper::last(const MapValue& v, const std::string& where) {
   _copy_of = v.layer;
 }
 
-MapValue GraphMapper::convolution(const MapValue& x, ConvSpec s, const std::string& where) {
+MapValue GraphMapper::convolution(const MapValue& x, ConvLayer s, const std::string& where) {
   if (s.out < 1 || s.k < 1 || s.stride < 1 || s.dilation < 1 || s.groups < 1) throw fault(where, "empty filter or stride");
   if (x.c % s.groups || s.out % s.groups)
     throw fault(where, std::to_string(s.groups) + " groups do not divide " + std::to_string(x.c) + " input and " +
@@ -141,7 +141,7 @@ MapValue GraphMapper::affine(const MapValue& x, const std::vector<float>& scale,
     }
     return x;
   }
-  ConvSpec s;
+  ConvLayer s;
   s.out = x.c;
   s.groups = x.c;
   s.filters = scale;
@@ -240,7 +240,7 @@ MapValue GraphMapper::globalAvgpool(const MapValue& x, const std::string& where)
     e.shape = {1, 1, x.c};
     return emit(std::move(e), where);
   }
-  ConvSpec s;
+  ConvLayer s;
   s.out = x.c;
   s.groups = x.c;
   s.k = s.stride = x.w;

@@ -19,7 +19,7 @@ struct MapValue {
 };
 
 // A convolution as graph formats give it. Filters are OIHW: [out][in / groups][k][k].
-struct ConvSpec {
+struct ConvLayer {
   int out = 0, k = 1, stride = 1, dilation = 1, groups = 1;
   int pad_top = 0, pad_bottom = 0, pad_left = 0, pad_right = 0;
   std::vector<float> filters;
@@ -42,7 +42,7 @@ class GraphMapper {
 
   // The layers. Each takes its input(s), checks what the engine can express and throws
   // ConvertError otherwise.
-  MapValue convolution(const MapValue& x, ConvSpec spec, const std::string& where);
+  MapValue convolution(const MapValue& x, ConvLayer conv, const std::string& where);
   // Applies an activation: folded into the convolution computing x when `may_fold` (nothing
   // else reads x) and that convolution is still linear, a layer of its own otherwise.
   MapValue activation(const MapValue& x, const std::string& act, bool may_fold, const std::string& where);

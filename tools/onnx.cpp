@@ -495,7 +495,7 @@ class Importer {
     if (w.dims.size() != 4) throw fault(n, "the filter has " + std::to_string(w.dims.size()) + " dims, not 4");
     if (w.dims[2] != w.dims[3]) throw fault(n, "filter of " + std::to_string(w.dims[2]) + " x " +
                                                    std::to_string(w.dims[3]) + ": the engine's kernels are square");
-    ConvSpec s;
+    ConvLayer s;
     s.groups = small_int(n, attr_i(n, "group", 1), "group", 1, 65536);
     s.out = small_int(n, w.dims[0], "filters", 1, 65536);
     if (w.dims[1] * s.groups != x.m.c)

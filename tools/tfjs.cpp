@@ -449,20 +449,20 @@ class Importer {
     const float gain = x.layer < 0 ? _opt.input_scale : 1.f;
 
     // Filters from HWIO (depthwise: HW x channels) to OIHW.
-    ConvSpec spec;
-    spec.out = co;
-    spec.k = k;
-    spec.stride = s;
-    spec.groups = depthwise ? ci : 1;
-    spec.pad_top = pt, spec.pad_bottom = pb, spec.pad_left = pl, spec.pad_right = pr;
+    ConvLayer conv;
+    conv.out = co;
+    conv.k = k;
+    conv.stride = s;
+    conv.groups = depthwise ? ci : 1;
+    conv.pad_top = pt, conv.pad_bottom = pb, conv.pad_left = pl, conv.pad_right = pr;
     const int per_group = depthwise ? 1 : ci;
-    spec.filters.assign((size_t)co * per_group * k * k, 0.f);
+    conv.filters.assign((size_t)co * per_group * k * k, 0.f);
     for (int fo = 0; fo < co; ++fo)
       for (int c = 0; c < per_group; ++c)
         for (int ky = 0; ky < k; ++ky)
           for (int kx = 0; kx < k; ++kx) {
             const size_t src = depthwise ? ((size_t)ky * k + kx) * ci + fo : (((size_t)ky * k + kx) * ci + c) * co + fo;
-            spec.filters[(((size_t)fo * per_group + c) * k + ky) * k + kx] = f->values[src] * gain;
+            conv.filters[(((size_t)fo * per_group + c) * k + ky) * k + kx] = f->values[src] * gain;
           }
     // Fused operations: a bias, then at most one activation.
     const char* act = nullptr;
@@ -472,7 +472,7 @@ class Importer {
       if (i < ops.size() && ops[i] == "BiasAdd") {
         const Tensor* b = n.in.size() > 2 ? constant(n.in[2]) : nullptr;
         if (!b || b->size() != (size_t)co) throw fault(n, "the bias is not a constant of " + std::to_string(co));
-        spec.bias = b->values;
+        conv.bias = b->values;
         ++i;
       }
       if (i < ops.size() && (ops[i] == "Relu" || ops[i] == "Relu6")) {
@@ -482,7 +482,7 @@ class Importer {
       if (i != ops.size()) throw fault(n, "fused operation " + ops[i] + " is not supported");
     }
     last(x, n);
-    MapValue m = _map.convolution(map_value(x), std::move(spec), where(n));
+    MapValue m = _map.convolution(map_value(x), std::move(conv), where(n));
     if (act) m = _map.activation(m, act, true, where(n));
     if (m.w != ow || m.h != oh) throw fault(n, "the engine's output size differs from the graph's");
     return layer_value(m);
