@@ -252,6 +252,12 @@ class Importer {
     const onnx::Attribute* a = n.attr(key);
     return a ? a->ints : std::vector<int64_t>{};
   }
+  // A whole number held in a float tensor (shapes, axes, indexes, pads).
+  int64_t whole(const Node& n, float v, const char* what) const {
+    if (!(v >= -2147483648.f && v <= 2147483647.f) || v != std::floor(v))
+      throw fault(n, std::string(what) + " " + std::to_string(v) + " is not a whole number in range");
+    return (int64_t)v;
+  }
   int small_int(const Node& n, int64_t v, const char* what, int64_t lo = 0, int64_t hi = 8192) const {
     if (v < lo || v > hi)
       throw fault(n, std::string(what) + " " + std::to_string(v) + " out of range " + std::to_string(lo) + ".." +
@@ -736,8 +742,8 @@ class Importer {
       const Tensor& sz = need_const(n, 3, "sizes");
       if (sz.size() != 4 || (sz.values[0] != x.dims[0] && x.dims[0] > 0) || sz.values[1] != x.m.c)
         throw fault(n, "sizes must keep the batch and the channels");
-      oh = small_int(n, (int64_t)sz.values[2], "height", 1, 16384);
-      ow = small_int(n, (int64_t)sz.values[3], "width", 1, 16384);
+      oh = small_int(n, whole(n, sz.values[2], "height"), "height", 1, 16384);
+      ow = small_int(n, whole(n, sz.values[3], "width"), "width", 1, 16384);
     } else {
       if (scales.size() != 4 || scales[0] != 1 || scales[1] != 1) throw fault(n, "scales must be (1, 1, height, width)");
       if (!(scales[2] > 0 && scales[3] > 0 && scales[2] <= 64 && scales[3] <= 64)) throw fault(n, "scales out of range");
@@ -811,7 +817,7 @@ class Importer {
     int minus = -1;
     int64_t known = 1;
     for (size_t i = 0; i < shape.size(); ++i) {
-      int64_t d = (int64_t)shape.values[i];
+      int64_t d = whole(n, shape.values[i], "dim");
       if (d == 0 && i < x.dims.size() && !attr_i(n, "allowzero", 0)) d = x.dims[i];
       if (d == -1) {
         if (minus >= 0) throw fault(n, "two dims of -1");
@@ -820,6 +826,7 @@ class Importer {
         throw fault(n, "dim " + std::to_string(d));
       } else if (i > 0 || x.is_const) {
         known *= d;
+        if (known > (int64_t(1) << 40)) throw fault(n, "a shape of more than 2^40 values");
       }
       dims.push_back(d);
     }
@@ -841,7 +848,7 @@ class Importer {
     std::vector<int64_t> axes = attr_ints(n, "axes");
     if (has_in(n, 1)) {
       axes.clear();
-      for (float v : need_const(n, 1, "axes").values) axes.push_back((int64_t)v);
+      for (float v : need_const(n, 1, "axes").values) axes.push_back(whole(n, v, "axis"));
     }
     Dims dims = x.dims;
     if (n.op == "Unsqueeze") {
@@ -876,10 +883,10 @@ class Importer {
     std::vector<int64_t> sizes = attr_ints(n, "split");
     if (has_in(n, 1)) {
       sizes.clear();
-      for (float v : need_const(n, 1, "split").values) sizes.push_back((int64_t)v);
+      for (float v : need_const(n, 1, "split").values) sizes.push_back(whole(n, v, "part size"));
     }
     for (int64_t v : sizes)
-      if (v * parts != x.m.c) throw fault(n, "parts of different sizes (the engine splits into equal runs)");
+      if (v < 0 || v > x.m.c || v * parts != x.m.c) throw fault(n, "parts of different sizes (the engine splits into equal runs)");
     if (parts < 1 || x.m.c % parts) throw fault(n, std::to_string(x.m.c) + " channels in " + std::to_string(parts) + " equal parts");
     for (int i = 0; i < parts; ++i) {
       if (n.out[i].empty() || !_readers.count(n.out[i])) continue;
@@ -902,7 +909,7 @@ class Importer {
       pads = attr_ints(n, "pads");
       value = attr_f(n, "value", 0.f);
     } else {
-      for (float v : need_const(n, 1, "pads").values) pads.push_back((int64_t)v);
+      for (float v : need_const(n, 1, "pads").values) pads.push_back(whole(n, v, "pad"));
       if (has_in(n, 2)) {
         const Tensor& t = need_const(n, 2, "constant value");
         if (t.size() != 1) throw fault(n, "a constant value that is not one value");
@@ -927,9 +934,9 @@ class Importer {
     Tensor t;
     t.dims = idx.dims;
     for (float f : idx.values) {
-      int64_t i = (int64_t)f;
+      int64_t i = whole(n, f, "index");
       if (i < 0) i += (int64_t)data.size();
-      if (i < 0 || i >= (int64_t)data.size()) throw fault(n, "index " + std::to_string((int64_t)f) + " out of range");
+      if (i < 0 || i >= (int64_t)data.size()) throw fault(n, "index " + std::to_string(whole(n, f, "index")) + " out of range");
       t.values.push_back(data.values[i]);
     }
     set_const(n, std::move(t));
