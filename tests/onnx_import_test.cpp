@@ -66,6 +66,11 @@ std::string tensor(const std::string& name, const Ints& dims, const Floats& v) {
   }
   return t.s(9, raw).b;
 }
+// The filter "w" of 4 x 3 x 3 x 3 in an external-data file "absent.bin".
+std::string external_filter() {
+  return Pb().i(1, 4).i(1, 3).i(1, 3).i(1, 3).i(2, 1).s(8, "w")
+      .s(13, Pb().s(1, "location").s(2, "absent.bin").b).i(14, 1).b;
+}
 std::string attr(const std::string& name, int64_t v) { return Pb().s(1, name).i(3, v).i(20, 2).b; }
 std::string attr(const std::string& name, float v) { return Pb().s(1, name).f(2, v).i(20, 1).b; }
 std::string attr(const std::string& name, const Ints& v) {
@@ -333,8 +338,7 @@ TEST(OnnxImport, RefusesFaultyModels) {
       return g.bytes();
     };
   };
-  std::string external_tensor = Pb().i(1, 4).i(1, 3).i(1, 3).i(1, 3).i(2, 1).s(8, "w")
-                                    .s(13, Pb().s(1, "location").s(2, "absent.bin").b).i(14, 1).b;
+  const std::string external_tensor = external_filter();
   const Case cases[] = {
       {"truncated", [&] { const std::string b = good.bytes(); return b.substr(0, b.size() - 7); }, "past the end"},
       {"garbage", [] { return std::string("\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff", 11); }, "malformed model"},
@@ -408,6 +412,9 @@ TEST(OnnxImport, ConvertAndRunThroughTheProgram) {
   }
 
   write_file(temp_path("bad.onnx"), g.bytes().substr(0, 40));
+  Graph ext = g;
+  ext.inits = {external_filter()};
+  write_file(temp_path("ext.onnx"), ext.bytes());
   std::string f8 = orvacli::npyBytes(in);
   f8.replace(f8.find("<f4"), 3, "<f8");
   write_file(temp_path("f8.npy"), f8);
@@ -417,6 +424,7 @@ TEST(OnnxImport, ConvertAndRunThroughTheProgram) {
   write_file(temp_path("wrong.npy"), orvacli::npyBytes(wrong));
   const std::pair<std::string, const char*> faults[] = {
       {"convert --onnx " + temp_path("bad.onnx") + " -o " + temp_path("bad.orva"), "past the end"},
+      {"convert --onnx " + temp_path("ext.onnx") + " -o " + temp_path("bad.orva"), "absent.bin can't be opened"},
       {"run -m " + model + " --gpu -1 --input " + temp_path("f8.npy"), "not float32"},
       {"run -m " + model + " --gpu -1 --input " + temp_path("short.npy"), "data bytes for shape"},
       {"run -m " + model + " --gpu -1 --input " + temp_path("wrong.npy"), "50 values per sample"},
