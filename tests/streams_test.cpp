@@ -325,17 +325,26 @@ TEST(OrvaStreams, BrokerRestartMidStreamLosesOnlyTheGapAndNeverStallsThePipeline
 
 namespace {
 
-long droppedIn(const std::string& err) {
-  const size_t k = err.find(" dropped before detection");
-  if (k == std::string::npos) return 0;
-  size_t b = k;
-  while (b > 0 && std::isdigit((unsigned char)err[b - 1])) --b;
-  return std::stol(err.substr(b, k - b));
+// (frames detected, frames dropped) from each summary line of `source` ("NAME: K frames, ...
+// D dropped before detection"), wherever the terminal's redraw codes left it on its line.
+std::vector<std::pair<long, long>> doneAndDropped(const std::string& err, const std::string& source) {
+  std::vector<std::pair<long, long>> out;
+  std::istringstream in(err);
+  for (std::string l; std::getline(in, l);) {
+    const size_t at = l.find(source + ": ");
+    if (at == std::string::npos || l.find(" frames, ", at) == std::string::npos) continue;
+    const size_t d = l.find(" dropped before detection");
+    size_t b = d;
+    while (d != std::string::npos && b > 0 && std::isdigit((unsigned char)l[b - 1])) --b;
+    out.push_back({std::stol(l.substr(at + source.size() + 2)), d == std::string::npos ? 0 : std::stol(l.substr(b, d - b))});
+  }
+  return out;
 }
 
-// --realtime delivers a file at its own rate as a camera would: frames the engine can't take
-// in time are dropped and counted, every frame is either detected or counted, and the live
-// lines report the rates while it runs. Without it the same file loses nothing.
+// --realtime delivers files at their own rate as cameras would: frames the engine can't take
+// in time are dropped and counted, every frame is either detected or counted, sources at the
+// same rate get the same share of the engine, and the live lines report the rates while it
+// runs. Without it the same files lose nothing.
 TEST(OrvaStreams, RealtimeDropsWhatTheEngineCantTakeAndCountsIt) {
   const Files& f = files();
   // A network far slower than 500 frames/s, fed a file that claims 500.
@@ -353,13 +362,18 @@ TEST(OrvaStreams, RealtimeDropsWhatTheEngineCantTakeAndCountsIt) {
     cv::VideoWriter w(fast, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 500, img.size());
     for (int k = 0; k < kFrames; ++k) w.write(img);
   }
-  const CliRun paced = run("detect --gpu -1 -m " + model + " --realtime --progress " + fast);
+  const CliRun paced = run("detect --gpu -1 -m " + model + " --realtime --progress " + fast + " " + fast + " " + fast);
   ASSERT_EQ(paced.status, 0) << paced.err;
-  const std::vector<int> done = framesBySource(paced.out)[fast];
-  const long dropped = droppedIn(paced.err);
-  EXPECT_GT(dropped, 0) << paced.err;
-  EXPECT_EQ((long)done.size() + dropped, kFrames) << paced.err;
-  EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
+  const auto counts = doneAndDropped(paced.err, fast);
+  ASSERT_EQ(counts.size(), 3u) << paced.err;
+  long least = kFrames, most = 0, total = 0;
+  for (const auto& [done, dropped] : counts) {
+    EXPECT_GT(dropped, 0);
+    EXPECT_EQ(done + dropped, kFrames);
+    least = std::min(least, done), most = std::max(most, done), total += done;
+  }
+  EXPECT_GE(2 * least, most) << paced.err;
+  EXPECT_EQ((long)framesBySource(paced.out)[fast].size(), total);
   // The run lasts 1.5 s: at least one live line, redrawn in place.
   EXPECT_NE(paced.err.find("\x1b[2K"), std::string::npos);
   EXPECT_NE(paced.err.find("/s  done "), std::string::npos) << paced.err;
@@ -367,7 +381,7 @@ TEST(OrvaStreams, RealtimeDropsWhatTheEngineCantTakeAndCountsIt) {
   const CliRun whole = run("detect --gpu -1 -m " + model + " --max-frames 40 " + fast + " " + fast);
   ASSERT_EQ(whole.status, 0) << whole.err;
   EXPECT_EQ(framesBySource(whole.out)[fast].size(), 80u);
-  EXPECT_EQ(droppedIn(whole.err), 0) << whole.err;
+  EXPECT_EQ(whole.err.find("dropped"), std::string::npos) << whole.err;
 }
 
 // Stream URLs go through FFmpeg: a file served over HTTP is read whole and in order; a server
