@@ -27,22 +27,8 @@ constexpr double kInt8Tol = 3e-2;
 
 std::unique_ptr<ConvolutionLayer> make_conv(void* handle, int mode, const std::string& keys, int c, int h, int w,
                                             int batch, bool quant = false, bool fast = false) {
-  const std::string path = temp_path("layer.cfg");
-  write_file(path, "[convolution]\n" + keys);
-  ConfigReader cfg;
-  EXPECT_EQ(cfg.load(path.c_str()), 0);
-  ORVA::InputParams params;
-  params.batch = batch;
-  params.h = h;
-  params.w = w;
-  params.c = c;
-  params.inputs = h * w * c;
-  params.nsect = 0;
-  params.quant = quant;
-  params.fast = fast;
-  ORVA::Layer* l = ORVA::LayerType::create("convolution", mode, nullptr, handle);
-  l->parseConfig(cfg, params);
-  return std::unique_ptr<ConvolutionLayer>(static_cast<ConvolutionLayer*>(l));
+  return std::unique_ptr<ConvolutionLayer>(
+      static_cast<ConvolutionLayer*>(make_layer(handle, mode, "convolution", keys, batch, w, h, c, quant, fast).release()));
 }
 
 struct LayerRun {

@@ -63,25 +63,6 @@ std::string name_of(const Head& h) {
   return std::string(h.section) + " classes " + std::to_string(h.classes) + " loc_type " + std::to_string(h.loc_type);
 }
 
-// One layer of the given section over a w x h x c input.
-std::unique_ptr<ORVA::Layer> make_layer(void* handle, int mode, const std::string& section, const std::string& keys,
-                                        int batch, int w, int h, int c) {
-  const std::string path = temp_path("head.cfg");
-  write_file(path, "[" + section + "]\n" + keys);
-  ConfigReader cfg;
-  EXPECT_EQ(cfg.load(path.c_str()), 0);
-  ORVA::InputParams params;
-  params.batch = batch;
-  params.h = h;
-  params.w = w;
-  params.c = c;
-  params.inputs = w * h * c;
-  params.nsect = 0;
-  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create(section.c_str(), mode, nullptr, handle));
-  l->parseConfig(cfg, params);
-  return l;
-}
-
 // channels < 0: the count the head needs.
 std::unique_ptr<ORVA::Layer> make_head(void* handle, int mode, const Head& h, int batch,
                                        const std::string& extra = "", int channels = -1) {
