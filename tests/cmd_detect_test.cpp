@@ -1,6 +1,6 @@
-// The orva program run as its users run it: statuses and messages of every kind of fault, no
-// file left half-written, the detect options, interrupted runs, and the face detector on a
-// demo picture when it has been fetched.
+// The orva program run as its users run it: every command's statuses and messages for every
+// kind of fault, no file left half-written; the detect command's options, interrupted runs,
+// and the face detector on a demo picture when it has been fetched.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
