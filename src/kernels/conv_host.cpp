@@ -4,9 +4,13 @@
 // network workspace and products through blas_gemm. The 8-bit pass accumulates exact integer
 // products as the device does.
 #include <cblas.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -137,6 +141,71 @@ void for_sample_pieces(long long J, int w, int N, F f) {
   }
 }
 
+// Products with the weights packed once: on AVX-512 hosts the Winograd products run through
+// this kernel instead of OpenBLAS, whose sgemm packs both operands on every call; for the
+// large late layers that is most of the pass's memory traffic (the transformed weights of a
+// 13 x 13 x 1024 -> 1024 layer are 64 MB, read twice and written once per pass for a product
+// of only 49 tile columns at batch 1). The weights are kept as [row block][k][kPackRows]
+// floats (rows past the last zero); the other operand is read as it lies (row-major K x N,
+// its rows in cache), 16 columns to a vector, the last vector masked. Float sums in k order.
+constexpr int kPackRows = 12;  // weight rows per register block: 12 x 2 vectors of sums
+
+size_t packed_rows(int rows) { return (size_t)(rows + kPackRows - 1) / kPackRows * kPackRows; }
+
+#if defined(__x86_64__)
+bool packed_products() { return __builtin_cpu_supports("avx512f"); }
+
+// c[0..rows) x [0..16 V) = a (packed block, K x kPackRows) times b (K rows of ldb).
+template <int V>
+__attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, float* c,
+                                                     size_t ldc, int rows, __mmask16 last) {
+  __m512 acc[kPackRows][V];
+  for (int r = 0; r < kPackRows; ++r)
+    for (int j = 0; j < V; ++j) acc[r][j] = _mm512_setzero_ps();
+  for (int k = 0; k < K; ++k, a += kPackRows, b += ldb) {
+    __m512 bv[V];
+#pragma GCC unroll 2
+    for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(b + 16 * j) : _mm512_maskz_loadu_ps(last, b + 16 * j);
+#pragma GCC unroll 12
+    for (int r = 0; r < kPackRows; ++r) {
+      const __m512 av = _mm512_set1_ps(a[r]);
+#pragma GCC unroll 2
+      for (int j = 0; j < V; ++j) acc[r][j] = _mm512_fmadd_ps(av, bv[j], acc[r][j]);
+    }
+  }
+  // Every row stored through the same unrolled code (a loop that stopped early would keep the
+  // sums in memory instead of registers); the rows past `rows` go to a scratch block.
+  alignas(64) float spare[16 * V];
+#pragma GCC unroll 12
+  for (int r = 0; r < kPackRows; ++r) {
+    float* dst = r < rows ? c + r * ldc : spare;
+#pragma GCC unroll 2
+    for (int j = 0; j + 1 < V; ++j) _mm512_storeu_ps(dst + 16 * j, acc[r][j]);
+    _mm512_mask_storeu_ps(dst + 16 * (V - 1), last, acc[r][V - 1]);
+  }
+}
+
+// C (M x N, ldc) = A (M x K, packed) B (K x N, ldb). Column blocks keep B's part in cache
+// while every row block passes over it.
+void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc) {
+  const int nc = std::max(32, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) & ~31);
+  for (int jc = 0; jc < N; jc += nc)
+    for (int i = 0; i < M; i += kPackRows) {
+      const float* a = ap + (size_t)i * K;
+      const int rows = std::min(kPackRows, M - i);
+      for (int j = jc, end = std::min(N, jc + nc); j < end; j += 32) {
+        const int n = std::min(32, end - j);
+        const __mmask16 last = (__mmask16)((1u << ((n - 1) % 16 + 1)) - 1);
+        if (n > 16) packed_block<2>(K, a, b + j, ldb, c + (size_t)i * ldc + j, ldc, rows, last);
+        else packed_block<1>(K, a, b + j, ldb, c + (size_t)i * ldc + j, ldc, rows, last);
+      }
+    }
+}
+#else
+bool packed_products() { return false; }
+void packed_product(int, int, int, const float*, const float*, size_t, float*, size_t) {}
+#endif
+
 // 3x3 stride-1 kernels with many channels take the Winograd F(2x2, 3x3) product: each 2x2
 // block of outputs from a 4x4 input tile with 16 multiplications per channel pair instead
 // of 36, as 16 independent products U_t (filters x channels) V_t (channels x tiles). The
@@ -147,6 +216,7 @@ class HostConvPlan : public ConvPlan {
  public:
   using ConvPlan::ConvPlan;
   std::vector<float> wino_u;
+  bool wino_packed = false;  // wino_u as packed blocks for packed_product, else plain matrices
   std::vector<Ftype> wino_source;
   const Ftype* wino_from = nullptr;
 };
@@ -164,8 +234,11 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
   p->wino_source.assign(weight, weight + n);
   p->wino_from = weight;
   float* u = p->wino_u.data();
+  const size_t per_t = p->wino_u.size() / 16;
   tbb::parallel_for(tbb::blocked_range<size_t>(0, mc, 256), [&](const tbb::blocked_range<size_t>& r) {
     for (size_t fc = r.begin(); fc != r.end(); ++fc) {
+      const size_t f = fc / s.in_c, c = fc % s.in_c;
+      const size_t at = p->wino_packed ? (f / kPackRows * s.in_c + c) * kPackRows + f % kPackRows : fc;
       float g[9], t[4][3];
       for (int k = 0; k < 9; ++k) g[k] = h2f(weight[fc * 9 + k]);
       for (int j = 0; j < 3; ++j) {  // G g
@@ -177,7 +250,7 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
       for (int i = 0; i < 4; ++i) {  // (G g) G^T
         const float v[4] = {t[i][0], 0.5f * (t[i][0] + t[i][1] + t[i][2]), 0.5f * (t[i][0] - t[i][1] + t[i][2]),
                             t[i][2]};
-        for (int j = 0; j < 4; ++j) u[(size_t)(i * 4 + j) * mc + fc] = v[j];
+        for (int j = 0; j < 4; ++j) u[(size_t)(i * 4 + j) * per_t + at] = v[j];
       }
     }
   });
@@ -237,8 +310,18 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
   });
   // Sixteen products, split by filters too when there are more threads than products.
   const int row_tiles = std::max(1, std::min(M / kMinTileRows, (2 * threads + 15) / 16));
-  const int mb = (M + row_tiles - 1) / row_tiles;
   const float* u = p->wino_u.data();
+  if (p->wino_packed) {
+    const int mb = (int)packed_rows((M + row_tiles - 1) / row_tiles);
+    const size_t per_t = p->wino_u.size() / 16;
+    tbb::parallel_for(0, 16 * row_tiles, [&](int task) {
+      const int t = task / row_tiles, i0 = (task % row_tiles) * mb, h = std::min(mb, M - i0);
+      if (h <= 0) return;
+      packed_product(h, (int)T, C, u + t * per_t + (size_t)i0 * C, v + (size_t)t * C * T, T, m + ((size_t)t * M + i0) * T,
+                     T);
+    });
+  } else {
+  const int mb = (M + row_tiles - 1) / row_tiles;
   blas_single_threaded([&] {
     tbb::parallel_for(0, 16 * row_tiles, [&](int task) {
       const int t = task / row_tiles, i0 = (task % row_tiles) * mb, h = std::min(mb, M - i0);
@@ -247,6 +330,7 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
                   v + (size_t)t * C * T, (int)T, 0.f, m + ((size_t)t * M + i0) * T, (int)T);
     });
   });
+  }
   // Output tiles: Y = A^T m A, the odd last row and column dropped.
   const size_t step = (size_t)M * T;
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * M), [&](const tbb::blocked_range<int>& r) {
@@ -328,7 +412,8 @@ void conv_col2im_add(const Ftype* col, int channels, int height, int width, int 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
   HostConvPlan* plan = new HostConvPlan(s);
   if (takes_winograd(s)) {
-    plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
+    plan->wino_packed = packed_products();
+    plan->wino_u.resize((size_t)16 * (plan->wino_packed ? packed_rows(s.out_c) : s.out_c) * s.in_c);
     plan->wino_source.reserve((size_t)9 * s.out_c * s.in_c);
   }
   // Only the backward passes use a column matrix; the forward pass gathers its panels into
