@@ -148,14 +148,15 @@ void for_sample_pieces(long long J, int w, int N, F f) {
 // of only 49 tile columns at batch 1). The weights are kept as [row block][k][kPackRows]
 // floats (rows past the last zero); the other operand is read as it lies (row-major K x N,
 // its rows in cache), 16 columns to a vector, the last vector masked. Float sums in k order.
-constexpr int kPackRows = 12;  // weight rows per register block: 12 x 2 vectors of sums
+constexpr int kPackRows = 8;  // weight rows per register block: 8 x 3 vectors of sums
 
 size_t packed_rows(int rows) { return (size_t)(rows + kPackRows - 1) / kPackRows * kPackRows; }
 
 #if defined(__x86_64__)
 bool packed_products() { return __builtin_cpu_supports("avx512f"); }
 
-// c[0..rows) x [0..16 V) = a (packed block, K x kPackRows) times b (K rows of ldb).
+// c[0..rows) x [0..16 V) = a (packed block, K x kPackRows) times b (K rows of ldb), the
+// last vector's columns masked by `last`.
 template <int V>
 __attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, float* c,
                                                      size_t ldc, int rows, __mmask16 last) {
@@ -164,22 +165,22 @@ __attribute__((target("avx512f"))) void packed_block(int K, const float* a, cons
     for (int j = 0; j < V; ++j) acc[r][j] = _mm512_setzero_ps();
   for (int k = 0; k < K; ++k, a += kPackRows, b += ldb) {
     __m512 bv[V];
-#pragma GCC unroll 2
+#pragma GCC unroll 3
     for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(b + 16 * j) : _mm512_maskz_loadu_ps(last, b + 16 * j);
-#pragma GCC unroll 12
+#pragma GCC unroll 8
     for (int r = 0; r < kPackRows; ++r) {
       const __m512 av = _mm512_set1_ps(a[r]);
-#pragma GCC unroll 2
+#pragma GCC unroll 3
       for (int j = 0; j < V; ++j) acc[r][j] = _mm512_fmadd_ps(av, bv[j], acc[r][j]);
     }
   }
   // Every row stored through the same unrolled code (a loop that stopped early would keep the
   // sums in memory instead of registers); the rows past `rows` go to a scratch block.
   alignas(64) float spare[16 * V];
-#pragma GCC unroll 12
+#pragma GCC unroll 8
   for (int r = 0; r < kPackRows; ++r) {
     float* dst = r < rows ? c + r * ldc : spare;
-#pragma GCC unroll 2
+#pragma GCC unroll 3
     for (int j = 0; j + 1 < V; ++j) _mm512_storeu_ps(dst + 16 * j, acc[r][j]);
     _mm512_mask_storeu_ps(dst + 16 * (V - 1), last, acc[r][V - 1]);
   }
@@ -188,16 +189,18 @@ __attribute__((target("avx512f"))) void packed_block(int K, const float* a, cons
 // C (M x N, ldc) = A (M x K, packed) B (K x N, ldb). Column blocks keep B's part in cache
 // while every row block passes over it.
 void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc) {
-  const int nc = std::max(32, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) & ~31);
+  const int nc = std::max(48, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) / 48 * 48);
   for (int jc = 0; jc < N; jc += nc)
     for (int i = 0; i < M; i += kPackRows) {
       const float* a = ap + (size_t)i * K;
       const int rows = std::min(kPackRows, M - i);
-      for (int j = jc, end = std::min(N, jc + nc); j < end; j += 32) {
-        const int n = std::min(32, end - j);
+      for (int j = jc, end = std::min(N, jc + nc); j < end; j += 48) {
+        const int n = std::min(48, end - j);
         const __mmask16 last = (__mmask16)((1u << ((n - 1) % 16 + 1)) - 1);
-        if (n > 16) packed_block<2>(K, a, b + j, ldb, c + (size_t)i * ldc + j, ldc, rows, last);
-        else packed_block<1>(K, a, b + j, ldb, c + (size_t)i * ldc + j, ldc, rows, last);
+        float* cj = c + (size_t)i * ldc + j;
+        if (n > 32) packed_block<3>(K, a, b + j, ldb, cj, ldc, rows, last);
+        else if (n > 16) packed_block<2>(K, a, b + j, ldb, cj, ldc, rows, last);
+        else packed_block<1>(K, a, b + j, ldb, cj, ldc, rows, last);
       }
     }
 }
@@ -481,17 +484,41 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
   if (is_depthwise(s)) return depthwise_forward(backend, s, batch, input, weight, output, finish);
   const long long columns = (long long)batch * N;
   const int threads = tbb::this_task_arena::max_concurrency();
-  const ForwardTiling t = forward_tiling(fpg, columns, K, threads);
+  ForwardTiling t = forward_tiling(fpg, columns, K, threads);
+  // Packed products: the weights widened straight into row blocks, tiles whole blocks.
+  const bool packed = packed_products();
+  const size_t group_rows = packed ? packed_rows(fpg) : fpg;
+  if (packed) {
+    t.mb = (int)packed_rows(t.mb);
+    t.row_tiles = (fpg + t.mb - 1) / t.mb;
+  }
   const size_t b_floats = t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
   const size_t c_tile = (size_t)t.mb * t.nb;
-  float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * (size_t)s.out_c * K));
+  float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * s.groups * group_rows * K));
   float* bm = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * b_floats));
   float* cm = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
   if (!a || !bm || !cm)
     ORVA_THROW("conv_forward: no host scratch for %d filters, %d x %lld columns", s.out_c, K, columns);
-  tbb::parallel_for(tbb::blocked_range<int>(0, s.out_c, 16), [&](const tbb::blocked_range<int>& r) {
-    widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
-  });
+  if (packed) {
+    const int blocks = (int)(group_rows / kPackRows);
+    tbb::parallel_for(0, s.groups * blocks, [&](int gb) {
+      const int g = gb / blocks, f0 = (gb % blocks) * kPackRows;
+      float* dst = a + ((size_t)g * group_rows + f0) * K;
+      float row[64];
+      for (int k0 = 0; k0 < K; k0 += 64) {
+        const int n = std::min(64, K - k0);
+        for (int r = 0; r < kPackRows; ++r) {
+          if (f0 + r < fpg) widen_strided(weight + ((size_t)g * fpg + f0 + r) * K + k0, 1, n, row);
+          else std::fill(row, row + n, 0.f);
+          for (int k = 0; k < n; ++k) dst[(size_t)(k0 + k) * kPackRows + r] = row[k];
+        }
+      }
+    });
+  } else {
+    tbb::parallel_for(tbb::blocked_range<int>(0, s.out_c, 16), [&](const tbb::blocked_range<int>& r) {
+      widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
+    });
+  }
   const size_t in_image = (size_t)s.in_c * s.in_h * s.in_w, out_image = (size_t)s.out_c * N;
   auto pack = [&](int g, long long J, int w, float* dst, size_t ld) {
     for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
@@ -522,8 +549,11 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
             bp = own;
             ldb = w;
           }
-          cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, h, w, K, 1.f, a + ((size_t)g * fpg + i0) * K, K, bp,
-                      ldb, 0.f, cp, w);
+          if (packed)
+            packed_product(h, w, K, a + ((size_t)g * group_rows + i0) * K, bp, ldb, cp, w);
+          else
+            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, h, w, K, 1.f, a + ((size_t)g * fpg + i0) * K, K, bp,
+                        ldb, 0.f, cp, w);
           for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
             Ftype* out = output + b * out_image + ((size_t)g * fpg + i0) * N + j;
             for (int i = 0; i < h; ++i) finish(cp + (size_t)i * w + at, out + (size_t)i * N, n, g * fpg + i0 + i);
