@@ -435,29 +435,34 @@ bool is_depthwise(const ConvShape& s) { return s.groups > 1 && s.groups == s.in_
 void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, const Ftype* input,
                        const Ftype* weight, Ftype* output, const OutputStep& finish) {
   const int k = s.size, wp = s.in_w + 2 * s.pad;
-  const size_t per_thread = (size_t)k * wp + s.out_w + k * k;
+  // The plane is widened once, rows with their zero border, and every output row then reads
+  // its k rows from it (widening row by row for each output row widened every row k times).
+  const size_t per_thread = (size_t)s.in_h * wp + s.out_w + k * k;
   const int threads = tbb::this_task_arena::max_concurrency();
   float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
   if (!scratch)
-    ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", k, wp);
+    ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", s.in_h, wp);
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
     float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
-    float* acc = rows + (size_t)k * wp;
+    float* acc = rows + (size_t)s.in_h * wp;
     float* w = acc + s.out_w;
     for (int bc = r.begin(); bc != r.end(); ++bc) {
       const int c = bc % s.in_c;
       const Ftype* plane = input + (size_t)bc * s.in_h * s.in_w;
       Ftype* out = output + (size_t)bc * s.out_h * s.out_w;
       widen_strided(weight + (size_t)c * k * k, 1, k * k, w);
+      for (int iy = 0; iy < s.in_h; ++iy) {
+        float* row = rows + (size_t)iy * wp;
+        std::fill(row, row + s.pad, 0.f);
+        widen_strided(plane + (size_t)iy * s.in_w, 1, s.in_w, row + s.pad);
+        std::fill(row + s.pad + s.in_w, row + wp, 0.f);
+      }
       for (int y = 0; y < s.out_h; ++y) {
         std::fill(acc, acc + s.out_w, 0.f);
         for (int ky = 0; ky < k; ++ky) {
           const int iy = y * s.stride - s.pad + ky * s.dilation;
           if (iy < 0 || iy >= s.in_h) continue;
-          float* row = rows + (size_t)ky * wp;
-          std::fill(row, row + s.pad, 0.f);
-          widen_strided(plane + (size_t)iy * s.in_w, 1, s.in_w, row + s.pad);
-          std::fill(row + s.pad + s.in_w, row + wp, 0.f);
+          const float* row = rows + (size_t)iy * wp;
           for (int kx = 0; kx < k; ++kx) {
             const float wk = w[ky * k + kx];
             const float* src = row + kx * s.dilation;
