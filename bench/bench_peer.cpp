@@ -1,18 +1,32 @@
-// Side-by-side inference time of the host backend and OpenCV DNN (its darknet-dialect
-// reader, CPU target) on the same networks, the same random weights and the same input.
-// One weights-only file serves both: it has the darknet layout.
+// Side-by-side inference time of the host backend, OpenCV DNN (its darknet-dialect reader,
+// CPU target) and ONNX Runtime (onnxruntime-node, CPU provider) on the same networks, the same
+// weights and the same input.
 //
-// Per network, batch (1, 4) and thread count (1, 2): min and median milliseconds of each over
-// the timed passes (the two engines alternate pass by pass, so both see the same machine
-// load), the ratio host / OpenCV of the medians, and the relative L2 difference of the
-// outputs.
+// Each engine runs in its own process, started once per row; the parent asks each for one
+// pass in turn, round by round (the order rotating), so all three see the same machine load
+// and none shares a thread pool or caches with another. Per network, batch (1, 4) and thread
+// count (1, 2): min and median milliseconds of each, the ratios host / OpenCV and host /
+// ONNX Runtime of the medians, and each engine's relative L2 distance to a float64 reference
+// of the network as the engine holds it (weights in half, normalisation folded, input
+// rounded to half). A distance above 1e-2 is flagged and makes the exit status 1.
 //
-//   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE]
+//   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T]
+//              [--face-model FILE] [--no-ort]
 //
-// The face detector takes the weights of its model file (default models/face.orva, made by
-// scripts/run.sh) when it is there, random ones otherwise.
-#include <tbb/task_arena.h>
+// The ONNX Runtime column needs bench/peer_setup.sh (python3-onnx, onnxruntime-node under
+// bench/node_modules); without it the column is left out. The networks go to ONNX through
+// bench/orva_to_onnx.py. The face detector takes the weights of its model file (default
+// models/face.orva, made by scripts/run.sh) when it is there, random ones otherwise. YOLOv4-tiny
+// (route, upsample and yolo layers) has no ONNX form here: its rows compare the host's and
+// OpenCV's decoded top head with each other.
+//
+// Internal: bench_peer --worker host|opencv DIR BATCH THREADS serves one engine.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <tbb/global_control.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,13 +39,21 @@
 #include <opencv2/core.hpp>
 #include <opencv2/dnn.hpp>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "darknet.h"
+#include "layer/convolution_layer.h"
+#include "layer/maxpool_layer.h"
 #include "layer/yolo_layer.h"
+#include "orva/float16.h"
 #include "orva/orva.h"
 #include "yolo_families.h"
+
+#ifndef ORVA_BENCH_DIR
+#define ORVA_BENCH_DIR "bench"
+#endif
 
 namespace {
 
@@ -229,10 +251,11 @@ Stats stats(std::vector<double> ms) {
   return {ms.front(), n % 2 ? ms[n / 2] : 0.5 * (ms[n / 2 - 1] + ms[n / 2])};
 }
 
-double relative_l2(const float* a, const float* b, size_t n) {
+template <typename A, typename B>
+double relative_l2(const A* a, const B* b, size_t n) {
   double diff = 0, ref = 0;
   for (size_t i = 0; i < n; ++i) {
-    const double d = (double)a[i] - b[i];
+    const double d = (double)a[i] - (double)b[i];
     diff += d * d;
     ref += (double)b[i] * b[i];
   }
@@ -244,7 +267,105 @@ struct Options {
   std::string network;
   int batch = 0, threads = 0;
   std::string face_model = "models/face.orva";
+  bool ort = true;
 };
+
+void fail(const std::string& what) {
+  fprintf(stderr, "bench_peer: %s\n", what.c_str());
+  exit(1);
+}
+
+std::vector<float> read_floats(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (!f) fail("cannot read " + path);
+  std::vector<float> v;
+  float buf[4096];
+  size_t n;
+  while ((n = fread(buf, 4, 4096, f)) > 0) v.insert(v.end(), buf, buf + n);
+  fclose(f);
+  return v;
+}
+
+void write_floats(const std::string& path, const float* v, size_t n) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (!f || fwrite(v, 4, n, f) != n) fail("cannot write " + path);
+  fclose(f);
+}
+
+bool exists(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
+
+// The files of one network in its scratch folder: host<B>.cfg and darknet<B>.cfg per batch,
+// net.weights, net.orva (dialect networks: the converted model), input.f32 (4 images), net.onnx.
+std::string host_cfg(const std::string& dir, int batch) { return dir + "/host" + std::to_string(batch) + ".cfg"; }
+std::string peer_cfg(const std::string& dir, int batch) { return dir + "/darknet" + std::to_string(batch) + ".cfg"; }
+
+// ---- float64 reference of the network as the engine holds it ----
+
+// Layer by layer from the engine's own loaded weights (half, normalisation folded); only
+// convolutions and max-pools with the activations the bench networks use. Empty when the
+// network has another layer.
+std::vector<double> reference(ORVA::Network& net, const std::vector<float>& input, int batch) {
+  std::vector<double> x(input.size());
+  for (size_t i = 0; i < x.size(); ++i) x[i] = half2float_cpu(float2half_cpu(input[i]));
+  static const float kLeaky = half2float_cpu(float2half_cpu(0.1f));
+  for (int li = 0; li < net.getLayerCount(); ++li) {
+    ORVA::Layer* l = net.getLayer(li);
+    const int iw = l->_in_w, ih = l->_in_h, ic = l->_in_c, ow = l->_out_w, oh = l->_out_h, oc = l->_out_c;
+    std::vector<double> y((size_t)batch * oc * oh * ow);
+    if (auto* c = dynamic_cast<ORVA::ConvolutionLayer*>(l)) {
+      if (c->_acttype != -1 && c->_acttype != 3 && c->_acttype != 7) return {};
+      std::vector<float> w(c->_weights), b(c->_kn);
+      half2float_cpu(w.data(), c->_weight, w.size());
+      half2float_cpu(b.data(), c->_bias, b.size());
+      const int cg = ic / c->_groups, fg = c->_kn / c->_groups, s = c->_stride, p = c->_pad, d = c->_dilation;
+      const int k = c->_size;
+      tbb::parallel_for(0, batch * oc, [&](int nf) {
+        const int n = nf / oc, f = nf % oc;
+        double* out = &y[(size_t)nf * oh * ow];
+        for (int ci = 0; ci < cg; ++ci) {
+          const double* in = &x[((size_t)n * ic + (size_t)(f / fg) * cg + ci) * ih * iw];
+          for (int ky = 0; ky < k; ++ky)
+            for (int kx = 0; kx < k; ++kx) {
+              const double wv = w[(((size_t)f * cg + ci) * k + ky) * k + kx];
+              for (int oy = 0; oy < oh; ++oy) {
+                const int iy = oy * s - p + ky * d;
+                if (iy < 0 || iy >= ih) continue;
+                const double* row = in + (size_t)iy * iw;
+                double* o = out + (size_t)oy * ow;
+                for (int ox = 0; ox < ow; ++ox) {
+                  const int ix = ox * s - p + kx * d;
+                  if (ix >= 0 && ix < iw) o[ox] += wv * row[ix];
+                }
+              }
+            }
+        }
+        if (c->_acttype == -1) return;  // no activation: the engine adds no bias either
+        for (int i = 0; i < oh * ow; ++i) {
+          const double v = out[i] + b[f];
+          out[i] = c->_acttype == 7 && v <= 0 ? v * kLeaky : v;
+        }
+      });
+    } else if (auto* m = dynamic_cast<ORVA::MaxpoolLayer*>(l)) {
+      for (int nc = 0; nc < batch * oc; ++nc)
+        for (int oy = 0; oy < oh; ++oy)
+          for (int ox = 0; ox < ow; ++ox) {
+            double best = -INFINITY;
+            for (int ky = 0; ky < m->_size; ++ky)
+              for (int kx = 0; kx < m->_size; ++kx) {
+                const int iy = oy * m->_stride - m->_pad + ky, ix = ox * m->_stride - m->_pad + kx;
+                if (iy >= 0 && iy < ih && ix >= 0 && ix < iw) best = std::max(best, x[((size_t)nc * ih + iy) * iw + ix]);
+              }
+            y[((size_t)nc * oh + oy) * ow + ox] = best;
+          }
+    } else {
+      return {};
+    }
+    x.swap(y);
+  }
+  return x;
+}
+
+// ---- the engines' processes ----
 
 template <typename F>
 double time_ms(F f) {
@@ -253,38 +374,12 @@ double time_ms(F f) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// A dialect network: converted through the importer to a model file for the host, the
-// description and weights file as they are for OpenCV.
-bool load_darknet(const PeerModel& model, const std::string& base, ORVA::Network& net, cv::dnn::Net& peer,
-                  std::mt19937& rng) {
-  const std::string dcfg = base + ".darknet.cfg", weights = base + ".weights", file = base + ".orva";
-  write_text(dcfg, model.darknet(model.w, model.h));
-  try {
-    const auto sections = orvacli::readDarknetCfg(dcfg);
-    const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
-    const std::vector<unsigned char> bytes =
-        yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
-    FILE* f = fopen(weights.c_str(), "wb");
-    if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) throw std::runtime_error("cannot write " + weights);
-    fclose(f);
-    orvacli::writeModel(orvacli::darknetToEngine(sections, dcfg, &bytes, weights), file);
-    net.load(file.c_str());
-    peer = cv::dnn::readNetFromDarknet(dcfg, weights);
-  } catch (const std::exception& e) {
-    fprintf(stderr, "%s: %s\n", model.name, e.what());
-    return false;
-  }
-  remove(dcfg.c_str());
-  remove(weights.c_str());
-  remove(file.c_str());
-  return true;
-}
-
-// The top yolo head's rows (box and objectness) of both engines as two flat arrays.
-void yolo_rows(ORVA::Network& net, const float* host_out, const cv::Mat& peer_out, int batch, std::vector<float>& a,
-               std::vector<float>& b) {
+// The top yolo head's rows (box and objectness) of the host's output, row-major as OpenCV
+// gives them.
+std::vector<float> yolo_rows(ORVA::Network& net, const float* host_out, int batch) {
   auto* y = static_cast<ORVA::YoloLayer*>(net.getOutputLayer());
-  const int W = y->_in_w, H = y->_in_h, A = y->_anchors, rows = W * H * A;
+  const int W = y->_in_w, H = y->_in_h, A = y->_anchors;
+  std::vector<float> rows;
   for (int n = 0; n < batch; ++n)
     for (int j = 0; j < H; ++j)
       for (int i = 0; i < W; ++i)
@@ -292,90 +387,295 @@ void yolo_rows(ORVA::Network& net, const float* host_out, const cv::Mat& peer_ou
           const float* out = host_out + (size_t)n * y->_outputs;
           const ORVA::BBox box = y->decode(out, k, i, j);
           const float mine[5] = {box.x, box.y, box.w, box.h, out[y->_entry_index(0, k, j * W + i, 4)]};
-          const float* r = peer_out.ptr<float>() + ((size_t)n * rows + (j * W + i) * A + k) * (5 + y->_classes);
-          a.insert(a.end(), mine, mine + 5);
-          b.insert(b.end(), r, r + 5);
+          rows.insert(rows.end(), mine, mine + 5);
         }
+  return rows;
 }
 
-// Model weights (a file copied once per network) or fresh random ones for each row.
-bool run_row(const PeerModel& model, const std::string& model_weights, int batch, int threads, const Options& opt,
-             std::mt19937& rng) {
-  const std::string base = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid());
-  const std::string ocfg = base + ".orva.cfg", dcfg = base + ".darknet.cfg";
-  const std::string weights = model_weights.empty() ? base + ".weights" : model_weights;
-  if (!model.darknet) {
-    write_text(ocfg, orva_cfg(model, batch));
-    write_text(dcfg, darknet_cfg(model, batch));
-    if (model_weights.empty()) write_weights(model, weights, rng);
+// One engine serving the parent: "ready" once loaded, then per line "run" (answers the
+// pass's milliseconds), "save PATH" (answers the count of floats written) or "quit".
+int worker(const std::string& engine, const std::string& dir, int batch, int threads) {
+  ORVA::setMsgLevel(WARNING);
+  // Answers go to the parent on the original standard output; anything the engines print
+  // goes to standard error.
+  FILE* answer = fdopen(dup(1), "w");
+  if (!answer || dup2(2, 1) < 0) fail("cannot set up the answer stream");
+  std::vector<float> input = read_floats(dir + "/input.f32");
+  std::vector<float> out;
+  std::function<void()> pass;
+  std::unique_ptr<ORVA::Network> net;
+  cv::dnn::Net peer;
+  cv::Mat blob;
+  tbb::global_control limit(tbb::global_control::max_allowed_parallelism, threads);
+  tbb::task_arena arena(threads);
+  const bool dialect = exists(dir + "/net.orva");
+  if (engine == "host") {
+    net.reset(new ORVA::Network(ORVA::TEST, batch, -1));
+    if (dialect)
+      net->load((dir + "/net.orva").c_str());
+    else if (net->load(host_cfg(dir, batch).c_str(), (dir + "/net.weights").c_str()) != 0)
+      fail("the host backend did not load " + host_cfg(dir, batch));
+    pass = [&] {
+      float* o = nullptr;
+      arena.execute([&] { o = net->predict(input.data(), batch); });
+      if (dialect)
+        out = yolo_rows(*net, o, batch);
+      else
+        out.assign(o, o + (size_t)net->getOutputs() * batch);
+    };
+  } else if (engine == "opencv") {
+    peer = cv::dnn::readNetFromDarknet(peer_cfg(dir, batch), dir + "/net.weights");
+    peer.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
+    peer.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
+    cv::setNumThreads(threads);
+    pass = [&] {
+      peer.setInput(blob);
+      cv::Mat o = peer.forward();
+      if (!o.isContinuous()) o = o.clone();
+      if (dialect) {  // rows of 5 + classes values; box and objectness compared
+        const int cols = o.size[o.dims - 1];
+        out.clear();
+        for (size_t r = 0; r < o.total() / cols; ++r) out.insert(out.end(), o.ptr<float>() + r * cols, o.ptr<float>() + r * cols + 5);
+      } else {
+        out.assign(o.ptr<float>(), o.ptr<float>() + o.total());
+      }
+    };
+  } else {
+    fail("unknown engine " + engine);
   }
+  if (engine == "opencv") {
+    FILE* f = fopen((dir + "/shape").c_str(), "r");
+    int c = 0, h = 0, w = 0;
+    if (!f || fscanf(f, "%d %d %d", &c, &h, &w) != 3) fail("cannot read " + dir + "/shape");
+    fclose(f);
+    const int dims[4] = {batch, c, h, w};
+    blob = cv::Mat(4, dims, CV_32F, input.data());
+  }
+  fprintf(answer, "ready\n");
+  fflush(answer);
+  char line[4096];
+  while (fgets(line, sizeof line, stdin)) {
+    std::string cmd(line);
+    while (!cmd.empty() && (cmd.back() == '\n' || cmd.back() == '\r')) cmd.pop_back();
+    if (cmd == "run") {
+      fprintf(answer, "%.4f\n", time_ms(pass));
+    } else if (cmd.compare(0, 5, "save ") == 0) {
+      write_floats(cmd.substr(5), out.data(), out.size());
+      fprintf(answer, "%zu\n", out.size());
+    } else if (cmd == "quit") {
+      break;
+    } else {
+      fprintf(answer, "error: unknown command %s\n", cmd.c_str());
+    }
+    fflush(answer);
+  }
+  return 0;
+}
 
-  std::vector<float> input((size_t)batch * model.c * model.h * model.w);
+// A child process spoken to through its standard input and output.
+class Child {
+ public:
+  Child(const std::string& name, std::vector<std::string> argv) : name_(name) {
+    int to[2], from[2];
+    if (pipe(to) != 0 || pipe(from) != 0) fail("pipe failed");
+    pid_ = fork();
+    if (pid_ < 0) fail("fork failed");
+    if (pid_ == 0) {
+      dup2(to[0], 0);
+      dup2(from[1], 1);
+      close(to[0]), close(to[1]), close(from[0]), close(from[1]);
+      std::vector<char*> args;
+      for (std::string& a : argv) args.push_back(&a[0]);
+      args.push_back(nullptr);
+      execvp(args[0], args.data());
+      fprintf(stderr, "bench_peer: cannot start %s\n", args[0]);
+      _exit(127);
+    }
+    close(to[0]), close(from[1]);
+    in_ = fdopen(to[1], "w");
+    out_ = fdopen(from[0], "r");
+  }
+  ~Child() {
+    fputs("quit\n", in_);
+    fclose(in_);
+    fclose(out_);
+    int status;
+    waitpid(pid_, &status, 0);
+  }
+  // The next answer line; a missing or "error:" answer ends the benchmark.
+  std::string read() {
+    char line[4096];
+    if (!fgets(line, sizeof line, out_)) fail(name_ + " ended without an answer");
+    std::string s(line);
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
+    if (s.compare(0, 6, "error:") == 0) fail(name_ + ": " + s);
+    return s;
+  }
+  std::string ask(const std::string& cmd) {
+    fprintf(in_, "%s\n", cmd.c_str());
+    fflush(in_);
+    return read();
+  }
+  const std::string& name() const { return name_; }
+
+ private:
+  std::string name_;
+  pid_t pid_;
+  FILE* in_;
+  FILE* out_;
+};
+
+std::string self_path() {
+  char buf[4096];
+  const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) fail("cannot find this program's path");
+  return std::string(buf, n);
+}
+
+bool ort_available(std::string& why) {
+  if (system("/usr/bin/python3 -c 'import onnx' >/dev/null 2>&1") != 0) {
+    why = "python3-onnx missing";
+    return false;
+  }
+  if (!exists(std::string(ORVA_BENCH_DIR) + "/node_modules/onnxruntime-node/package.json")) {
+    why = "onnxruntime-node not under " ORVA_BENCH_DIR "/node_modules";
+    return false;
+  }
+  return true;
+}
+
+// One network's scratch folder: descriptions for both batches, weights, four input images,
+// its ONNX model when asked, and the float64 reference of the four images.
+struct Prepared {
+  std::string dir;
+  bool onnx = false;
+  std::vector<double> ref;  // batch 4, empty without one
+  size_t per_image = 0;
+};
+
+bool prepare(const PeerModel& model, const std::string& model_weights, bool want_onnx, std::mt19937& rng,
+             Prepared& p) {
+  char tmpl[] = "/tmp/orva_peer_XXXXXX";
+  if (!mkdtemp(tmpl)) fail("cannot make a scratch folder");
+  p.dir = tmpl;
+  const std::string weights = p.dir + "/net.weights";
+  std::vector<float> input((size_t)4 * model.c * model.h * model.w);
   std::uniform_real_distribution<float> pixel(0.f, 1.f);
   for (float& v : input) v = pixel(rng);
-
-  ORVA::Network net(ORVA::TEST, batch, -1);
-  cv::dnn::Net peer;
+  write_floats(p.dir + "/input.f32", input.data(), input.size());
+  write_text(p.dir + "/shape", std::to_string(model.c) + " " + std::to_string(model.h) + " " + std::to_string(model.w));
   if (model.darknet) {
-    if (!load_darknet(model, base, net, peer, rng)) return false;
-  } else {
-    if (net.load(ocfg.c_str(), weights.c_str()) != 0) {
-      fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
+    std::string dcfg = peer_cfg(p.dir, 1);
+    write_text(dcfg, model.darknet(model.w, model.h));
+    write_text(peer_cfg(p.dir, 4), model.darknet(model.w, model.h));
+    try {
+      const auto sections = orvacli::readDarknetCfg(dcfg);
+      const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
+      const std::vector<unsigned char> bytes =
+          yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
+      FILE* f = fopen(weights.c_str(), "wb");
+      if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) throw std::runtime_error("cannot write " + weights);
+      fclose(f);
+      orvacli::writeModel(orvacli::darknetToEngine(sections, dcfg, &bytes, weights), p.dir + "/net.orva");
+    } catch (const std::exception& e) {
+      fprintf(stderr, "%s: %s\n", model.name, e.what());
       return false;
     }
-    peer = cv::dnn::readNetFromDarknet(dcfg, weights);
-    remove(ocfg.c_str());
-    remove(dcfg.c_str());
-    if (model_weights.empty()) remove(weights.c_str());
+    return true;
   }
-  peer.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
-  peer.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
-
-  const int dims[4] = {batch, model.c, model.h, model.w};
-  cv::Mat blob(4, dims, CV_32F, input.data());
-  tbb::task_arena arena(threads);
-  cv::setNumThreads(threads);
-
-  float* host_out = nullptr;
-  cv::Mat peer_out;
-  auto host_pass = [&] { arena.execute([&] { host_out = net.predict(input.data(), batch); }); };
-  auto peer_pass = [&] {
-    peer.setInput(blob);
-    peer_out = peer.forward();
-  };
-  for (int i = 0; i < opt.warmup; ++i) {
-    host_pass();
-    peer_pass();
+  for (int b : {1, 4}) {
+    write_text(host_cfg(p.dir, b), orva_cfg(model, b));
+    write_text(peer_cfg(p.dir, b), darknet_cfg(model, b));
   }
-  std::vector<double> host_ms, peer_ms;
-  for (int i = 0; i < opt.passes; ++i) {
-    host_ms.push_back(time_ms(host_pass));
-    peer_ms.push_back(time_ms(peer_pass));
+  if (model_weights.empty()) {
+    write_weights(model, weights, rng);
+  } else if (system(("cp '" + model_weights + "' '" + weights + "'").c_str()) != 0) {
+    fail("cannot copy " + model_weights);
   }
+  if (want_onnx) {
+    const std::string cmd = "/usr/bin/python3 '" ORVA_BENCH_DIR "/orva_to_onnx.py' '" + host_cfg(p.dir, 4) + "' '" +
+                            weights + "' '" + p.dir + "/net.onnx'";
+    p.onnx = system(cmd.c_str()) == 0;
+    if (!p.onnx) fprintf(stderr, "%s: no ONNX model (%s failed)\n", model.name, cmd.c_str());
+  }
+  ORVA::Network net(ORVA::TEST, 4, -1);
+  if (net.load(host_cfg(p.dir, 4).c_str(), weights.c_str()) != 0) {
+    fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
+    return false;
+  }
+  p.ref = reference(net, input, 4);
+  p.per_image = p.ref.size() / 4;
+  return true;
+}
 
-  double diff;
-  if (model.darknet) {
-    const auto* y = net.getOutputLayer();
-    const size_t want = (size_t)batch * y->_outputs;  // rows x (5 + classes) per item
-    if (peer_out.total() != want || !peer_out.isContinuous()) {
-      fprintf(stderr, "%s: OpenCV gives %zu values for the top head, the host %zu\n", model.name, peer_out.total(), want);
-      return false;
+void cleanup(const Prepared& p) {
+  if (!p.dir.empty()) system(("rm -rf '" + p.dir + "'").c_str());
+}
+
+void print_cell(double v, const char* fmt, int width) {
+  if (std::isnan(v))
+    printf(" %*s", width, "-");
+  else
+    printf(fmt, v);
+}
+
+bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, const Options& opt) {
+  const std::string self = self_path(), b = std::to_string(batch), t = std::to_string(threads);
+  std::vector<std::unique_ptr<Child>> engines;
+  engines.emplace_back(new Child("host", {self, "--worker", "host", p.dir, b, t}));
+  engines.emplace_back(new Child("opencv", {self, "--worker", "opencv", p.dir, b, t}));
+  if (p.onnx)
+    engines.emplace_back(new Child("ort", {"node", ORVA_BENCH_DIR "/ort_time.js", p.dir + "/net.onnx",
+                                           p.dir + "/input.f32", b, std::to_string(model.c), std::to_string(model.h),
+                                           std::to_string(model.w), t}));
+  for (auto& e : engines)
+    if (e->read() != "ready") fail(e->name() + " did not start");
+  std::vector<std::vector<double>> ms(engines.size());
+  for (int r = 0; r < opt.warmup + opt.passes; ++r)
+    for (size_t k = 0; k < engines.size(); ++k) {
+      const size_t e = (k + r) % engines.size();
+      const double v = atof(engines[e]->ask("run").c_str());
+      if (r >= opt.warmup) ms[e].push_back(v);
     }
-    std::vector<float> a, b;
-    yolo_rows(net, host_out, peer_out, batch, a, b);
-    diff = relative_l2(a.data(), b.data(), a.size());
-  } else {
-    const size_t outputs = (size_t)net.getOutputs() * batch;
-    if (peer_out.total() != outputs || !peer_out.isContinuous()) {
-      fprintf(stderr, "%s: output sizes differ (host %zu, OpenCV %zu)\n", model.name, outputs, peer_out.total());
-      return false;
-    }
-    diff = relative_l2(host_out, peer_out.ptr<float>(), outputs);
+  // distances: to the float64 reference where there is one, else host against OpenCV
+  std::vector<std::vector<float>> outs;
+  for (auto& e : engines) {
+    const std::string path = p.dir + "/" + e->name() + ".out";
+    e->ask("save " + path);
+    outs.push_back(read_floats(path));
+    remove(path.c_str());
   }
-  const Stats h = stats(host_ms), p = stats(peer_ms);
-  const bool ok = diff < 1e-2;
-  printf("%-12s %5d %7d %9.2f %9.2f %9.2f %9.2f %7.2f %10.2e%s\n", model.name, batch, threads, h.min_ms, h.median_ms,
-         p.min_ms, p.median_ms, h.median_ms / p.median_ms, diff, ok ? "" : "  OUTPUTS DIFFER");
+  std::vector<double> dist(3, NAN);
+  bool ok = true;
+  for (size_t e = 0; e < engines.size(); ++e) {
+    if (!p.ref.empty()) {
+      const size_t n = p.per_image * batch;
+      if (outs[e].size() != n) {
+        fprintf(stderr, "%s: %s gives %zu values, the reference %zu\n", model.name, engines[e]->name().c_str(),
+                outs[e].size(), n);
+        return false;
+      }
+      dist[e] = relative_l2(outs[e].data(), p.ref.data(), n);
+    } else if (e == 0) {
+      if (outs[0].size() != outs[1].size()) {
+        fprintf(stderr, "%s: OpenCV gives %zu values, the host %zu\n", model.name, outs[1].size(), outs[0].size());
+        return false;
+      }
+      dist[0] = relative_l2(outs[0].data(), outs[1].data(), outs[0].size());
+    }
+    if (!std::isnan(dist[e]) && !(dist[e] < 1e-2)) ok = false;
+  }
+  std::vector<Stats> st;
+  for (auto& m : ms) st.push_back(stats(m));
+  const double nan = NAN;
+  printf("%-12s %5d %3d  %8.2f %8.2f  %8.2f %8.2f", model.name, batch, threads, st[0].min_ms, st[0].median_ms,
+         st[1].min_ms, st[1].median_ms);
+  print_cell(st.size() > 2 ? st[2].min_ms : nan, " %8.2f", 8);
+  print_cell(st.size() > 2 ? st[2].median_ms : nan, " %8.2f", 8);
+  printf("  %6.2f", st[0].median_ms / st[1].median_ms);
+  print_cell(st.size() > 2 ? st[0].median_ms / st[2].median_ms : nan, " %6.2f", 6);
+  for (double d : dist) print_cell(d, " %9.2e", 9);
+  printf("%s\n", ok ? "" : "  OUTPUTS DIFFER");
   fflush(stdout);
   return ok;
 }
@@ -383,27 +683,41 @@ bool run_row(const PeerModel& model, const std::string& model_weights, int batch
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 6 && std::string(argv[1]) == "--worker") return worker(argv[2], argv[3], atoi(argv[4]), atoi(argv[5]));
   Options opt;
-  for (int i = 1; i + 1 < argc; i += 2) {
+  for (int i = 1; i < argc; ++i) {
     const std::string key = argv[i];
-    const char* value = argv[i + 1];
-    if (key == "--passes") opt.passes = std::max(1, atoi(value));
+    if (key == "--no-ort") {
+      opt.ort = false;
+      continue;
+    }
+    const char* value = i + 1 < argc ? argv[++i] : nullptr;
+    if (!value) opt.passes = -1;  // a key without its value: usage
+    else if (key == "--passes") opt.passes = std::max(1, atoi(value));
     else if (key == "--warmup") opt.warmup = std::max(0, atoi(value));
     else if (key == "--network") opt.network = value;
     else if (key == "--batch") opt.batch = atoi(value);
     else if (key == "--threads") opt.threads = atoi(value);
     else if (key == "--face-model") opt.face_model = value;
-    else {
-      fprintf(stderr, "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE]\n",
+    else opt.passes = -1;
+    if (opt.passes < 0) {
+      fprintf(stderr,
+              "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE] "
+              "[--no-ort]\n",
               argv[0]);
       return 2;
     }
   }
   ORVA::setMsgLevel(WARNING);
+  std::string why;
+  if (opt.ort && !ort_available(why)) {
+    printf("# ONNX Runtime left out: %s (run bench/peer_setup.sh)\n", why.c_str());
+    opt.ort = false;
+  }
   std::mt19937 rng(12345);
-  std::vector<PeerModel> models;
-  std::vector<std::string> model_weights;
   bool ok = true;
+  printf("%-12s %5s %3s  %8s %8s  %8s %8s %8s %8s  %6s %6s %9s %9s %9s\n", "network", "batch", "thr", "host min",
+         "host med", "cv min", "cv med", "ort min", "ort med", "h/cv", "h/ort", "L2 host", "L2 cv", "L2 ort");
   for (PeerModel& model : networks()) {
     if (!opt.network.empty() && opt.network != model.name) continue;
     if (!model.weights_from.empty()) model.weights_from = opt.face_model;
@@ -418,20 +732,21 @@ int main(int argc, char** argv) {
     } else if (!model.weights_from.empty()) {
       printf("# %s: random weights (%s not found)\n", model.name, model.weights_from.c_str());
     }
-    models.push_back(model);
-    model_weights.push_back(copied);
-  }
-  printf("%-12s %5s %7s %9s %9s %9s %9s %7s %10s\n", "network", "batch", "threads", "host min", "host med",
-         "cv min", "cv med", "ratio", "rel L2");
-  for (size_t m = 0; m < models.size(); ++m) {
-    for (int batch : {1, 4}) {
-      if (opt.batch && batch != opt.batch) continue;
-      for (int threads : {1, 2}) {
-        if (opt.threads && threads != opt.threads) continue;
-        ok = run_row(models[m], model_weights[m], batch, threads, opt, rng) && ok;
+    Prepared p;
+    const bool ready = prepare(model, copied, opt.ort, rng, p);
+    if (!copied.empty()) remove(copied.c_str());
+    if (ready) {
+      for (int batch : {1, 4}) {
+        if (opt.batch && batch != opt.batch) continue;
+        for (int threads : {1, 2}) {
+          if (opt.threads && threads != opt.threads) continue;
+          ok = run_row(model, p, batch, threads, opt) && ok;
+        }
       }
+    } else {
+      ok = false;
     }
-    if (!model_weights[m].empty()) remove(model_weights[m].c_str());
+    cleanup(p);
   }
   return ok ? 0 : 1;
 }

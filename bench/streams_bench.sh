@@ -15,12 +15,14 @@ streams=${5:-"1 2 4"}
 batches=${6:-"1 2 4"}
 extra=${7:-}
 orva=$build/tools/orva
-demo=$(dirname "$model")/face-api/demo
+demo=$(cd "$(dirname "$model")" && pwd)/face-api/demo
 [ -f "$model" ] || { echo "streams_bench: $model: no such file (scripts/run.sh makes the face model)" >&2; exit 1; }
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 video=$tmp/faces.mkv
-for k in $(seq 0 $((frames - 1))); do ln -s "$demo/sample$((k % 6 + 1)).jpg" "$tmp/frame$k.jpg"; done
+pictures=("$demo"/*.jpg)
+[ -f "${pictures[0]}" ] || { echo "streams_bench: no pictures in $demo (scripts/setup.sh fetches them)" >&2; exit 1; }
+for k in $(seq 0 $((frames - 1))); do ln -s "${pictures[$((k % ${#pictures[@]}))]}" "$tmp/frame$k.jpg"; done
 gst-launch-1.0 -q multifilesrc location="$tmp/frame%d.jpg" stop-index=$((frames - 1)) caps=image/jpeg,framerate=25/1 ! \
   jpegdec ! videoconvert ! videoscale ! video/x-raw,width=960,height=640,pixel-aspect-ratio=1/1,format=I420 ! jpegenc ! \
   matroskamux ! filesink location="$video"

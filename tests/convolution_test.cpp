@@ -6,7 +6,7 @@
 
 #include "base/checked_size.h"
 #include "orva/conv.h"
-#include "network_test_util.h"
+#include "layer_test_util.h"
 #include "orva/activation.h"
 #include "orva/config.h"
 
@@ -27,22 +27,8 @@ constexpr double kInt8Tol = 3e-2;
 
 std::unique_ptr<ConvolutionLayer> make_conv(void* handle, int mode, const std::string& keys, int c, int h, int w,
                                             int batch, bool quant = false, bool fast = false) {
-  const std::string path = temp_path("layer.cfg");
-  write_file(path, "[convolution]\n" + keys);
-  ConfigReader cfg;
-  EXPECT_EQ(cfg.load(path.c_str()), 0);
-  ORVA::InputParams params;
-  params.batch = batch;
-  params.h = h;
-  params.w = w;
-  params.c = c;
-  params.inputs = h * w * c;
-  params.nsect = 0;
-  params.quant = quant;
-  params.fast = fast;
-  ORVA::Layer* l = ORVA::LayerType::create("convolution", mode, nullptr, handle);
-  l->parseConfig(cfg, params);
-  return std::unique_ptr<ConvolutionLayer>(static_cast<ConvolutionLayer*>(l));
+  return std::unique_ptr<ConvolutionLayer>(
+      static_cast<ConvolutionLayer*>(make_layer(handle, mode, "convolution", keys, batch, w, h, c, quant, fast).release()));
 }
 
 struct LayerRun {
@@ -167,92 +153,36 @@ TEST(ConvolutionGeometry, DefaultsAndShapes) {
   destroy_handle(&h);
 }
 
-// Loss L = sum r * y; the layer's backward with delta = r must give dL/dW and dL/dx.
-struct GradientCase {
-  const char* keys;
-  int c, h, w;
-  float weight_step;  // central-difference steps; an input feeds more outputs than a weight,
-  float input_step;   // so it needs a larger step to rise above the rounding of L
-  double tol;         // half rounding of L and of the accumulated gradients
-};
-
-void check_gradients_on(void* h, const GradientCase& gc);
-
-void check_gradients(const GradientCase& gc) {
-  CudaHandle ctx{};
-  create_handle(&ctx, -1);
-  check_gradients_on(&ctx, gc);
-  destroy_handle(&ctx);
-}
-
-void check_gradients_on(void* h, const GradientCase& gc) {
-  const int batch = 2;
-  auto l = make_conv(h, ORVA::TRAIN, gc.keys, gc.c, gc.h, gc.w, batch);
-  const float s = 1.f / std::sqrt((float)(l->_weights / l->_kn));
-  std::vector<Ftype> w = random_halves(l->_weights, -s, s);
-  push(h, l->_weight, w);
-  push(h, l->_bias, random_halves(l->_kn, -0.2f, 0.2f));
-  LayerRun run(l.get());
-  std::vector<Ftype> x = random_halves((size_t)batch * l->_inputs, -1.f, 1.f);
-  const size_t n_out = (size_t)batch * l->_outputs;
-  const std::vector<Ftype> r = random_halves(n_out, -1.f, 1.f);
-  const std::vector<double> rd = to_doubles(r);
-  auto loss = [&](const std::vector<Ftype>& input) {
-    const std::vector<double> y = to_doubles(run.forward(input, batch));
-    double sum = 0;
-    for (size_t i = 0; i < n_out; ++i) sum += rd[i] * y[i];
-    return sum;
-  };
-
-  loss(x);
-  push(h, l->_delta, r);
-  Buffer<Ftype> dx(h, x.size());
-  dx.upload(std::vector<Ftype>(x.size(), fp_0));
-  run.params.delta = dx.get();
-  l->backward(run.params);
-  const std::vector<double> dw = to_doubles(pull(h, l->_weight_update, l->_weights));
-  const std::vector<double> dxd = to_doubles(dx.download());
-
-  std::vector<double> numeric, analytic;
-  for (int k = 0; k < 24; ++k) {
-    const size_t i = rng()() % w.size();
-    std::vector<Ftype> wp = w, wm = w;
-    wp[i] = to_halves(std::vector<float>{half2float_cpu(w[i].__x) + gc.weight_step})[0];
-    wm[i] = to_halves(std::vector<float>{half2float_cpu(w[i].__x) - gc.weight_step})[0];
-    push(h, l->_weight, wp);
-    const double lp = loss(x);
-    push(h, l->_weight, wm);
-    const double lm = loss(x);
-    numeric.push_back((lp - lm) / (half2float_cpu(wp[i].__x) - half2float_cpu(wm[i].__x)));
-    analytic.push_back(dw[i]);
-  }
-  push(h, l->_weight, w);
-  EXPECT_TRUE(NearL2(numeric, to_halves(analytic), gc.tol)) << "weights, " << gc.keys;
-
-  numeric.clear();
-  analytic.clear();
-  for (int k = 0; k < 24; ++k) {
-    const size_t i = rng()() % x.size();
-    std::vector<Ftype> xp = x, xm = x;
-    xp[i] = to_halves(std::vector<float>{half2float_cpu(x[i].__x) + gc.input_step})[0];
-    xm[i] = to_halves(std::vector<float>{half2float_cpu(x[i].__x) - gc.input_step})[0];
-    numeric.push_back((loss(xp) - loss(xm)) / (half2float_cpu(xp[i].__x) - half2float_cpu(xm[i].__x)));
-    analytic.push_back(dxd[i]);
-  }
-  EXPECT_TRUE(NearL2(numeric, to_halves(analytic), gc.tol)) << "inputs, " << gc.keys;
-}
-
+// Gradients into the input and the weights on every backend against central differences.
 TEST(ConvolutionGradient, MatchesFiniteDifferences) {
-  // A linear layer is exactly linear in weights and inputs: a large step costs nothing.
-  check_gradients({"filters=6\nsize=3\nstride=2\ngroups=2\nactivation=linear\n", 4, 9, 8, 0.25f, 0.25f, 2e-2});
-  check_gradients({"filters=4\nsize=3\ndilation=2\nactivation=linear\n", 3, 8, 8, 0.25f, 0.25f, 2e-2});
-  check_gradients({"filters=4\nsize=1\nactivation=linear\n", 5, 6, 6, 0.25f, 0.25f, 2e-2});
+  struct Case {
+    const char* keys;
+    int c, h, w;
+    float step;  // a linear layer is exactly linear: a large step costs nothing
+    double tol;  // half rounding of L and of the accumulated gradients
+  } cases[] = {
+      {"filters=6\nsize=3\nstride=2\ngroups=2\nactivation=linear\n", 4, 9, 8, 0.25f, 2e-2},
+      {"filters=4\nsize=3\ndilation=2\nactivation=linear\n", 3, 8, 8, 0.25f, 2e-2},
+      {"filters=4\nsize=1\nactivation=linear\n", 5, 6, 6, 0.25f, 2e-2},
+      // Normalisation is smooth but not linear: a smaller step, and L carries more rounding.
+      {"filters=4\nsize=3\nbatch_normalize=1\nactivation=linear\n", 3, 6, 6, 0.125f, 4e-2},
+      {"filters=4\nsize=3\ngroups=2\nbatch_normalize=1\nactivation=logistic\n", 4, 6, 5, 0.125f, 4e-2},
+  };
+  for (const Case& k : cases)
+    check_input_backward("[network]\nwidth=" + std::to_string(k.w) + "\nheight=" + std::to_string(k.h) +
+                             "\nchannels=" + std::to_string(k.c) + "\n[convolution]\n" + k.keys,
+                         2, k.step, k.tol, false, true);
 }
 
-TEST(ConvolutionGradient, MatchesFiniteDifferencesWithBatchnorm) {
-  // Normalisation is smooth but not linear: a smaller step, and L carries more rounding.
-  check_gradients({"filters=4\nsize=3\nbatch_normalize=1\nactivation=linear\n", 3, 6, 6, 0.0625f, 0.25f, 4e-2});
-  check_gradients({"filters=4\nsize=3\ngroups=2\nbatch_normalize=1\nactivation=logistic\n", 4, 6, 5, 0.0625f, 0.25f, 4e-2});
+// The layer's weights record as a weights file stores it: biases, then weights, in float.
+std::string weights_record(const std::vector<Ftype>& bias, const std::vector<Ftype>& w) {
+  std::vector<float> record = to_floats(bias);
+  const std::vector<float> wf = to_floats(w);
+  record.insert(record.end(), wf.begin(), wf.end());
+  const std::string path = temp_path("int8.weights");
+  write_bytes(path, std::vector<unsigned char>(reinterpret_cast<unsigned char*>(record.data()),
+                                               reinterpret_cast<unsigned char*>(record.data() + record.size())));
+  return path;
 }
 
 TEST(ConvolutionInt8, EmulationMatchesFloatReference) {
@@ -265,14 +195,7 @@ TEST(ConvolutionInt8, EmulationMatchesFloatReference) {
                        8, 7, 9, batch, true);
     const std::vector<Ftype> w = random_halves(l->_weights, -0.3f, 0.3f);
     const std::vector<Ftype> bias = random_halves(l->_kn, -0.5f, 0.5f);
-    const std::string path = temp_path("int8.weights");
-    {
-      std::vector<float> record = to_floats(bias);
-      const std::vector<float> wf = to_floats(w);
-      record.insert(record.end(), wf.begin(), wf.end());
-      write_bytes(path, std::vector<unsigned char>(reinterpret_cast<unsigned char*>(record.data()),
-                                                   reinterpret_cast<unsigned char*>(record.data() + record.size())));
-    }
+    const std::string path = weights_record(bias, w);
     // Reference first: inference frees the float weights once the 8-bit copy exists.
     push(h, l->_weight, w);
     push(h, l->_bias, bias);
@@ -352,13 +275,7 @@ std::vector<Ftype> int8_forward(int gpu, const Int8Case& k, const std::vector<Ft
   {
     auto l = make_conv(&ctx, ORVA::TEST, k.keys, k.c, 9, 7, batch, true);
     EXPECT_EQ(l->_qinput_size != 0, k.eight_bit) << k.keys << " on backend " << gpu;
-    const std::string path = temp_path("int8case.weights");
-    std::vector<float> record = to_floats(bias);
-    const std::vector<float> wf = to_floats(w);
-    record.insert(record.end(), wf.begin(), wf.end());
-    write_bytes(path, std::vector<unsigned char>(reinterpret_cast<unsigned char*>(record.data()),
-                                                 reinterpret_cast<unsigned char*>(record.data() + record.size())));
-    FILE* fp = fopen(path.c_str(), "rb");
+    FILE* fp = fopen(weights_record(bias, w).c_str(), "rb");
     l->loadWeight(fp, true);
     fclose(fp);
     Buffer<char> qinput(&ctx, l->_qinput_size + 1);

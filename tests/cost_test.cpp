@@ -7,7 +7,7 @@
 
 #include "harness.h"
 #include "layer/cost_layer.h"
-#include "network_test_util.h"
+#include "layer_test_util.h"
 #include "kernels/cost.h"
 
 using namespace orva_test;
@@ -118,16 +118,7 @@ class CostLayerTest : public OnEachBackend {};
 
 TEST_P(CostLayerTest, CostIsErrorPerSampleAndBackwardAddsScaledGradient) {
   const int batch = 3, inputs = 40, n = batch * inputs;
-  const std::string path = temp_path("cost.cfg");
-  write_file(path, "[cost]\ntype=L2\nscale=0.5\n");
-  ConfigReader cfg;
-  ASSERT_EQ(cfg.load(path.c_str()), 0);
-  ORVA::InputParams ip;
-  ip.batch = batch;
-  ip.inputs = inputs;
-  ip.nsect = 0;
-  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create("cost", ORVA::TRAIN, nullptr, handle()));
-  l->parseConfig(cfg, ip);
+  auto l = make_layer(handle(), ORVA::TRAIN, "cost", "type=L2\nscale=0.5\n", batch, inputs, 1, 1);
   EXPECT_EQ(l->_outputs, inputs);
 
   const std::vector<Ftype> x = random_halves(n, -1.f, 1.f), prev = random_halves(n, -1.f, 1.f);

@@ -22,6 +22,28 @@ inline std::unique_ptr<ORVA::Network> net_from_text(const std::string& text, int
   return net;
 }
 
+// One layer of the given section over a w x h x c input, outside any network.
+inline std::unique_ptr<ORVA::Layer> make_layer(void* handle, int mode, const std::string& section,
+                                               const std::string& keys, int batch, int w, int h, int c,
+                                               bool quant = false, bool fast = false) {
+  const std::string path = temp_path("layer.cfg");
+  write_file(path, "[" + section + "]\n" + keys);
+  ConfigReader cfg;
+  EXPECT_EQ(cfg.load(path.c_str()), 0);
+  ORVA::InputParams params;
+  params.batch = batch;
+  params.h = h;
+  params.w = w;
+  params.c = c;
+  params.inputs = w * h * c;
+  params.nsect = 0;
+  params.quant = quant;
+  params.fast = fast;
+  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create(section.c_str(), mode, nullptr, handle));
+  l->parseConfig(cfg, params);
+  return l;
+}
+
 inline ORVA::Layer* last_layer(ORVA::Network& net) { return net.getLayer(net.getLayerCount() - 1); }
 
 inline std::vector<Ftype> layer_output(ORVA::Network& net, int i, int batch) {

@@ -55,7 +55,7 @@ TEST(GridDecoder, ScoresBoxesAndPerClassSuppression) {
   set(1, {.8f, .5f, .25f, .5f, .4f, .5f, 1.2f});    // both classes, the second clamped to 1
   set(2, {1.5f, .5f, .5f, 1.f, 1.f, .9f, .2f});     // objectness clamped; class 1 under the threshold
   set(3, {.7f, 0.f, .5f, 1.f, 1.f, .9f, -.5f});     // overlaps cell 2 in class 0 (IoU .6), lower score
-  set(0, {-.2f, .5f, .5f, .5f, .5f, 1.f, 1.f});     // negative objectness scores 0
+  set(0, {-.5f, .5f, .5f, .5f, .5f, -1.f, -1.f});   // negative objectness and classes score 0, not 0.5
   std::vector<Detection> dets;
   synth::decode_grid(out.data(), gw, gh, 2, 7, 0.3f, 0.45f, dets);
   ASSERT_EQ(dets.size(), 3u);

@@ -1,5 +1,6 @@
-// Detection heads: device forward against a float64 reference, decoding against an
-// independent decoder, training gradients by finite differences, model records, faults.
+// Detection heads (region, qregion, detobj, heatmap, yolo): device forward against a float64
+// reference, decoding against an independent decoder, training gradients by finite
+// differences, the training loop, model records, faults.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -65,20 +66,7 @@ std::string name_of(const Head& h) {
 // channels < 0: the count the head needs.
 std::unique_ptr<ORVA::Layer> make_head(void* handle, int mode, const Head& h, int batch,
                                        const std::string& extra = "", int channels = -1) {
-  const std::string path = temp_path("head.cfg");
-  write_file(path, "[" + std::string(h.section) + "]\n" + h.keys() + extra);
-  ConfigReader cfg;
-  EXPECT_EQ(cfg.load(path.c_str()), 0);
-  ORVA::InputParams params;
-  params.batch = batch;
-  params.h = h.h;
-  params.w = h.w;
-  params.c = channels < 0 ? h.channels() : channels;
-  params.inputs = h.w * h.h * params.c;
-  params.nsect = 0;
-  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create(h.section, mode, nullptr, handle));
-  l->parseConfig(cfg, params);
-  return l;
+  return make_layer(handle, mode, h.section, h.keys() + extra, batch, h.w, h.h, channels < 0 ? h.channels() : channels);
 }
 
 double sigmoid(double v) { return 1 / (1 + std::exp(-v)); }
@@ -280,6 +268,42 @@ struct FrozenLoss {
   }
 };
 
+// Two images of two truths each (x, y, w, h, class; x = 0 ends an image's list) laid out as
+// the layer reads its truth.
+std::vector<float> truth_block(const ORVA::Layer& l, const float (&truths)[2][2][5]) {
+  std::vector<float> truth((size_t)2 * l._truths + 1, 0.f);
+  for (int b = 0; b < 2; ++b)
+    for (int t = 0; t < 2; ++t)
+      for (int k = 0; k < 5; ++k) truth[(size_t)b * l._truths + t * 5 + k] = truths[b][t][k];
+  return truth;
+}
+
+// The gradient a head's training pass hands down for input x.
+std::vector<Ftype> head_gradient(ORVA::Layer& l, void* ctx, const std::vector<Ftype>& x, std::vector<float>& truth) {
+  Buffer<Ftype> in(ctx, x), grad(ctx, std::vector<Ftype>(x.size(), Ftype{0}));
+  ORVA::NetworkParams p = run_params(in, 2, grad, truth.data());
+  ::testing::internal::CaptureStdout();  // the training statistics line
+  l.forward(p);
+  ::testing::internal::GetCapturedStdout();
+  l.backward(p);
+  return grad.download();
+}
+
+// Minus the central differences of a loss at x: what the training pass must hand down.
+template <typename Loss>
+std::vector<double> descent(const Loss& loss, std::vector<double> x) {
+  std::vector<double> want(x.size());
+  for (size_t k = 0; k < x.size(); ++k) {
+    const double keep = x[k], e = 1e-4;
+    x[k] = keep + e;
+    const double up = loss(x);
+    x[k] = keep - e;
+    want[k] = -(up - loss(x)) / (2 * e);
+    x[k] = keep;
+  }
+  return want;
+}
+
 TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
   // Region with the exponential sizes, detobj, and a heat map; softmax classes throughout.
   const Head heads[] = {{"region", 3, 2, 0, 1.f, 1, 3, 2}, {"detobj", 3, 2, 0, 1.f, 1, 3, 2},
@@ -291,21 +315,10 @@ TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
     // No background exemption (thresh), so the loss is smooth around the starting point.
     const std::string scales = "object_scale=2\nnoobject_scale=0.5\nclass_scale=1.5\ncoord_scale=1.25\n";
     auto l = make_head(&ctx, ORVA::TRAIN, h, 2, scales + (h.heatmap() ? "thresh=0\n" : "thresh=1\n"));
-    const size_t n = (size_t)2 * l->_outputs;
-    const std::vector<Ftype> xh = random_halves(n, -1.5f, 1.5f);
+    const std::vector<Ftype> xh = random_halves((size_t)2 * l->_outputs, -1.5f, 1.5f);
     const std::vector<double> x = to_doubles(xh);
-    std::vector<float> truth((size_t)2 * l->_truths + 1, 0.f);
-    for (int b = 0; b < 2; ++b)
-      for (int t = 0; t < 2; ++t)
-        for (int k = 0; k < 5; ++k) truth[(size_t)b * l->_truths + t * 5 + k] = kTruths[b][t][k];
-
-    Buffer<Ftype> in(&ctx, xh);
-    Buffer<Ftype> grad(&ctx, std::vector<Ftype>(n, Ftype{0}));
-    ORVA::NetworkParams p = run_params(in, 2, grad, truth.data());
-    ::testing::internal::CaptureStdout();  // the training statistics line
-    l->forward(p);
-    ::testing::internal::GetCapturedStdout();
-    l->backward(p);
+    std::vector<float> truth = truth_block(*l, kTruths);
+    const std::vector<Ftype> got = head_gradient(*l, &ctx, xh, truth);
 
     // Matched anchors and objectness targets of the starting point, from the test's decoder.
     FrozenLoss loss{h, 2, std::vector<int>(4, -1), std::vector<double>(4, 0)};
@@ -327,54 +340,115 @@ TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
         loss.matched[b * 2 + t] = best_n;
         loss.target[b * 2 + t] = ORVA::box_iou(ref_decode(h, img, best_n, i, j).box, BBox{tr[0], tr[1], tr[2], tr[3]});
       }
-    std::vector<double> want(n);
-    std::vector<double> xp = x;
-    for (size_t k = 0; k < n; ++k) {
-      const double e = 1e-4;
-      xp[k] = x[k] + e;
-      const double up = loss(xp);
-      xp[k] = x[k] - e;
-      want[k] = -(up - loss(xp)) / (2 * e);
-      xp[k] = x[k];
-    }
     // Outputs, targets and gradients pass through half: a few roundings per value.
-    EXPECT_TRUE(NearL2(want, grad.download(), 2e-2));
+    EXPECT_TRUE(NearL2(descent(loss, x), got, 2e-2));
   }
   destroy_handle(&ctx);
 }
 
-// The head inside the training loop: a small detector learns to find a bright square.
-// burn_in=1 because with the default 0 the schedule's first rate is 0/0 by definition.
-TEST(RegionHeads, DetectorLossFallsInTheTrainingLoop) {
-  const std::string cfg = temp_path("train.cfg");
-  write_file(cfg,
-             "[network]\nwidth=8\nheight=8\nchannels=1\n"
-             "[train]\nbatch=4\nlearning_rate=0.02\nmomentum=0.9\ndecay=0.0005\nburn_in=1\n"
-             "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"
-             "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
-             "[region]\nclasses=2\nnum=2\nsoftmax=1\nnoobject_scale=0.25\nanchors=2,2, 4,4\n");
-  sqrand(11);
-  ORVA::Network net(ORVA::TEST, 1, -1);
-  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
-  ORVA::TData d;
-  d.X = ORVA::make_matrix(8, 64);
-  d.Y = ORVA::make_matrix(8, net.getOutputLayer()->_truths);
-  for (int i = 0; i < 8; ++i) {
-    // A 2 x 2 (class 0) or 4 x 4 (class 1) square at a place of its own.
-    const int side = 2 + 2 * (i % 2), x0 = i % 4, y0 = (i * 3) % 5;
-    for (int y = y0; y < y0 + side; ++y)
-      for (int x = x0; x < x0 + side; ++x) d.X.vals[i][y * 8 + x] = 1.f;
-    const float truth[5] = {(x0 + side / 2.f) / 8, (y0 + side / 2.f) / 8, side / 8.f, side / 8.f, (float)(i % 2)};
-    std::copy(truth, truth + 5, d.Y.vals[i]);
+// The yolo head's loss written out in float64: squared errors of every objectness (towards 0)
+// and, for the anchor of each truth's cell, of the box (centre after the logistic, log sizes),
+// objectness (towards 1) and classes. ignore_thresh above any IoU keeps the loss smooth; each
+// truth's anchor depends on the anchor shapes only.
+TEST(YoloHead, LossGradientMatchesFiniteDifferences) {
+  const int W = 3, H = 2, A = 2, C = 3, E = 5 + C, batch = 2;
+  const float obj_s = 2, noobj_s = 0.5f, cls_s = 1.5f, iou_n = 1.25f;
+  CudaHandle ctx{};
+  create_handle(&ctx, -1);
+  {
+    auto l = make_layer(&ctx, ORVA::TRAIN, "yolo",
+                        "classes=3\nnum=2\nanchors=0.8,1.2, 2,1.5\nignore_thresh=2\nobject_scale=2\n"
+                        "noobject_scale=0.5\nclass_scale=1.5\niou_normalizer=1.25\n",
+                        batch, W, H, A * E);
+    const std::vector<Ftype> xh = random_halves((size_t)batch * l->_outputs, -1.5f, 1.5f);
+    // One truth per cell at most, sizes near each anchor in turn.
+    const float truths[batch][2][5] = {{{0.2f, 0.3f, 0.3f, 0.55f, 1}, {0.8f, 0.7f, 0.6f, 0.7f, 2}},
+                                       {{0.5f, 0.75f, 0.65f, 0.8f, 0}, {0, 0, 0, 0, 0}}};
+    std::vector<float> truth = truth_block(*l, truths);
+    const std::vector<Ftype> got = head_gradient(*l, &ctx, xh, truth);
+
+    const double anchors[2][2] = {{0.8, 1.2}, {2, 1.5}};
+    auto at = [&](int b, int a, int e, int loc) { return (size_t)b * A * E * W * H + ((size_t)a * E + e) * W * H + loc; };
+    auto loss = [&](const std::vector<double>& v) {
+      auto y = [&](size_t k, int e) { return e == 2 || e == 3 ? v[k] : 1 / (1 + std::exp(-v[k])); };
+      double sum = 0;
+      std::vector<bool> matched((size_t)batch * A * W * H, false);
+      for (int b = 0; b < batch; ++b)
+        for (int t = 0; t < 2; ++t) {
+          const float* tr = truths[b][t];
+          if (tr[0] == 0) continue;
+          int best = 0;
+          double best_iou = -1;
+          for (int a = 0; a < A; ++a) {
+            const double iou = ORVA::box_iou(BBox{0, 0, (float)(anchors[a][0] / W), (float)(anchors[a][1] / H)},
+                                             BBox{0, 0, tr[2], tr[3]});
+            if (iou > best_iou) best_iou = iou, best = a;
+          }
+          const int i = (int)(tr[0] * W), j = (int)(tr[1] * H), loc = j * W + i;
+          matched[((size_t)b * A + best) * W * H + loc] = true;
+          const double target[4] = {tr[0] * W - i, tr[1] * H - j, std::log(tr[2] * W / anchors[best][0]),
+                                    std::log(tr[3] * H / anchors[best][1])};
+          const double s = iou_n * (2 - tr[2] * tr[3]);
+          for (int e = 0; e < 4; ++e) sum += 0.5 * s * std::pow(target[e] - y(at(b, best, e, loc), e), 2);
+          sum += 0.5 * obj_s * std::pow(1 - y(at(b, best, 4, loc), 4), 2);
+          for (int k = 0; k < C; ++k) sum += 0.5 * cls_s * std::pow((k == tr[4]) - y(at(b, best, 5 + k, loc), 5), 2);
+        }
+      for (int b = 0; b < batch; ++b)
+        for (int a = 0; a < A; ++a)
+          for (int loc = 0; loc < W * H; ++loc)
+            if (!matched[((size_t)b * A + a) * W * H + loc]) sum += 0.5 * noobj_s * std::pow(y(at(b, a, 4, loc), 4), 2);
+      return sum;
+    };
+    EXPECT_TRUE(NearL2(descent(loss, to_doubles(xh)), got, 2e-2));
   }
-  ::testing::internal::CaptureStdout();
-  const float first = net.train(d);
-  float last = first;
-  for (int epoch = 0; epoch < 150; ++epoch) last = net.train(d);
-  ::testing::internal::GetCapturedStdout();
-  // Boxes, classes and objectness all learn: about 60 x lower after 150 epochs.
-  EXPECT_LT(last, first / 10) << "first " << first << " last " << last;
-  ORVA::free_data(d);
+  destroy_handle(&ctx);
+}
+
+// A small detector inside the training loop learns squares of two sizes (class 0 small, class
+// 1 large): a region head, and two yolo heads at two scales, where each truth trains only the
+// head whose anchor of the whole list fits it best, so both heads' losses must fall for the
+// total to fall this far. burn_in=1: with the default 0 the schedule's first rate is 0/0.
+TEST(DetectionHeads, DetectorLossFallsInTheTrainingLoop) {
+  const std::string conv = "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"
+                           "[convolution]\nfilters=14\nsize=1\nactivation=linear\n";
+  const std::string yolo = "[yolo]\nclasses=2\nnum=4\nanchors=2,2, 3,3, 6,6, 8,8\nnoobject_scale=0.25\nmask=";
+  const struct {
+    int side, batch, small, large, epochs;
+    uint32_t seed;
+    std::string layers;
+  } cases[] = {
+      {8, 4, 2, 4, 150, 11, conv + "[region]\nclasses=2\nnum=2\nsoftmax=1\nnoobject_scale=0.25\nanchors=2,2, 4,4\n"},
+      {16, 8, 2, 7, 200, 5, conv + yolo + "0,1\n[route]\nlayers=0\n[maxpool]\nsize=2\nstride=2\n" + conv + yolo + "2,3\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.layers);
+    const std::string cfg = temp_path("train.cfg"), side = std::to_string(c.side);
+    write_file(cfg, "[network]\nwidth=" + side + "\nheight=" + side + "\nchannels=1\n[train]\nbatch=" +
+                        std::to_string(c.batch) + "\nlearning_rate=0.02\nmomentum=0.9\ndecay=0.0005\nburn_in=1\n" +
+                        c.layers);
+    sqrand(c.seed);
+    ORVA::Network net(ORVA::TEST, 1, -1);
+    ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+    ORVA::TData d;
+    d.X = ORVA::make_matrix(8, c.side * c.side);
+    d.Y = ORVA::make_matrix(8, net.getOutputLayer()->_truths);
+    for (int i = 0; i < 8; ++i) {
+      // Each square at a place of its own.
+      const int s = i % 2 ? c.large : c.small, x0 = (i * 5) % (c.side + 1 - s), y0 = (i * 3) % (c.side + 1 - s);
+      for (int y = y0; y < y0 + s; ++y)
+        for (int x = x0; x < x0 + s; ++x) d.X.vals[i][y * c.side + x] = 1.f;
+      const float truth[5] = {(x0 + s / 2.f) / c.side, (y0 + s / 2.f) / c.side, (float)s / c.side, (float)s / c.side,
+                              (float)(i % 2)};
+      std::copy(truth, truth + 5, d.Y.vals[i]);
+    }
+    ::testing::internal::CaptureStdout();
+    const float first = net.train(d);
+    float last = first;
+    for (int epoch = 0; epoch < c.epochs; ++epoch) last = net.train(d);
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_LT(last, first / 10) << "first " << first << " last " << last;
+    ORVA::free_data(d);
+  }
 }
 
 // ---- Records and faults ------------------------------------------------------------------

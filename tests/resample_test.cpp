@@ -85,6 +85,8 @@ const Case kCases[] = {
     {"[network]\nwidth=3\nheight=4\nchannels=2\n[upsample]\nstride=3\n", 9, 12, 2},
     {"[network]\nwidth=6\nheight=4\nchannels=8\n[reorg]\n", 3, 2, 32},
     {"[network]\nwidth=9\nheight=6\nchannels=9\n[reorg]\nstride=3\n", 3, 2, 81},
+    // wide enough for the host's eight-wide gather of stride 2
+    {"[network]\nwidth=20\nheight=4\nchannels=4\n[reorg]\n", 10, 2, 16},
     {"[network]\nwidth=5\nheight=3\nchannels=12\n[spresize]\n", 10, 6, 3},
     // bilinear: by a factor, to a larger and a smaller odd size, and a single row or column
     {"[network]\nwidth=8\nheight=8\nchannels=3\n[resize]\n", 16, 16, 3},

@@ -73,9 +73,10 @@ std::vector<double> reference_smerge(ORVA::Network& net, int batch) {
 
 // Producers are layers without the device library (learned rectifier, pools, resampling), so
 // that every backend, the emulated one included, runs these networks.
+// The route joins sources of 4, 16 and 4 channels, one of them twice.
 const char* kRoute =
-    "[network]\nwidth=9\nheight=7\nchannels=3\n"
-    "[dynact]\n[maxpool]\nsize=2\nstride=1\n[reorg]\nstride=1\n[route]\nlayers=-1,0,-2\n";
+    "[network]\nwidth=18\nheight=14\nchannels=4\n"
+    "[dynact]\n[maxpool]\nsize=2\nstride=2\n[route]\nlayers=0\n[reorg]\n[route]\nlayers=1,-1,1\n";
 std::string shortcut_down(const char* activation) {
   return std::string("[network]\nwidth=10\nheight=8\nchannels=3\n[dynact]\n[maxpool]\nsize=2\nstride=2\n"
                      "[shortcut]\nfrom=0\nalpha=0.5\nbeta=1.5\nactivation=") + activation + "\n";
@@ -99,9 +100,9 @@ std::string siamese_net(const char* merge) {
 TEST(RouteForward, EarlierLayersOnEveryBackend) {
   // The route reference follows the layer's own indexes: check them against the description.
   auto route = net_from_text(kRoute, 1, -1);
-  auto* r = static_cast<ORVA::RouteLayer*>(route->getLayer(3));
-  EXPECT_EQ(std::vector<int>(r->_lindex, r->_lindex + r->_ln), (std::vector<int>{2, 0, 1}));
-  EXPECT_EQ(r->_out_c, 9);
+  auto* r = static_cast<ORVA::RouteLayer*>(route->getLayer(4));
+  EXPECT_EQ(std::vector<int>(r->_lindex, r->_lindex + r->_ln), (std::vector<int>{1, 3, 1}));
+  EXPECT_EQ(r->_out_c, 24);
   auto merged = net_from_text(siamese_net("concat"), 3, -1);
   EXPECT_EQ(std::make_pair(merged->getLayer(1)->_batch, merged->getOutputs()), std::make_pair(3, 5 * 3 * 4));
 
@@ -118,8 +119,8 @@ TEST(RouteBackward, MatchesFiniteDifferences) {
   for (int gpu : test_backends()) {
     const int batch = 2;
     auto route = net_from_text(kRoute, batch, gpu, ORVA::TRAIN);
-    ORVA::Layer* a = route->getLayer(2);
-    ORVA::Layer* b = route->getLayer(0);
+    ORVA::Layer* a = route->getLayer(3);
+    ORVA::Layer* b = route->getLayer(1);
     // Routing is a copy: the loss is exactly linear.
     check_backward(*route, batch,
                    {{a->_output, a->_delta, (size_t)batch * a->_outputs}, {b->_output, b->_delta, (size_t)batch * b->_outputs}},

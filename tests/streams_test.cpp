@@ -322,3 +322,101 @@ TEST(OrvaStreams, BrokerRestartMidStreamLosesOnlyTheGapAndNeverStallsThePipeline
 }
 
 }  // namespace
+
+namespace {
+
+// (frames detected, frames dropped) from each summary line of `source` ("NAME: K frames, ...
+// D dropped before detection"), wherever the terminal's redraw codes left it on its line.
+std::vector<std::pair<long, long>> doneAndDropped(const std::string& err, const std::string& source) {
+  std::vector<std::pair<long, long>> out;
+  std::istringstream in(err);
+  for (std::string l; std::getline(in, l);) {
+    const size_t at = l.find(source + ": ");
+    if (at == std::string::npos || l.find(" frames, ", at) == std::string::npos) continue;
+    const size_t d = l.find(" dropped before detection");
+    size_t b = d;
+    while (d != std::string::npos && b > 0 && std::isdigit((unsigned char)l[b - 1])) --b;
+    out.push_back({std::stol(l.substr(at + source.size() + 2)), d == std::string::npos ? 0 : std::stol(l.substr(b, d - b))});
+  }
+  return out;
+}
+
+// --realtime delivers files at their own rate as cameras would: frames the engine can't take
+// in time are dropped and counted, every frame is either detected or counted, sources at the
+// same rate get the same share of the engine, and the live lines report the rates while it
+// runs. Without it the same files lose nothing.
+TEST(OrvaStreams, RealtimeDropsWhatTheEngineCantTakeAndCountsIt) {
+  const Files& f = files();
+  // A network far slower than 500 frames/s, fed a file that claims 500.
+  const std::string cfg = f.dir + "slow.cfg", model = f.dir + "slow.orva", fast = f.dir + "fast.avi";
+  write_file(cfg, "[network]\nwidth=256\nheight=256\nchannels=3\n[convolution]\nfilters=32\nsize=3\nstride=1\n"
+                  "activation=leaky\n[convolution]\nfilters=14\nsize=3\nstride=16\nactivation=leaky\n"
+                  "[region]\nclasses=2\nnum=2\nanchors=1,1,2,2\nsoftmax=1\n");
+  ORVA::Network net(ORVA::TEST, 1, -1);
+  net.load(cfg.c_str(), nullptr);
+  net.save(model.c_str(), true);
+  constexpr int kFrames = 750;
+  {
+    cv::Mat img(48, 64, CV_8UC3);
+    cv::randu(img, 0, 255);
+    cv::VideoWriter w(fast, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 500, img.size());
+    for (int k = 0; k < kFrames; ++k) w.write(img);
+  }
+  const CliRun paced = run("detect --gpu -1 -m " + model + " --realtime --progress " + fast + " " + fast + " " + fast);
+  ASSERT_EQ(paced.status, 0) << paced.err;
+  const auto counts = doneAndDropped(paced.err, fast);
+  ASSERT_EQ(counts.size(), 3u) << paced.err;
+  long least = kFrames, most = 0, total = 0;
+  for (const auto& [done, dropped] : counts) {
+    EXPECT_GT(dropped, 0);
+    EXPECT_EQ(done + dropped, kFrames);
+    least = std::min(least, done), most = std::max(most, done), total += done;
+  }
+  EXPECT_GE(2 * least, most) << paced.err;
+  EXPECT_EQ((long)framesBySource(paced.out)[fast].size(), total);
+  // The run lasts 1.5 s: at least one live line, redrawn in place.
+  EXPECT_NE(paced.err.find("\x1b[2K"), std::string::npos);
+  EXPECT_NE(paced.err.find("/s  done "), std::string::npos) << paced.err;
+
+  const CliRun whole = run("detect --gpu -1 -m " + model + " --max-frames 40 " + fast + " " + fast);
+  ASSERT_EQ(whole.status, 0) << whole.err;
+  EXPECT_EQ(framesBySource(whole.out)[fast].size(), 80u);
+  EXPECT_EQ(whole.err.find("dropped"), std::string::npos) << whole.err;
+}
+
+// Stream URLs go through FFmpeg: a file served over HTTP is read whole and in order; a server
+// that never answers ends the run after --open-timeout with a message, not a hang.
+TEST(OrvaStreams, StreamUrlsOpenOrTimeOut) {
+  const Files& f = files();
+  const int port = freePort();
+  const pid_t server = spawn({"python3", "-m", "http.server", std::to_string(port), "--bind", "127.0.0.1", "--directory",
+                              f.dir});
+  ASSERT_TRUE(waitFor([&] {
+    return std::system(("python3 -c \"import socket; socket.create_connection(('127.0.0.1', " + std::to_string(port) +
+                        "))\" 2>/dev/null").c_str()) == 0;
+  }, 20));
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/clip.avi";
+  const CliRun served = run("detect --gpu -1 -m " + f.model + " -t 0.1 --max-frames 12 " + url);
+  stop(server);
+  ASSERT_EQ(served.status, 0) << served.err;
+  EXPECT_EQ(framesBySource(served.out)[url], upTo(12));
+
+  // Connections are accepted by the kernel's backlog and never answered.
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ASSERT_EQ(bind(fd, (sockaddr*)&a, sizeof a), 0);
+  listen(fd, 8);
+  getsockname(fd, (sockaddr*)&a, &len);
+  const std::string silent = "http://127.0.0.1:" + std::to_string(ntohs(a.sin_port)) + "/cam.mjpg";
+  const auto t0 = Clock::now();
+  const CliRun hung = run("detect --gpu -1 -m " + f.model + " --open-timeout 1 " + silent);
+  close(fd);
+  EXPECT_EQ(hung.status, 1);
+  EXPECT_NE(hung.err.find(silent + ": no answer within 1 s (--open-timeout)"), std::string::npos) << hung.err;
+  EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 10);
+}
+
+}  // namespace

@@ -2,7 +2,6 @@
 // evaluation of the graph itself (written here from the operations' definitions, sharing
 // nothing with the importer), its refusals, and the fetched CenterNet model on a video frame.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -423,20 +422,6 @@ TEST(TfjsImport, FaultsNameTheNodeOrTensor) {
   } catch (const ConvertError& e) {
     EXPECT_NE(std::string(e.what()).find("g.bin can't be opened"), std::string::npos) << e.what();
   }
-}
-
-// The program: a bad graph is one line naming the file and the problem, status 1.
-TEST(TfjsImport, ProgramReportsABadGraphWithStatus1) {
-  const std::string bad = temp_path("bad.json"), err = temp_path("convert.err");
-  orva_test::write_file(bad, "{\"modelTopology\": {");
-  const std::string cmd = std::string(ORVA_CLI) + " convert --tfjs " + bad + " -o " + temp_path("bad.orva") + " 2>" + err;
-  const int status = std::system(cmd.c_str());
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-  std::ifstream f(err);
-  const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  EXPECT_NE(text.find(bad + ": not JSON"), std::string::npos) << text;
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-  EXPECT_FALSE(std::filesystem::exists(temp_path("bad.orva")));
 }
 
 // The fetched model on frame 100 of the street video, stretched to 512 x 512: the heat maps

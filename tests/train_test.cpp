@@ -15,7 +15,6 @@
 
 #include "network_test_util.h"
 #include "orva/train.h"
-#include "synth_scenes.h"
 
 using namespace orva_test;
 
@@ -324,39 +323,3 @@ TEST(TrainCommand, ChecksListTrainsResumesAndKeepsCheckpoints) {
 }
 
 }  // namespace
-
-// Mean average precision on cases worked by hand (all-point interpolation, IoU >= 0.5).
-TEST(MeanAveragePrecision, HandComputedCases) {
-  auto box = [](int id, float x, float y, float w = 0.2f, float h = 0.2f) {
-    ORVA::BoxLabel b;
-    b.id = id;
-    b.x = x;
-    b.y = y;
-    b.w = w;
-    b.h = h;
-    return b;
-  };
-  auto det = [&](int image, float score, const ORVA::BoxLabel& b) { return synth::Detection{image, b, score}; };
-  const std::vector<ORVA::BoxLabelList> two = {{box(0, 0.2f, 0.2f), box(0, 0.7f, 0.7f)}};
-  // TP, FP, TP: precision 1, 1/2, 2/3 at recall 1/2, 1/2, 1 -> 1/2 x 1 + 1/2 x 2/3.
-  EXPECT_NEAR(synth::mean_ap({det(0, 0.9f, box(0, 0.2f, 0.2f)), det(0, 0.8f, box(0, 0.45f, 0.45f)),
-                              det(0, 0.7f, box(0, 0.7f, 0.7f))},
-                             two, 1),
-              5.0 / 6, 1e-6);
-  // The same detections ranked FP first: precision 0, 1/2, 2/3 -> monotone 2/3 throughout.
-  EXPECT_NEAR(synth::mean_ap({det(0, 0.95f, box(0, 0.45f, 0.45f)), det(0, 0.9f, box(0, 0.2f, 0.2f)),
-                              det(0, 0.7f, box(0, 0.7f, 0.7f))},
-                             two, 1),
-              2.0 / 3, 1e-6);
-  const std::vector<ORVA::BoxLabelList> one = {{box(0, 0.5f, 0.5f)}, {}};
-  // A second detection of a taken truth is a false positive after full recall: AP 1.
-  EXPECT_NEAR(synth::mean_ap({det(0, 0.9f, box(0, 0.5f, 0.5f)), det(0, 0.8f, box(0, 0.51f, 0.5f))}, one, 1), 1.0,
-              1e-6);
-  // IoU 0.026 / 0.054 = 0.48 misses; a detection on the wrong image misses.
-  EXPECT_NEAR(synth::mean_ap({det(0, 0.9f, box(0, 0.57f, 0.5f)), det(1, 0.8f, box(0, 0.5f, 0.5f))}, one, 1), 0.0,
-              1e-6);
-  // Classes without truth do not count; a class with truth and no detection counts as 0.
-  const std::vector<ORVA::BoxLabelList> mixed = {{box(0, 0.5f, 0.5f), box(2, 0.2f, 0.2f)}};
-  EXPECT_NEAR(synth::mean_ap({det(0, 0.9f, box(0, 0.5f, 0.5f)), det(0, 0.5f, box(1, 0.2f, 0.2f))}, mixed, 3), 0.5,
-              1e-6);
-}

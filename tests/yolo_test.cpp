@@ -27,261 +27,37 @@ using orva_test::temp_path;
 
 const char* kAnchors = "anchors=4,6, 8,10, 12,20, 20,16, 30,34, 44,40\nnum=6\nclasses=2\n";
 
+// Sections of the darknet dialect; a size above 1 pads to keep the side.
+std::string conv(int filters, int size, int stride, const char* act = "leaky", bool bn = true) {
+  return std::string("[convolutional]\n") + (bn ? "batch_normalize=1\n" : "") + "filters=" + std::to_string(filters) +
+         "\nsize=" + std::to_string(size) + "\nstride=" + std::to_string(stride) + (size > 1 ? "\npad=1" : "") +
+         "\nactivation=" + act + "\n";
+}
+std::string out(int filters = 21, const char* act = "linear") { return conv(filters, 1, 1, act, false); }
+std::string maxpool(int size, int stride) {
+  return "[maxpool]\nsize=" + std::to_string(size) + "\nstride=" + std::to_string(stride) + "\n";
+}
+std::string route(const char* layers, const char* extra = "") { return std::string("[route]\nlayers=") + layers + "\n" + extra; }
+std::string yolo(const char* mask, const char* extra = "") { return std::string("[yolo]\nmask=") + mask + "\n" + extra + kAnchors; }
+const char* kUp = "[upsample]\nstride=2\n";
+
 // Small networks of each family's shape: the same section kinds in the same roles.
-const std::string kTinyV3 = std::string(R"(
-[convolutional]
-batch_normalize=1
-filters=8
-size=3
-stride=1
-pad=1
-activation=leaky
-[maxpool]
-size=2
-stride=2
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-pad=1
-activation=leaky
-[maxpool]
-size=2
-stride=2
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-pad=1
-activation=leaky
-[maxpool]
-size=2
-stride=2
-[maxpool]
-size=2
-stride=1
-[convolutional]
-batch_normalize=1
-filters=32
-size=3
-pad=1
-activation=leaky
-[convolutional]
-filters=21
-size=1
-activation=linear
-[yolo]
-mask=3,4,5
-)") + kAnchors + R"(
-[route]
-layers=-3
-[convolutional]
-batch_normalize=1
-filters=8
-size=1
-activation=leaky
-[upsample]
-stride=2
-[route]
-layers=-1,4
-[convolutional]
-filters=21
-size=1
-activation=linear
-[yolo]
-mask=0,1,2
-)" + kAnchors;
-
-const std::string kTinyV4 = std::string(R"(
-[convolutional]
-batch_normalize=1
-filters=8
-size=3
-stride=2
-pad=1
-activation=leaky
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-pad=1
-activation=leaky
-[route]
-layers=-1
-groups=2
-group_id=1
-[convolutional]
-batch_normalize=1
-filters=8
-size=3
-pad=1
-activation=leaky
-[route]
-layers=-1,-2
-[maxpool]
-size=2
-stride=2
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-pad=1
-activation=leaky
-[convolutional]
-filters=21
-size=1
-activation=linear
-[yolo]
-mask=3,4,5
-scale_x_y=1.05
-iou_loss=ciou
-nms_kind=greedynms
-beta_nms=0.6
-)") + kAnchors + R"(
-[route]
-layers=-4
-[convolutional]
-batch_normalize=1
-filters=8
-size=1
-activation=leaky
-[upsample]
-stride=2
-[route]
-layers=-1,4
-[convolutional]
-filters=21
-size=1
-activation=linear
-[yolo]
-mask=0,1,2
-scale_x_y=1.05
-)" + kAnchors;
-
-const std::string kV3 = std::string(R"(
-[convolutional]
-batch_normalize=1
-filters=8
-size=3
-pad=1
-activation=leaky
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-stride=2
-pad=1
-activation=leaky
-[convolutional]
-batch_normalize=1
-filters=8
-size=1
-activation=leaky
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-pad=1
-activation=leaky
-[shortcut]
-from=-3
-activation=linear
-[convolutional]
-batch_normalize=1
-filters=32
-size=3
-stride=2
-pad=1
-activation=leaky
-[convolutional]
-filters=21
-size=1
-activation=linear
-[yolo]
-mask=3,4,5
-)") + kAnchors + R"(
-[route]
-layers=-3
-[upsample]
-stride=2
-[route]
-layers=-1,4
-[convolutional]
-filters=21
-size=1
-activation=linear
-[yolo]
-mask=0,1,2
-)" + kAnchors;
-
-const std::string kV4 = std::string(R"(
-[convolutional]
-batch_normalize=1
-filters=8
-size=3
-pad=1
-activation=mish
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-stride=2
-pad=1
-activation=mish
-[convolutional]
-batch_normalize=1
-filters=8
-size=1
-activation=leaky
-[maxpool]
-stride=1
-size=5
-[route]
-layers=-2
-[maxpool]
-stride=1
-size=9
-[route]
-layers=-4
-[maxpool]
-stride=1
-size=13
-[route]
-layers=-1,-3,-5,-6
-[convolutional]
-batch_normalize=1
-filters=16
-size=1
-activation=swish
-[convolutional]
-filters=42
-size=1
-activation=linear
-[yolo]
-mask=0,1,2,3,4,5
-scale_x_y=1.2
-iou_loss=ciou
-nms_kind=greedynms
-)") + kAnchors;
-
+const std::string kTinyV3 = conv(8, 3, 1) + maxpool(2, 2) + conv(16, 3, 1) + maxpool(2, 2) + conv(16, 3, 1) +
+                            maxpool(2, 2) + maxpool(2, 1) + conv(32, 3, 1) + out() + yolo("3,4,5") + route("-3") +
+                            conv(8, 1, 1) + kUp + route("-1,4") + out() + yolo("0,1,2");
+const std::string kTinyV4 = conv(8, 3, 2) + conv(16, 3, 1) + route("-1", "groups=2\ngroup_id=1\n") + conv(8, 3, 1) +
+                            route("-1,-2") + maxpool(2, 2) + conv(16, 3, 1) + out() +
+                            yolo("3,4,5", "scale_x_y=1.05\niou_loss=ciou\nnms_kind=greedynms\nbeta_nms=0.6\n") +
+                            route("-4") + conv(8, 1, 1) + kUp + route("-1,4") + out() + yolo("0,1,2", "scale_x_y=1.05\n");
+const std::string kV3 = conv(8, 3, 1) + conv(16, 3, 2) + conv(8, 1, 1) + conv(16, 3, 1) +
+                        "[shortcut]\nfrom=-3\nactivation=linear\n" + conv(32, 3, 2) + out() + yolo("3,4,5") +
+                        route("-3") + kUp + route("-1,4") + out() + yolo("0,1,2");
+// The pyramid of centred pools.
+const std::string kV4 = conv(8, 3, 1, "mish") + conv(16, 3, 2, "mish") + conv(8, 1, 1) + maxpool(5, 1) + route("-2") +
+                        maxpool(9, 1) + route("-4") + maxpool(13, 1) + route("-1,-3,-5,-6") + conv(16, 1, 1, "swish") +
+                        out(42) + yolo("0,1,2,3,4,5", "scale_x_y=1.2\niou_loss=ciou\nnms_kind=greedynms\n");
 // The scaled form: logistic in the convolution, the head only stretches and squares.
-const std::string kScaled = std::string(R"(
-[convolutional]
-batch_normalize=1
-filters=16
-size=3
-stride=2
-pad=1
-activation=swish
-[convolutional]
-filters=21
-size=1
-activation=logistic
-[yolo]
-mask=0,1,2
-new_coords=1
-scale_x_y=2.0
-)") + kAnchors;
+const std::string kScaled = conv(16, 3, 2, "swish") + out(21, "logistic") + yolo("0,1,2", "new_coords=1\nscale_x_y=2.0\n");
 
 std::string with_net(const std::string& body, int w, int h) {
   return "[net]\nbatch=1\nwidth=" + std::to_string(w) + "\nheight=" + std::to_string(h) + "\nchannels=3\n" + body;
@@ -462,148 +238,5 @@ INSTANTIATE_TEST_SUITE_P(Shapes, YoloFamilies,
                                   std::to_string(std::get<1>(info.param).width) + "x" +
                                   std::to_string(std::get<1>(info.param).height);
                          });
-
-}  // namespace
-
-namespace {
-
-// Two heads at two scales learn squares of two sizes through the training loop: each truth
-// trains only the head whose anchor of the whole list fits it best, so both heads' losses
-// must fall for the total to fall this far.
-TEST(YoloHead, TwoHeadDetectorLossFallsInTheTrainingLoop) {
-  const std::string cfg = temp_path("yolo_train.cfg");
-  orva_test::write_file(cfg,
-                        "[network]\nwidth=16\nheight=16\nchannels=1\n"
-                        "[train]\nbatch=8\nlearning_rate=0.02\nmomentum=0.9\ndecay=0.0005\nburn_in=1\n"
-                        "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"
-                        "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
-                        "[yolo]\nclasses=2\nnum=4\nmask=0,1\nanchors=2,2, 3,3, 6,6, 8,8\nnoobject_scale=0.25\n"
-                        "[route]\nlayers=0\n[maxpool]\nsize=2\nstride=2\n"
-                        "[convolution]\nfilters=16\nsize=3\nactivation=leaky\n"
-                        "[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
-                        "[yolo]\nclasses=2\nnum=4\nmask=2,3\nanchors=2,2, 3,3, 6,6, 8,8\nnoobject_scale=0.25\n");
-  sqrand(5);
-  ORVA::Network net(ORVA::TEST, 1, -1);
-  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
-  ORVA::TData d;
-  d.X = ORVA::make_matrix(8, 256);
-  d.Y = ORVA::make_matrix(8, net.getOutputLayer()->_truths);
-  for (int i = 0; i < 8; ++i) {
-    // A 2 x 2 square (class 0, first head) or a 7 x 7 one (class 1, second head).
-    const int side = i % 2 ? 7 : 2, x0 = (i * 5) % (17 - side), y0 = (i * 3) % (17 - side);
-    for (int y = y0; y < y0 + side; ++y)
-      for (int x = x0; x < x0 + side; ++x) d.X.vals[i][y * 16 + x] = 1.f;
-    const float truth[5] = {(x0 + side / 2.f) / 16, (y0 + side / 2.f) / 16, side / 16.f, side / 16.f, (float)(i % 2)};
-    std::copy(truth, truth + 5, d.Y.vals[i]);
-  }
-  ::testing::internal::CaptureStdout();
-  const float first = net.train(d);
-  float last = first;
-  for (int epoch = 0; epoch < 200; ++epoch) last = net.train(d);
-  ::testing::internal::GetCapturedStdout();
-  EXPECT_LT(last, first / 10) << "first " << first << " last " << last;
-  ORVA::free_data(d);
-}
-
-}  // namespace
-
-namespace {
-
-// The head's loss gradient through backward against central differences of the loss written
-// out in float64: squared errors of every objectness (towards 0) and, for the anchor of each
-// truth's cell, of the box (centre after the logistic, log sizes), objectness (towards 1) and
-// classes. ignore_thresh above any IoU keeps the loss smooth; each truth's anchor depends on
-// the anchor shapes only.
-TEST(YoloHead, LossGradientMatchesFiniteDifferences) {
-  const int W = 3, H = 2, A = 2, C = 3, E = 5 + C, batch = 2;
-  const float obj_s = 2, noobj_s = 0.5f, cls_s = 1.5f, iou_n = 1.25f;
-  const std::string path = temp_path("yolo_head.cfg");
-  orva_test::write_file(path, "[yolo]\nclasses=3\nnum=2\nanchors=0.8,1.2, 2,1.5\nignore_thresh=2\nobject_scale=2\n"
-                              "noobject_scale=0.5\nclass_scale=1.5\niou_normalizer=1.25\n");
-  ConfigReader cfg;
-  ASSERT_EQ(cfg.load(path.c_str()), 0);
-  // Declared first, so the layer and the buffers are released before the context.
-  struct Context {
-    CudaHandle h{};
-    Context() { create_handle(&h, -1); }
-    ~Context() { destroy_handle(&h); }
-  } context;
-  CudaHandle& ctx = context.h;
-  ORVA::InputParams params;
-  params.batch = batch;
-  params.w = W;
-  params.h = H;
-  params.c = A * E;
-  params.inputs = W * H * A * E;
-  params.nsect = 0;
-  std::unique_ptr<ORVA::Layer> l(ORVA::LayerType::create("yolo", ORVA::TRAIN, nullptr, &ctx));
-  l->parseConfig(cfg, params);
-  const size_t n = (size_t)batch * l->_outputs;
-  const std::vector<Ftype> xh = orva_test::random_halves(n, -1.5f, 1.5f);
-  const std::vector<double> x = orva_test::to_doubles(xh);
-  // x, y, w, h, class; one truth per cell at most, sizes near each anchor in turn.
-  const float truths[batch][2][5] = {{{0.2f, 0.3f, 0.3f, 0.55f, 1}, {0.8f, 0.7f, 0.6f, 0.7f, 2}},
-                                     {{0.5f, 0.75f, 0.65f, 0.8f, 0}, {0, 0, 0, 0, 0}}};
-  std::vector<float> truth((size_t)batch * l->_truths + 1, 0.f);
-  for (int b = 0; b < batch; ++b)
-    for (int t = 0; t < 2; ++t)
-      for (int k = 0; k < 5; ++k) truth[(size_t)b * l->_truths + t * 5 + k] = truths[b][t][k];
-
-  orva_test::Buffer<Ftype> in(&ctx, xh);
-  orva_test::Buffer<Ftype> grad(&ctx, std::vector<Ftype>(n, Ftype{0}));
-  ORVA::NetworkParams p;
-  p.input = in;
-  p.batch = batch;
-  p.delta = grad;
-  p.truth = truth.data();
-  ::testing::internal::CaptureStdout();
-  l->forward(p);
-  ::testing::internal::GetCapturedStdout();
-  l->backward(p);
-
-  const double anchors[2][2] = {{0.8, 1.2}, {2, 1.5}};
-  auto at = [&](int b, int a, int e, int loc) { return (size_t)b * A * E * W * H + ((size_t)a * E + e) * W * H + loc; };
-  auto loss = [&](const std::vector<double>& v) {
-    auto y = [&](size_t k, int e) { return e == 2 || e == 3 ? v[k] : 1 / (1 + std::exp(-v[k])); };
-    double sum = 0;
-    std::vector<bool> matched((size_t)batch * A * W * H, false);
-    for (int b = 0; b < batch; ++b)
-      for (int t = 0; t < 2; ++t) {
-        const float* tr = truths[b][t];
-        if (tr[0] == 0) continue;
-        int best = 0;
-        double best_iou = -1;
-        for (int a = 0; a < A; ++a) {
-          const double iou = ORVA::box_iou(ORVA::BBox{0, 0, (float)(anchors[a][0] / W), (float)(anchors[a][1] / H)},
-                                           ORVA::BBox{0, 0, tr[2], tr[3]});
-          if (iou > best_iou) best_iou = iou, best = a;
-        }
-        const int i = (int)(tr[0] * W), j = (int)(tr[1] * H), loc = j * W + i;
-        matched[((size_t)b * A + best) * W * H + loc] = true;
-        const double target[4] = {tr[0] * W - i, tr[1] * H - j, std::log(tr[2] * W / anchors[best][0]),
-                                  std::log(tr[3] * H / anchors[best][1])};
-        const double s = iou_n * (2 - tr[2] * tr[3]);
-        for (int e = 0; e < 4; ++e) sum += 0.5 * s * std::pow(target[e] - y(at(b, best, e, loc), e), 2);
-        sum += 0.5 * obj_s * std::pow(1 - y(at(b, best, 4, loc), 4), 2);
-        for (int k = 0; k < C; ++k) sum += 0.5 * cls_s * std::pow((k == tr[4]) - y(at(b, best, 5 + k, loc), 5), 2);
-      }
-    for (int b = 0; b < batch; ++b)
-      for (int a = 0; a < A; ++a)
-        for (int loc = 0; loc < W * H; ++loc)
-          if (!matched[((size_t)b * A + a) * W * H + loc]) sum += 0.5 * noobj_s * std::pow(y(at(b, a, 4, loc), 4), 2);
-    return sum;
-  };
-  std::vector<double> want(n), xp = x;
-  for (size_t k = 0; k < n; ++k) {
-    const double e = 1e-4;
-    xp[k] = x[k] + e;
-    const double up = loss(xp);
-    xp[k] = x[k] - e;
-    want[k] = -(up - loss(xp)) / (2 * e);
-    xp[k] = x[k];
-  }
-  // Outputs, targets and gradients pass through half: a few roundings per value.
-  EXPECT_TRUE(orva_test::NearL2(want, grad.download(), 2e-2));
-}
 
 }  // namespace

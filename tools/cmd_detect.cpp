@@ -50,6 +50,32 @@ bool isCameraIndex(const std::string& s) {
   return !s.empty() && s.size() < 4 && std::all_of(s.begin(), s.end(), ::isdigit) && !fs::exists(s);
 }
 
+// "rtsp://...", "http://...", "udp://...": a stream OpenCV's FFmpeg reader opens.
+bool isStreamUrl(const std::string& s) {
+  const size_t k = s.find("://");
+  return k != std::string::npos && k > 0 &&
+         std::all_of(s.begin(), s.begin() + k, [](char c) { return std::isalnum((unsigned char)c) || c == '+' || c == '-' || c == '.'; });
+}
+
+// A stream URL through FFmpeg, which honours a deadline on opening and on every read (a
+// camera that stops answering ends its source instead of holding its reader forever); the
+// other readers wait on an unanswered URL for as long as the network does.
+std::unique_ptr<cv::VideoCapture> openStream(const std::string& url, double timeout_s, std::string& why) {
+  const int ms = (int)std::lround(timeout_s * 1000);
+  const Clock::time_point t0 = Clock::now();
+  auto cap = std::make_unique<cv::VideoCapture>(
+      url, cv::CAP_FFMPEG, std::vector<int>{cv::CAP_PROP_OPEN_TIMEOUT_MSEC, ms, cv::CAP_PROP_READ_TIMEOUT_MSEC, ms});
+  if (cap->isOpened()) return cap;
+  const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
+  char buf[96];
+  if (secs >= 0.9 * timeout_s)
+    snprintf(buf, sizeof buf, "no answer within %g s (--open-timeout)", timeout_s);
+  else
+    snprintf(buf, sizeof buf, "can't open the stream");
+  why = buf;
+  return nullptr;
+}
+
 // What the user asked for beyond the model.
 struct Settings {
   float thresh = 0.5f, nms = 0.4f;
@@ -61,6 +87,7 @@ struct Settings {
   int track_max_miss = 3, track_min_hits = 2;
   bool realtime = false, mqtt_required = false;
   std::string mqtt, topic = "orva";
+  double open_timeout = 10;
 };
 
 // One input as the user named it: a list of pictures (a file or a folder), a video file or
@@ -71,6 +98,7 @@ struct Source {
   std::vector<fs::path> images;
   std::unique_ptr<cv::VideoCapture> video;
   bool camera = false;
+  bool live = false;  // a camera or a stream URL: frames come whether or not they are taken
   long total = 0;  // frames to go through in a video file, 0 when unknown
   long next = 0;   // index of the next frame
   long read = 0;   // frames read to detect
@@ -189,7 +217,8 @@ int cmd_detect(int argc, char** argv) {
   addModelOptions(app, o);
   Settings st;
   std::vector<std::string> inputs, per_source;
-  app.add_option("sources", inputs, "image files, folders of images, video files or camera indexes")->required();
+  app.add_option("sources", inputs, "image files, folders of images, video files, camera indexes or stream URLs")
+      ->required();
   app.add_option("-t,--thresh", st.thresh, "score threshold")->capture_default_str()->check(CLI::Range(0.0, 1.0));
   app.add_option("--nms", st.nms, "overlap above which the lower-scored box goes; <= 0: soft suppression")
       ->capture_default_str();
@@ -222,6 +251,8 @@ int cmd_detect(int argc, char** argv) {
   app.add_option("--topic", st.topic, "topic prefix of the events: PREFIX/SOURCE/frames and PREFIX/SOURCE/tracks")
       ->capture_default_str();
   app.add_flag("--mqtt-required", st.mqtt_required, "fail at once when the broker can't be reached");
+  app.add_option("--open-timeout", st.open_timeout, "seconds a stream URL may take to open, or to deliver a frame")
+      ->capture_default_str()->check(CLI::Range(0.1, 3600.0));
   int status;
   if (parseArgs(app, argc, argv, status)) return status;
   auto usage = [](const std::string& what) {
@@ -260,8 +291,16 @@ int cmd_detect(int argc, char** argv) {
     s->key = (unsigned)sources.size();
     if (isCameraIndex(a)) {
       s->video = std::make_unique<cv::VideoCapture>(std::stoi(a));
-      s->camera = true;
+      s->camera = s->live = true;
       if (!s->video->isOpened()) return fail("detect", "camera " + a + ": can't open");
+    } else if (isStreamUrl(a) && !fs::exists(a)) {
+      std::string why;
+      s->video = openStream(a, st.open_timeout, why);
+      if (!s->video) return fail("detect", a + ": " + why);
+      // A file served over the network says how many frames it holds and is read as a file;
+      // a live stream does not.
+      s->total = std::max(0L, (long)s->video->get(cv::CAP_PROP_FRAME_COUNT));
+      s->live = s->total == 0;
     } else if (fs::is_directory(a)) {
       std::error_code ec;
       for (const auto& e : fs::directory_iterator(a, ec))
@@ -282,13 +321,13 @@ int cmd_detect(int argc, char** argv) {
       if (start_secs >= 0) s->video->set(cv::CAP_PROP_POS_MSEC, start_secs * 1000);
       if (start_frame > 0) {
         // Seeking is not exact in every container: frames are read past when it fails.
-        if (s->camera || !s->video->set(cv::CAP_PROP_POS_FRAMES, (double)start_frame)) {
+        if (s->live || !s->video->set(cv::CAP_PROP_POS_FRAMES, (double)start_frame)) {
           for (long k = 0; k < start_frame && s->video->grab(); ++k) {
           }
         }
       }
       s->next = std::max(0L, (long)s->video->get(cv::CAP_PROP_POS_FRAMES));
-      if (s->camera) s->next = start_frame;
+      if (s->live) s->next = start_frame;
     } else {
       s->next = start_frame;
     }
@@ -403,7 +442,7 @@ int cmd_detect(int argc, char** argv) {
         ++s.next;
       }
       if (!s.video->read(f.img) || f.img.empty()) return false;
-      f.time = s.camera ? std::chrono::duration<double>(Clock::now() - s.start).count()
+      f.time = s.live ? std::chrono::duration<double>(Clock::now() - s.start).count()
                         : s.video->get(cv::CAP_PROP_POS_MSEC) / 1000.0;
     } else {
       if (s.next >= (long)s.images.size()) return false;
@@ -608,7 +647,7 @@ int cmd_detect(int argc, char** argv) {
     std::vector<StreamSource> streams;
     for (auto& sp : sources)
       streams.push_back(StreamSource{sp->arg, sp->key, std::move(sp->video),
-                                     sp->camera || sp->arg.find("://") != std::string::npos, sp->total, sp->next});
+                                     sp->live, sp->total, sp->next});
     StreamOptions so;
     so.max_frames = st.max_frames, so.every = st.every, so.realtime = st.realtime, so.only_hits = st.only_hits;
     so.track = st.track, so.stats = bar, so.min_size = st.min_size, so.roi = roi, so.track_iou = st.track_iou;

@@ -4,9 +4,13 @@
 // network workspace and products through blas_gemm. The 8-bit pass accumulates exact integer
 // products as the device does.
 #include <cblas.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -137,6 +141,74 @@ void for_sample_pieces(long long J, int w, int N, F f) {
   }
 }
 
+// Products with the weights packed once: on AVX-512 hosts the Winograd products run through
+// this kernel instead of OpenBLAS, whose sgemm packs both operands on every call; for the
+// large late layers that is most of the pass's memory traffic (the transformed weights of a
+// 13 x 13 x 1024 -> 1024 layer are 64 MB, read twice and written once per pass for a product
+// of only 49 tile columns at batch 1). The weights are kept as [row block][k][kPackRows]
+// floats (rows past the last zero); the other operand is read as it lies (row-major K x N,
+// its rows in cache), 16 columns to a vector, the last vector masked. Float sums in k order.
+constexpr int kPackRows = 8;  // weight rows per register block: 8 x 3 vectors of sums
+
+size_t packed_rows(int rows) { return (size_t)(rows + kPackRows - 1) / kPackRows * kPackRows; }
+
+#if defined(__x86_64__)
+bool packed_products() { return __builtin_cpu_supports("avx512f"); }
+
+// c[0..rows) x [0..16 V) = a (packed block, K x kPackRows) times b (K rows of ldb), the
+// last vector's columns masked by `last`.
+template <int V>
+__attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, float* c,
+                                                     size_t ldc, int rows, __mmask16 last) {
+  __m512 acc[kPackRows][V];
+  for (int r = 0; r < kPackRows; ++r)
+    for (int j = 0; j < V; ++j) acc[r][j] = _mm512_setzero_ps();
+  for (int k = 0; k < K; ++k, a += kPackRows, b += ldb) {
+    __m512 bv[V];
+#pragma GCC unroll 3
+    for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(b + 16 * j) : _mm512_maskz_loadu_ps(last, b + 16 * j);
+#pragma GCC unroll 8
+    for (int r = 0; r < kPackRows; ++r) {
+      const __m512 av = _mm512_set1_ps(a[r]);
+#pragma GCC unroll 3
+      for (int j = 0; j < V; ++j) acc[r][j] = _mm512_fmadd_ps(av, bv[j], acc[r][j]);
+    }
+  }
+  // Every row stored through the same unrolled code (a loop that stopped early would keep the
+  // sums in memory instead of registers); the rows past `rows` go to a scratch block.
+  alignas(64) float spare[16 * V];
+#pragma GCC unroll 8
+  for (int r = 0; r < kPackRows; ++r) {
+    float* dst = r < rows ? c + r * ldc : spare;
+#pragma GCC unroll 3
+    for (int j = 0; j + 1 < V; ++j) _mm512_storeu_ps(dst + 16 * j, acc[r][j]);
+    _mm512_mask_storeu_ps(dst + 16 * (V - 1), last, acc[r][V - 1]);
+  }
+}
+
+// C (M x N, ldc) = A (M x K, packed) B (K x N, ldb). Column blocks keep B's part in cache
+// while every row block passes over it.
+void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc) {
+  const int nc = std::max(48, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) / 48 * 48);
+  for (int jc = 0; jc < N; jc += nc)
+    for (int i = 0; i < M; i += kPackRows) {
+      const float* a = ap + (size_t)i * K;
+      const int rows = std::min(kPackRows, M - i);
+      for (int j = jc, end = std::min(N, jc + nc); j < end; j += 48) {
+        const int n = std::min(48, end - j);
+        const __mmask16 last = (__mmask16)((1u << ((n - 1) % 16 + 1)) - 1);
+        float* cj = c + (size_t)i * ldc + j;
+        if (n > 32) packed_block<3>(K, a, b + j, ldb, cj, ldc, rows, last);
+        else if (n > 16) packed_block<2>(K, a, b + j, ldb, cj, ldc, rows, last);
+        else packed_block<1>(K, a, b + j, ldb, cj, ldc, rows, last);
+      }
+    }
+}
+#else
+bool packed_products() { return false; }
+void packed_product(int, int, int, const float*, const float*, size_t, float*, size_t) {}
+#endif
+
 // 3x3 stride-1 kernels with many channels take the Winograd F(2x2, 3x3) product: each 2x2
 // block of outputs from a 4x4 input tile with 16 multiplications per channel pair instead
 // of 36, as 16 independent products U_t (filters x channels) V_t (channels x tiles). The
@@ -147,6 +219,7 @@ class HostConvPlan : public ConvPlan {
  public:
   using ConvPlan::ConvPlan;
   std::vector<float> wino_u;
+  bool wino_packed = false;  // wino_u as packed blocks for packed_product, else plain matrices
   std::vector<Ftype> wino_source;
   const Ftype* wino_from = nullptr;
 };
@@ -164,8 +237,11 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
   p->wino_source.assign(weight, weight + n);
   p->wino_from = weight;
   float* u = p->wino_u.data();
+  const size_t per_t = p->wino_u.size() / 16;
   tbb::parallel_for(tbb::blocked_range<size_t>(0, mc, 256), [&](const tbb::blocked_range<size_t>& r) {
     for (size_t fc = r.begin(); fc != r.end(); ++fc) {
+      const size_t f = fc / s.in_c, c = fc % s.in_c;
+      const size_t at = p->wino_packed ? (f / kPackRows * s.in_c + c) * kPackRows + f % kPackRows : fc;
       float g[9], t[4][3];
       for (int k = 0; k < 9; ++k) g[k] = h2f(weight[fc * 9 + k]);
       for (int j = 0; j < 3; ++j) {  // G g
@@ -177,7 +253,7 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
       for (int i = 0; i < 4; ++i) {  // (G g) G^T
         const float v[4] = {t[i][0], 0.5f * (t[i][0] + t[i][1] + t[i][2]), 0.5f * (t[i][0] - t[i][1] + t[i][2]),
                             t[i][2]};
-        for (int j = 0; j < 4; ++j) u[(size_t)(i * 4 + j) * mc + fc] = v[j];
+        for (int j = 0; j < 4; ++j) u[(size_t)(i * 4 + j) * per_t + at] = v[j];
       }
     }
   });
@@ -237,8 +313,18 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
   });
   // Sixteen products, split by filters too when there are more threads than products.
   const int row_tiles = std::max(1, std::min(M / kMinTileRows, (2 * threads + 15) / 16));
-  const int mb = (M + row_tiles - 1) / row_tiles;
   const float* u = p->wino_u.data();
+  if (p->wino_packed) {
+    const int mb = (int)packed_rows((M + row_tiles - 1) / row_tiles);
+    const size_t per_t = p->wino_u.size() / 16;
+    tbb::parallel_for(0, 16 * row_tiles, [&](int task) {
+      const int t = task / row_tiles, i0 = (task % row_tiles) * mb, h = std::min(mb, M - i0);
+      if (h <= 0) return;
+      packed_product(h, (int)T, C, u + t * per_t + (size_t)i0 * C, v + (size_t)t * C * T, T, m + ((size_t)t * M + i0) * T,
+                     T);
+    });
+  } else {
+  const int mb = (M + row_tiles - 1) / row_tiles;
   blas_single_threaded([&] {
     tbb::parallel_for(0, 16 * row_tiles, [&](int task) {
       const int t = task / row_tiles, i0 = (task % row_tiles) * mb, h = std::min(mb, M - i0);
@@ -247,6 +333,7 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
                   v + (size_t)t * C * T, (int)T, 0.f, m + ((size_t)t * M + i0) * T, (int)T);
     });
   });
+  }
   // Output tiles: Y = A^T m A, the odd last row and column dropped.
   const size_t step = (size_t)M * T;
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * M), [&](const tbb::blocked_range<int>& r) {
@@ -328,7 +415,8 @@ void conv_col2im_add(const Ftype* col, int channels, int height, int width, int 
 ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
   HostConvPlan* plan = new HostConvPlan(s);
   if (takes_winograd(s)) {
-    plan->wino_u.resize((size_t)16 * s.out_c * s.in_c);
+    plan->wino_packed = packed_products();
+    plan->wino_u.resize((size_t)16 * (plan->wino_packed ? packed_rows(s.out_c) : s.out_c) * s.in_c);
     plan->wino_source.reserve((size_t)9 * s.out_c * s.in_c);
   }
   // Only the backward passes use a column matrix; the forward pass gathers its panels into
@@ -347,29 +435,34 @@ bool is_depthwise(const ConvShape& s) { return s.groups > 1 && s.groups == s.in_
 void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, const Ftype* input,
                        const Ftype* weight, Ftype* output, const OutputStep& finish) {
   const int k = s.size, wp = s.in_w + 2 * s.pad;
-  const size_t per_thread = (size_t)k * wp + s.out_w + k * k;
+  // The plane is widened once, rows with their zero border, and every output row then reads
+  // its k rows from it (widening row by row for each output row widened every row k times).
+  const size_t per_thread = (size_t)s.in_h * wp + s.out_w + k * k;
   const int threads = tbb::this_task_arena::max_concurrency();
   float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
   if (!scratch)
-    ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", k, wp);
+    ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", s.in_h, wp);
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
     float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
-    float* acc = rows + (size_t)k * wp;
+    float* acc = rows + (size_t)s.in_h * wp;
     float* w = acc + s.out_w;
     for (int bc = r.begin(); bc != r.end(); ++bc) {
       const int c = bc % s.in_c;
       const Ftype* plane = input + (size_t)bc * s.in_h * s.in_w;
       Ftype* out = output + (size_t)bc * s.out_h * s.out_w;
       widen_strided(weight + (size_t)c * k * k, 1, k * k, w);
+      for (int iy = 0; iy < s.in_h; ++iy) {
+        float* row = rows + (size_t)iy * wp;
+        std::fill(row, row + s.pad, 0.f);
+        widen_strided(plane + (size_t)iy * s.in_w, 1, s.in_w, row + s.pad);
+        std::fill(row + s.pad + s.in_w, row + wp, 0.f);
+      }
       for (int y = 0; y < s.out_h; ++y) {
         std::fill(acc, acc + s.out_w, 0.f);
         for (int ky = 0; ky < k; ++ky) {
           const int iy = y * s.stride - s.pad + ky * s.dilation;
           if (iy < 0 || iy >= s.in_h) continue;
-          float* row = rows + (size_t)ky * wp;
-          std::fill(row, row + s.pad, 0.f);
-          widen_strided(plane + (size_t)iy * s.in_w, 1, s.in_w, row + s.pad);
-          std::fill(row + s.pad + s.in_w, row + wp, 0.f);
+          const float* row = rows + (size_t)iy * wp;
           for (int kx = 0; kx < k; ++kx) {
             const float wk = w[ky * k + kx];
             const float* src = row + kx * s.dilation;
@@ -396,17 +489,41 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
   if (is_depthwise(s)) return depthwise_forward(backend, s, batch, input, weight, output, finish);
   const long long columns = (long long)batch * N;
   const int threads = tbb::this_task_arena::max_concurrency();
-  const ForwardTiling t = forward_tiling(fpg, columns, K, threads);
+  ForwardTiling t = forward_tiling(fpg, columns, K, threads);
+  // Packed products: the weights widened straight into row blocks, tiles whole blocks.
+  const bool packed = packed_products();
+  const size_t group_rows = packed ? packed_rows(fpg) : fpg;
+  if (packed) {
+    t.mb = (int)packed_rows(t.mb);
+    t.row_tiles = (fpg + t.mb - 1) / t.mb;
+  }
   const size_t b_floats = t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
   const size_t c_tile = (size_t)t.mb * t.nb;
-  float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * (size_t)s.out_c * K));
+  float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * s.groups * group_rows * K));
   float* bm = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * b_floats));
   float* cm = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
   if (!a || !bm || !cm)
     ORVA_THROW("conv_forward: no host scratch for %d filters, %d x %lld columns", s.out_c, K, columns);
-  tbb::parallel_for(tbb::blocked_range<int>(0, s.out_c, 16), [&](const tbb::blocked_range<int>& r) {
-    widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
-  });
+  if (packed) {
+    const int blocks = (int)(group_rows / kPackRows);
+    tbb::parallel_for(0, s.groups * blocks, [&](int gb) {
+      const int g = gb / blocks, f0 = (gb % blocks) * kPackRows;
+      float* dst = a + ((size_t)g * group_rows + f0) * K;
+      float row[64];
+      for (int k0 = 0; k0 < K; k0 += 64) {
+        const int n = std::min(64, K - k0);
+        for (int r = 0; r < kPackRows; ++r) {
+          if (f0 + r < fpg) widen_strided(weight + ((size_t)g * fpg + f0 + r) * K + k0, 1, n, row);
+          else std::fill(row, row + n, 0.f);
+          for (int k = 0; k < n; ++k) dst[(size_t)(k0 + k) * kPackRows + r] = row[k];
+        }
+      }
+    });
+  } else {
+    tbb::parallel_for(tbb::blocked_range<int>(0, s.out_c, 16), [&](const tbb::blocked_range<int>& r) {
+      widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
+    });
+  }
   const size_t in_image = (size_t)s.in_c * s.in_h * s.in_w, out_image = (size_t)s.out_c * N;
   auto pack = [&](int g, long long J, int w, float* dst, size_t ld) {
     for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
@@ -437,8 +554,11 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
             bp = own;
             ldb = w;
           }
-          cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, h, w, K, 1.f, a + ((size_t)g * fpg + i0) * K, K, bp,
-                      ldb, 0.f, cp, w);
+          if (packed)
+            packed_product(h, w, K, a + ((size_t)g * group_rows + i0) * K, bp, ldb, cp, w);
+          else
+            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, h, w, K, 1.f, a + ((size_t)g * fpg + i0) * K, K, bp,
+                        ldb, 0.f, cp, w);
           for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
             Ftype* out = output + b * out_image + ((size_t)g * fpg + i0) * N + j;
             for (int i = 0; i < h; ++i) finish(cp + (size_t)i * w + at, out + (size_t)i * N, n, g * fpg + i0 + i);

@@ -1,4 +1,5 @@
-// The orva program's converters: face-api manifests and the darknet dialect.
+// The convert command's converters: face-api manifests and the darknet dialect (TF.js graph
+// models are in tfjs_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cstdio>

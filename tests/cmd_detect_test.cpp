@@ -1,6 +1,6 @@
-// The orva program run as its users run it: statuses and messages of every kind of fault, no
-// file left half-written, the detect options, interrupted runs, and the face detector on a
-// demo picture when it has been fetched.
+// The orva program run as its users run it: every command's statuses and messages for every
+// kind of fault, no file left half-written; the detect command's options, interrupted runs,
+// and the face detector on a demo picture when it has been fetched.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -76,6 +76,7 @@ struct Files {
     write_file(dir + "short.weights", std::string(12, '\0'));
     write_file(dir + "empty.weights", "");
     write_file(dir + "junk.orva", "not a model");
+    write_file(dir + "bad.json", "{\"modelTopology\": {");
     write_file(dir + "labels.txt", "pic.png 0 0.5 0.5 0.2 0.2\n");
     cv::Mat img(48, 64, CV_8UC3);
     cv::randu(img, 0, 255);
@@ -133,6 +134,7 @@ TEST(OrvaProgram, FaultsEndInOneMessageNamingTheFileAndLeaveNothingBehind) {
       {"train --gpu -1 -o " + d + " -w " + d + "short.weights " + f.cfg + " " + d + "labels.txt", 1,
        "short.weights: ends early"},
       {"convert --cfg " + f.cfg + " -w " + d + "short.weights -o " + out, 1, "short.weights: ends early"},
+      {"convert --tfjs " + d + "bad.json -o " + out, 1, d + "bad.json: not JSON"},
       // Outputs that can't be written.
       {"convert --cfg " + f.cfg + " -w " + f.weights + " -o /dev/full", 1, "/dev/full: can't write"},
       {"convert --cfg " + f.cfg + " -w " + f.weights + " -o " + d + "nodir/x.orva", 1, "nodir/x.orva: no such folder"},

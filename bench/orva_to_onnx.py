@@ -1,0 +1,230 @@
+#!/usr/bin/env python3
+"""Writes an ONNX model of an engine network, for running it in other runtimes.
+
+    python3 bench/orva_to_onnx.py NET.cfg NET.weights OUT.onnx [--batch N] [--opset N]
+
+NET.cfg is the engine's text description ([network], [convolution], [maxpool]) and
+NET.weights a weights-only file written for it (20-byte header, then per convolution the
+biases, the normalisation record when batch_normalize=1, and the weights, as 32-bit floats).
+The batch dimension of the model's input "input" (N x C x H x W floats) and output "output"
+is symbolic unless --batch fixes it. Needs Debian's python3-onnx and python3-numpy.
+
+The weights are what the engine computes with: every value rounded to half as it is read,
+normalisation folded into the biases and weights in half exactly as the engine folds it at
+load time (bias - half(mean * scale / (sqrt(var) + 1e-5)), weight * half(scale /
+(sqrt(var) + 1e-5)), float operations in that order). A convolution without an activation
+adds no bias (the engine skips the bias there), and leaky uses the half slope 0.0999755859375.
+
+Max-pool keeps the engine's output size (in + 2 pad) / stride: the end padding is chosen so
+that ONNX's floor((in + begin + end - size) / stride) + 1 gives it, and an explicit Pad node
+with minus infinity takes the padding when it would reach the kernel size (ONNX refuses
+that as a pool attribute).
+"""
+import argparse
+import sys
+
+import numpy as np
+
+try:
+    import onnx
+    from onnx import TensorProto, helper, numpy_helper
+except ImportError:  # pragma: no cover
+    sys.exit("orva_to_onnx: needs python3-onnx (apt-get install python3-onnx)")
+
+LEAKY_SLOPE = float(np.float16(0.1))
+
+
+def read_cfg(path):
+    """Sections of an engine description as (name, {key: value}) in file order."""
+    sections = []
+    with open(path, encoding="utf-8") as f:
+        for number, raw in enumerate(f, 1):
+            line = raw.split("#", 1)[0].strip()
+            if not line or line.startswith(";"):
+                continue
+            if line.startswith("["):
+                if not line.endswith("]"):
+                    raise ValueError(f"{path}:{number}: malformed section header {raw.strip()!r}")
+                sections.append((line[1:-1], {}))
+                continue
+            sep = min((i for i in (line.find("="), line.find(":")) if i >= 0), default=-1)
+            if sep < 0 or not sections:
+                raise ValueError(f"{path}:{number}: not a key=value line: {raw.strip()!r}")
+            sections[-1][1][line[:sep].strip()] = line[sep + 1:].strip()
+    if not sections or sections[0][0] != "network":
+        raise ValueError(f"{path}: the first section must be [network]")
+    return sections
+
+
+def ival(sec, key, default, where):
+    text = sec.get(key)
+    if text is None:
+        return default
+    try:
+        return int(text)
+    except ValueError:
+        raise ValueError(f"{where}: {key}={text!r} is not an integer") from None
+
+
+class Weights:
+    """The weights-only file read value by value, each rounded to half."""
+
+    def __init__(self, path):
+        data = open(path, "rb").read()
+        if len(data) < 20:
+            raise ValueError(f"{path}: {len(data)} bytes, shorter than the 20-byte header")
+        if (len(data) - 20) % 4:
+            raise ValueError(f"{path}: {len(data) - 20} bytes after the header, not whole floats")
+        self.path = path
+        self.values = np.frombuffer(data, dtype="<f4", offset=20).astype(np.float16)
+        self.pos = 0
+
+    def take(self, n, what):
+        if self.pos + n > len(self.values):
+            raise ValueError(f"{self.path}: ends at value {len(self.values)}, {what} needs {n} from {self.pos}")
+        out = self.values[self.pos:self.pos + n]
+        self.pos += n
+        return out
+
+
+def fold(bias, scale, mean, var, weights):
+    """The engine's load-time folding: float operations on the half values, half results."""
+    f32 = np.float32
+    denom = np.sqrt(var.astype(f32)) + f32(0.00001)
+    shift = ((mean.astype(f32) * scale.astype(f32)) / denom).astype(np.float16)
+    bias = (bias.astype(f32) - shift.astype(f32)).astype(np.float16)
+    factor = (scale.astype(f32) / denom).astype(np.float16)
+    weights = (weights.astype(f32) * factor.astype(f32)[:, None]).astype(np.float16)
+    return bias, weights
+
+
+def activation_nodes(name, x, y, where):
+    """Nodes computing activation `name` from x into y (None when it is the identity)."""
+    if name == "linear":
+        return None
+    if name == "leaky":
+        return [helper.make_node("LeakyRelu", [x], [y], alpha=LEAKY_SLOPE)]
+    simple = {"relu": "Relu", "logistic": "Sigmoid", "tanh": "Tanh", "hswish": "HardSwish"}
+    if name in simple:
+        return [helper.make_node(simple[name], [x], [y])]
+    if name == "relu6":
+        return [helper.make_node("Relu", [x], [y + "_r"]), helper.make_node("Min", [y + "_r", "six"], [y])]
+    if name == "hsigmoid":
+        return [helper.make_node("HardSigmoid", [x], [y], alpha=1.0 / 6, beta=0.5)]
+    if name == "swish":
+        return [helper.make_node("Sigmoid", [x], [y + "_s"]), helper.make_node("Mul", [x, y + "_s"], [y])]
+    raise ValueError(f"{where}: activation {name!r} has no ONNX form here")
+
+
+def convert(cfg_path, weights_path, batch=None, opset=13):
+    sections = read_cfg(cfg_path)
+    net = sections[0][1]
+    w = ival(net, "width", 0, "[network]")
+    h = ival(net, "height", 0, "[network]")
+    c = ival(net, "channels", 0, "[network]")
+    if min(w, h, c) <= 0:
+        raise ValueError(f"{cfg_path}: [network] needs positive width, height and channels, has {w}, {h}, {c}")
+    shape_in = [c, h, w]
+    wts = Weights(weights_path)
+    nodes, inits = [], []
+    x = "input"
+    for index, (name, sec) in enumerate(sections[1:]):
+        where = f"{cfg_path}: layer {index} [{name}]"
+        out = f"l{index}"
+        if name == "convolution":
+            filters = ival(sec, "filters", 1, where)
+            size = ival(sec, "size", 1, where)
+            stride = ival(sec, "stride", 1, where)
+            groups = ival(sec, "groups", 1, where)
+            dilation = ival(sec, "dilation", 1, where)
+            pad = ival(sec, "pad", ((size - 1) * dilation) // 2, where)
+            bn = ival(sec, "batch_normalize", 0, where)
+            act = sec.get("activation")
+            if min(filters, size, stride, groups, dilation) <= 0 or pad < 0 or c % groups or filters % groups:
+                raise ValueError(f"{where}: filters {filters}, size {size}, stride {stride}, groups {groups}, "
+                                 f"dilation {dilation}, pad {pad} on {c} channels")
+            k = (size - 1) * dilation + 1
+            ow, oh = (w + 2 * pad - k) // stride + 1, (h + 2 * pad - k) // stride + 1
+            if ow <= 0 or oh <= 0:
+                raise ValueError(f"{where}: kernel {k} larger than the padded {w} x {h} image")
+            per_filter = c // groups * size * size
+            bias = wts.take(filters, f"{where} biases")
+            if bn:
+                scale = wts.take(filters, f"{where} scales")
+                mean = wts.take(filters, f"{where} means")
+                var = wts.take(filters, f"{where} variances")
+            weights = wts.take(filters * per_filter, f"{where} weights").reshape(filters, per_filter)
+            if bn:
+                bias, weights = fold(bias, scale, mean, var, weights)
+            kernel = weights.astype(np.float32).reshape(filters, c // groups, size, size)
+            inits.append(numpy_helper.from_array(kernel, out + "_w"))
+            inputs = [x, out + "_w"]
+            if act is not None:  # without an activation the engine applies no bias
+                inits.append(numpy_helper.from_array(bias.astype(np.float32), out + "_b"))
+                inputs.append(out + "_b")
+            conv_out = out if act in (None, "linear") else out + "_c"
+            nodes.append(helper.make_node("Conv", inputs, [conv_out], kernel_shape=[size, size],
+                                          strides=[stride, stride], pads=[pad] * 4,
+                                          dilations=[dilation, dilation], group=groups))
+            if conv_out != out:
+                nodes += activation_nodes(act, conv_out, out, where)
+                if act == "relu6" and not any(i.name == "six" for i in inits):
+                    inits.append(numpy_helper.from_array(np.array(6, np.float32), "six"))
+            w, h, c = ow, oh, filters
+        elif name == "maxpool":
+            size = ival(sec, "size", 1, where)
+            stride = ival(sec, "stride", size, where)
+            pad = ival(sec, "pad", (size - 1) // 2, where)
+            if size <= 0 or stride <= 0 or pad < 0:
+                raise ValueError(f"{where}: size {size}, stride {stride}, pad {pad}")
+            ow, oh = (w + 2 * pad) // stride, (h + 2 * pad) // stride
+            if ow <= 0 or oh <= 0:
+                raise ValueError(f"{where}: no output from a {w} x {h} input")
+            # end padding so that floor((in + pad + end - size) / stride) + 1 is the engine's size
+            end_w, end_h = (ow - 1) * stride + size - w - pad, (oh - 1) * stride + size - h - pad
+            if min(end_w, end_h) < 0:
+                raise ValueError(f"{where}: the engine's output drops input columns ONNX would keep "
+                                 f"(end padding {end_w}, {end_h})")
+            pads = [pad, pad, end_h, end_w]
+            src = x
+            if max(pads) >= size:  # ONNX refuses pads as large as the kernel: pad explicitly
+                inits.append(numpy_helper.from_array(np.array([0, 0, pad, pad, 0, 0, end_h, end_w], np.int64),
+                                                     out + "_pads"))
+                inits.append(numpy_helper.from_array(np.array(-np.inf, np.float32), out + "_ninf"))
+                nodes.append(helper.make_node("Pad", [x, out + "_pads", out + "_ninf"], [out + "_p"],
+                                              mode="constant"))
+                src, pads = out + "_p", [0, 0, 0, 0]
+            nodes.append(helper.make_node("MaxPool", [src], [out], kernel_shape=[size, size],
+                                          strides=[stride, stride], pads=pads))
+            w, h = ow, oh
+        else:
+            raise ValueError(f"{where}: no ONNX form for this section here (convolution and maxpool only)")
+        x = out
+    if wts.pos != len(wts.values):
+        raise ValueError(f"{weights_path}: {len(wts.values)} values, the description takes {wts.pos}")
+    nodes.append(helper.make_node("Identity", [x], ["output"]))
+    n = batch if batch else "batch"
+    graph = helper.make_graph(nodes, "orva", [helper.make_tensor_value_info("input", TensorProto.FLOAT, [n] + shape_in)],
+                              [helper.make_tensor_value_info("output", TensorProto.FLOAT, [n, c, h, w])], inits)
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)], producer_name="orva")
+    onnx.checker.check_model(model)
+    return model
+
+
+def main():
+    p = argparse.ArgumentParser(description="Writes an ONNX model of an engine description and its weights.")
+    p.add_argument("cfg")
+    p.add_argument("weights")
+    p.add_argument("out")
+    p.add_argument("--batch", type=int, default=0, help="fixed batch size (default: symbolic)")
+    p.add_argument("--opset", type=int, default=13)
+    a = p.parse_args()
+    try:
+        model = convert(a.cfg, a.weights, a.batch or None, a.opset)
+    except (OSError, ValueError) as e:
+        sys.exit(f"orva_to_onnx: {e}")
+    onnx.save(model, a.out)
+
+
+if __name__ == "__main__":
+    main()
