@@ -135,6 +135,8 @@ TEST(OrvaProgram, FaultsEndInOneMessageNamingTheFileAndLeaveNothingBehind) {
        "short.weights: ends early"},
       {"convert --cfg " + f.cfg + " -w " + d + "short.weights -o " + out, 1, "short.weights: ends early"},
       {"convert --tfjs " + d + "bad.json -o " + out, 1, d + "bad.json: not JSON"},
+      {"convert --onnx " + d + "junk.orva -o " + out, 1, d + "junk.orva: malformed model"},
+      {"run --gpu -1 -m " + f.model + " --input " + d + "junk.orva", 1, d + "junk.orva: not a .npy file"},
       // Outputs that can't be written.
       {"convert --cfg " + f.cfg + " -w " + f.weights + " -o /dev/full", 1, "/dev/full: can't write"},
       {"convert --cfg " + f.cfg + " -w " + f.weights + " -o " + d + "nodir/x.orva", 1, "nodir/x.orva: no such folder"},
