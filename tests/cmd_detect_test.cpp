@@ -3,60 +3,19 @@
 // and the face detector on a demo picture when it has been fetched.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <sstream>
-#include <thread>
 
-#include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "network_test_util.h"
 #include "orva/orva.h"
-
-extern char** environ;
+#include "program_test_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using orva_test::temp_path;
-using orva_test::write_file;
-
-struct ProgramRun {
-  int status;
-  std::string out, err;
-};
-
-std::string text(const std::string& p) {
-  std::ifstream f(p);
-  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
-
-// `stdout_to` replaces the captured stdout (e.g. /dev/full).
-ProgramRun run(const std::string& args, const std::string& stdout_to = "", const char* program = ORVA_CLI) {
-  const std::string out = stdout_to.empty() ? temp_path("stdout") : stdout_to, err = temp_path("stderr");
-  const int rc = std::system((std::string(program) + " " + args + " >" + out + " 2>" + err).c_str());
-  return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, stdout_to.empty() ? text(out) : "", text(err)};
-}
-
-std::vector<nlohmann::json> lines(const std::string& out) {
-  std::vector<nlohmann::json> js;
-  std::istringstream in(out);
-  for (std::string l; std::getline(in, l);) js.push_back(nlohmann::json::parse(l));
-  return js;
-}
+using namespace orva_test;
 
 // Files every test shares: a small detector with random weights as a description, a
 // weights-only file and a model file, faulty files, a picture and two videos.
@@ -66,8 +25,7 @@ struct Files {
     dir = fs::path(temp_path("x")).parent_path().string() + "/program/";
     fs::create_directories(dir);
     cfg = dir + "det.cfg";
-    write_file(cfg, "[network]\nwidth=32\nheight=32\nchannels=3\n[convolution]\nfilters=14\nsize=3\nstride=4\n"
-                    "activation=leaky\n[region]\nclasses=2\nnum=2\nanchors=1,1,2,2\nsoftmax=1\n");
+    write_file(cfg, kProgramDetectorCfg);
     weights = dir + "det.weights", model = dir + "det.orva";
     ORVA::Network net(ORVA::TEST, 1, -1);
     net.load(cfg.c_str(), nullptr);
@@ -281,27 +239,12 @@ TEST(OrvaProgram, InterruptedRunEndsWithTheSignalsStatusAndPlayableOutput) {
   for (const auto& c : cases) {
     const std::string out = f.dir + "stopped" + std::to_string(c.sig), json = out + ".json";
     fs::create_directories(out);
-    const std::string model = f.model;
-    std::vector<std::string> args = {ORVA_CLI, "detect", "--gpu", "-1", "-m", model, "-t", "0.1",
-                                     "-o", out, "--json", json, f.long_video};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    ASSERT_EQ(posix_spawn(&pid, ORVA_CLI, &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
+    const pid_t pid = spawn({ORVA_CLI, "detect", "--gpu", "-1", "-m", f.model, "-t", "0.1", "-o", out, "--json", json,
+                             f.long_video});
+    ASSERT_GT(pid, 0);
     // Signalled once it writes video frames.
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!fs::exists(out + "/.long.part.mp4") && std::chrono::steady_clock::now() < until)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    kill(pid, c.sig);
-    int rc = 0;
-    waitpid(pid, &rc, 0);
-    ASSERT_TRUE(WIFEXITED(rc)) << c.sig;
-    EXPECT_EQ(WEXITSTATUS(rc), c.status);
+    EXPECT_TRUE(waitFor([&] { return fs::exists(out + "/.long.part.mp4"); }, 60));
+    EXPECT_EQ(signal_and_wait(pid, c.sig), c.status);
     cv::VideoCapture v(out + "/long.mp4");
     ASSERT_TRUE(v.isOpened()) << c.sig;
     cv::Mat frame;
