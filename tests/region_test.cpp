@@ -493,14 +493,8 @@ TEST(RegionHeads, DescriptionFaultsAreFatal) {
       {kHeads[0], 17, "Layer input & output are mismatched."},
       {kHeads[5], 17, "Layer input & output are mismatched."},
       {no_anchors, -1, "Anchors must be defined"}};
-  for (const auto& [head, channels, message] : faults) {
-    try {
-      make_head(&ctx, ORVA::TEST, head, 1, "", channels);
-      ADD_FAILURE() << message;
-    } catch (const ORVA::FatalError& e) {
-      EXPECT_STREQ(e.what(), message);
-    }
-  }
+  for (const auto& [head, channels, message] : faults)
+    EXPECT_EQ(thrown<ORVA::FatalError>([&] { make_head(&ctx, ORVA::TEST, head, 1, "", channels); }), message);
   ORVA::setFatalThrows(false);
   destroy_handle(&ctx);
 }

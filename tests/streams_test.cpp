@@ -144,24 +144,28 @@ TEST(OrvaStreams, SourcesRunAtOnceEachInOrderAndOneThatIsCutOffEndsAlone) {
   EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 3);  // no part files left
 }
 
-TEST(OrvaStreams, CtrlCClosesEveryOutput) {
+// Ctrl-C or a termination mid-run: the signal's status, every output closed and playable,
+// the lines written so far, no part file left.
+TEST(OrvaStreams, InterruptedRunClosesEveryOutput) {
   const Files& f = files();
-  const std::string out = f.dir + "stopped", json = out + ".json";
-  fs::create_directories(out);
-  const pid_t det = spawn({ORVA_CLI, "detect", "--gpu", "-1", "-m", f.model, "-t", "0.1", "-o", out, "--json", json,
-                           "--realtime", f.long_clip, f.clip});
-  ASSERT_TRUE(waitFor([&] { return fs::exists(out + "/.long.part.mp4") && fs::exists(out + "/.clip.part.mp4"); }, 30));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_EQ(signal_and_wait(det, SIGINT), 130);
-  for (const char* name : {"long.mp4", "clip.mp4"}) {
-    cv::VideoCapture v(out + "/" + name);
-    cv::Mat frame;
-    EXPECT_TRUE(v.isOpened() && v.read(frame)) << name;
+  for (const auto [sig, status] : {std::pair{SIGINT, 130}, std::pair{SIGTERM, 143}}) {
+    const std::string out = f.dir + "stopped" + std::to_string(sig), json = out + ".json";
+    fs::create_directories(out);
+    const pid_t det = spawn({ORVA_CLI, "detect", "--gpu", "-1", "-m", f.model, "-t", "0.1", "-o", out, "--json", json,
+                             "--realtime", f.long_clip, f.clip});
+    ASSERT_TRUE(waitFor([&] { return fs::exists(out + "/.long.part.mp4") && fs::exists(out + "/.clip.part.mp4"); }, 30));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(signal_and_wait(det, sig), status);
+    for (const char* name : {"long.mp4", "clip.mp4"}) {
+      cv::VideoCapture v(out + "/" + name);
+      cv::Mat frame;
+      EXPECT_TRUE(v.isOpened() && v.read(frame)) << name;
+    }
+    const auto m = framesBySource(text(json));
+    EXPECT_GT(m.at(f.long_clip).size(), 0u);
+    EXPECT_LT(m.at(f.long_clip).size(), 400u);
+    EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 2);
   }
-  const auto m = framesBySource(text(json));
-  EXPECT_GT(m.at(f.long_clip).size(), 0u);
-  EXPECT_LT(m.at(f.long_clip).size(), 400u);
-  EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 2);
 }
 
 TEST(OrvaStreams, EveryFrameAndTrackEventArrivesOnceAndParses) {
