@@ -96,6 +96,9 @@ TEST(ActivationType, NamesAndIdsFollowTheTable) {
     EXPECT_EQ(a->type, id);
     EXPECT_EQ(a->_gpu_handle, &handle_dummy);
   }
+  // the classes' public per-value functions are the host arithmetic of their own id
+  EXPECT_EQ(LeakyActivation::activate_kernel(-1.f), -0.0999755859375f);
+  EXPECT_EQ(Relu6Activation::gradient_kernel(6.00390625f), 0.f);
 }
 
 class ActivationKernels : public orva_test::OnEachBackend {};
