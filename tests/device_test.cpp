@@ -1,6 +1,8 @@
 // Device context: backend selection, the launch grid, memory and tensor file I/O.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -64,13 +66,7 @@ class TensorFile : public orva_test::OnEachBackend {
     std::remove(path.c_str());
     OnEachBackend::TearDown();
   }
-  long file_size() {
-    FILE* f = fopen(path.c_str(), "rb");
-    fseek(f, 0, SEEK_END);
-    long n = ftell(f);
-    fclose(f);
-    return n;
-  }
+  long file_size() { return (long)std::filesystem::file_size(path); }
 };
 
 // Sizes above 65536 elements cross the pieces the transfers are staged in.

@@ -11,7 +11,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -20,7 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "temp_dir.h"
+#include "network_test_util.h"
 
 extern char** environ;
 
@@ -30,11 +29,6 @@ namespace orva_test {
 constexpr const char* kProgramDetectorCfg =
     "[network]\nwidth=32\nheight=32\nchannels=3\n[convolution]\nfilters=14\nsize=3\nstride=4\n"
     "activation=leaky\n[region]\nclasses=2\nnum=2\nanchors=1,1,2,2\nsoftmax=1\n";
-
-inline std::string text(const std::string& path) {
-  std::ifstream f(path);
-  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
 
 struct ProgramRun {
   int status;  // -1 when a signal ended it
