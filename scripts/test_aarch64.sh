@@ -84,12 +84,12 @@ cmake --build "$build" -j "$jobs" --target orva_tests
 # 4. The suite under qemu (the toolchain file makes ctest start each test through it).
 filter=()
 [ "$mode" = quick ] && filter=(-R "$quick")
-# Three tests start the program themselves with fork and exec, without a shell, so they can't
+# Two tests start the program themselves with fork and exec, without a shell, so they can't
 # go through the emulator the other program tests are started with (the program's path there
 # is "qemu-aarch64 ... orva"): they send it signals and time its answers, which the host runs
 # cover. A death test in the thread-safe style runs the test program again from itself, which
 # the kernel can do for an arm64 program only where qemu is registered with binfmt_misc.
-skip='OrvaProgram.InterruptedRun|OrvaStreams.CtrlC|OrvaStreams.BrokerRestart'
+skip='OrvaStreams.InterruptedRun|OrvaStreams.BrokerRestart'
 if [ ! -e /proc/sys/fs/binfmt_misc/qemu-aarch64 ]; then
   skip="$skip|NetworkBuildDeathTest"
 fi

@@ -2,21 +2,11 @@
 // the per-layer timer.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "network_test_util.h"
 
 using namespace orva_test;
 
 namespace {
-
-std::string read_text(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
 
 TEST(NetworkApi, DescriptionAndWeightsFromMemoryMatchTheFiles) {
   const std::string cfg = data_path("conv_stack.cfg"), weights = TempDir::path() + "api_stack.weights";
@@ -27,14 +17,14 @@ TEST(NetworkApi, DescriptionAndWeightsFromMemoryMatchTheFiles) {
   ORVA::Network from_files(ORVA::TEST, 2, -1), from_memory(ORVA::TEST, 2, -1);
   ASSERT_EQ(from_files.load(cfg.c_str(), weights.c_str()), 0);
   const std::vector<unsigned char> bytes = read_bytes(weights);
-  ASSERT_EQ(from_memory.loadText(read_text(cfg), bytes.data(), bytes.size()), 0);
+  ASSERT_EQ(from_memory.loadText(text(cfg), bytes.data(), bytes.size()), 0);
   const std::vector<float> in = random_floats((size_t)2 * ref.getInputs(), 0.f, 1.f);
   EXPECT_EQ(predict_copy(from_memory, in, 2), predict_copy(from_files, in, 2));
 
   // The same faults as from files, and a failed build leaves nothing usable.
   EXPECT_EQ(from_memory.loadText("[convolution]\nfilters=2\n"), -1);
   EXPECT_THROW(from_memory.loadText("[network]\nwidth=4\nnot a pair\n"), std::runtime_error);
-  EXPECT_THROW(from_memory.loadText(read_text(cfg), bytes.data(), bytes.size() / 2), size_t);
+  EXPECT_THROW(from_memory.loadText(text(cfg), bytes.data(), bytes.size() / 2), size_t);
   EXPECT_THROW(from_memory.predict(1), std::runtime_error);
 }
 

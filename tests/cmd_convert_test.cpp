@@ -35,12 +35,7 @@ ConfigReader read_cfg(const std::string& text) {
 // The conversion must fail with a message containing `want`.
 template <typename F>
 void expect_convert_error(F convert, const std::string& want, const std::string& input = "") {
-  try {
-    convert();
-    ADD_FAILURE() << "accepted:\n" << input << "\nwanted: " << want;
-  } catch (const ConvertError& e) {
-    EXPECT_NE(std::string(e.what()).find(want), std::string::npos) << input << " -> " << e.what();
-  }
+  EXPECT_TRUE(orva_test::Contains(orva_test::thrown<ConvertError>(convert), want)) << input;
 }
 
 // ---- face-api manifests ----
@@ -322,9 +317,10 @@ TEST(DarknetImport, FaultsNameTheLineAndTheKey) {
   }
 }
 
+// A 2 x 2 / 2 pool over an even size is the engine's pool; over an odd size the dialect keeps
+// a last half window, which the engine's symmetric padding cannot. (Where the records land,
+// and what the engine computes from them, the yolo families check against OpenCV.)
 TEST(DarknetImport, EngineBuildsWhatItExpressesExactlyAndRefusesTheRest) {
-  // A 2 x 2 / 2 pool over an even size is the engine's pool; over an odd size the dialect
-  // keeps a last half window, which the engine's symmetric padding cannot.
   for (int side : {8, 9}) {
     const std::string text = "[net]\nwidth=" + std::to_string(side) + "\nheight=" + std::to_string(side) +
                              "\nchannels=3\n[convolutional]\nfilters=2\nsize=3\npad=1\nactivation=linear\n"
@@ -342,11 +338,6 @@ TEST(DarknetImport, EngineBuildsWhatItExpressesExactlyAndRefusesTheRest) {
     net.load(out.c_str());
     ASSERT_EQ(net.getLayerCount(), 2);
     EXPECT_EQ(net.getLayer(1)->_out_w, 4);
-    ORVA::ConvolutionLayer* conv = orva_test::conv_at(net, 0);
-    const std::vector<float> bias = orva_test::to_floats(orva_test::pull(conv->_gpu_handle, conv->_bias, 2));
-    const std::vector<float> filt = orva_test::to_floats(orva_test::pull(conv->_gpu_handle, conv->_weight, 54));
-    for (int i = 0; i < 2; ++i) EXPECT_NEAR(bias[i], w[i], 1e-3) << i;  // stored as half
-    for (int i = 0; i < 54; ++i) EXPECT_NEAR(filt[i], w[2 + i], 1e-3) << i;
   }
 }
 

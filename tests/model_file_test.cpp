@@ -171,12 +171,8 @@ TEST_F(ModelFile, WeightsOnlyFileRestoresWeightsAndSeen) {
             std::string::npos);
   EXPECT_EQ(predict_copy(loaded, input, 2), expected);
 
-  try {
-    loaded.load(data_path("conv_small.cfg").c_str(), temp_path("missing.weights").c_str());
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), "Can't open weights file " + temp_path("missing.weights"));
-  }
+  EXPECT_EQ(thrown<std::runtime_error>([&] { loaded.load(data_path("conv_small.cfg").c_str(), temp_path("missing.weights").c_str()); }),
+            "Can't open weights file " + temp_path("missing.weights"));
 }
 
 // Format 3.3 files skip the checksum, so these reach the record parser directly. Damage at

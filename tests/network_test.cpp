@@ -9,33 +9,12 @@ using namespace orva_test;
 
 namespace {
 
-TEST(LayerRegistry, NamesAndIds) {
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(ORVA::LayerType::create("network", 0, nullptr, nullptr), nullptr);
-  EXPECT_EQ(ORVA::LayerType::create("train", 0, nullptr, nullptr), nullptr);
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(ORVA::LayerType::create("Convolution", 0, nullptr, nullptr), nullptr);
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), ">>> Unkown Layer: Convolution\n");
-  for (int id : {1, 5, 7, 10, 12, 15, 20, 37, 40, -1}) EXPECT_EQ(ORVA::LayerType::create(id, 0, nullptr, nullptr), nullptr);
-
-  EXPECT_EQ(ORVA::LayerType::type("convolution"), 0);
-  EXPECT_EQ(ORVA::LayerType::type("detobj"), 31);
-
-  CudaHandle h{};
-  create_handle(&h, -1);
-  ORVA::Layer* conv = ORVA::LayerType::create(0, ORVA::TEST, nullptr, &h);
-  ASSERT_NE(conv, nullptr);
-  EXPECT_EQ(conv->type, 0);
-  EXPECT_EQ(conv->cost, -1);
-  delete conv;
-  destroy_handle(&h);
-}
-
+// Sections that aren't layers ([network], [train]) build nothing and say nothing; an
+// unknown one is named and skipped.
 TEST(NetworkBuild, DescriptionKeysAndAccessors) {
   const std::string cfg = temp_path("net.cfg");
   write_file(cfg,
-             "[network]\nwidth=8\nheight=6\nchannels=3\nprecision=fp16\nsiamese=2\n"
+             "[network]\nwidth=8\nheight=6\nchannels=3\nprecision=fp16\nsiamese=2\n[train]\n"
              "[convolution]\nfilters=4\nsize=3\n[nosuchlayer]\n[convolution]\nfilters=2\nsize=1\nstride=2\n");
   ORVA::Network net(ORVA::TEST, 4, -1);
   ::testing::internal::CaptureStdout();
@@ -139,12 +118,7 @@ TEST(NetworkBuildDeathTest, FatalFaultsExitOrThrowTheSameLine) {
   FatalThrows throws;
   EXPECT_TRUE(ORVA::fatalThrows());
   ::testing::internal::CaptureStderr();
-  try {
-    load();
-    ADD_FAILURE() << "no exception";
-  } catch (const ORVA::FatalError& e) {
-    EXPECT_STREQ(e.what(), "No input parameters supplied");
-  }
+  EXPECT_EQ(thrown<ORVA::FatalError>(load), "No input parameters supplied");
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("_buildConfig(ConfigReader&, int, const char*, bool, bool):"), std::string::npos);
 }
 

@@ -22,6 +22,11 @@ inline void write_file(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+inline std::string text(const std::string& path) {
+  std::ifstream f(path);
+  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
 inline std::vector<unsigned char> read_bytes(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return std::vector<unsigned char>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());

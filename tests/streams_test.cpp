@@ -4,95 +4,22 @@
 // restarts mid-stream.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
+#include <algorithm>
 #include <filesystem>
-#include <functional>
-#include <fstream>
 #include <map>
-#include <set>
-#include <sstream>
-#include <thread>
 
-#include <nlohmann/json.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "network_test_util.h"
 #include "orva/orva.h"
-
-extern char** environ;
+#include "program_test_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using orva_test::temp_path;
-using orva_test::write_file;
+using namespace orva_test;
 using Clock = std::chrono::steady_clock;
-
-std::string text(const std::string& p) {
-  std::ifstream f(p);
-  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
-
-struct CliRun {
-  int status;
-  std::string out, err;
-};
-
-CliRun run(const std::string& args) {
-  const std::string out = temp_path("stdout"), err = temp_path("stderr");
-  const int rc = std::system((std::string(ORVA_CLI) + " " + args + " >" + out + " 2>" + err).c_str());
-  return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, text(out), text(err)};
-}
-
-pid_t spawn(std::vector<std::string> args, const std::string& out = "/dev/null") {
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  posix_spawnp(&pid, args[0].c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
-void stop(pid_t pid) {
-  if (pid <= 0) return;
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
-}
-
-int freePort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, (sockaddr*)&a, sizeof a);
-  getsockname(fd, (sockaddr*)&a, &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
-bool waitFor(const std::function<bool()>& ok, double secs) {
-  const auto until = Clock::now() + std::chrono::duration<double>(secs);
-  while (!ok()) {
-    if (Clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
+using CliRun = ProgramRun;
 
 // A broker on loopback and a subscriber to PREFIX/# writing "topic payload" lines.
 struct Broker {
@@ -143,8 +70,7 @@ struct Files {
     dir = fs::path(temp_path("x")).parent_path().string() + "/streams/";
     fs::create_directories(dir);
     const std::string cfg = dir + "det.cfg";
-    write_file(cfg, "[network]\nwidth=32\nheight=32\nchannels=3\n[convolution]\nfilters=14\nsize=3\nstride=4\n"
-                    "activation=leaky\n[region]\nclasses=2\nnum=2\nanchors=1,1,2,2\nsoftmax=1\n");
+    write_file(cfg, kProgramDetectorCfg);
     model = dir + "det.orva";
     clip = dir + "clip.avi", other = dir + "other.avi", long_clip = dir + "long.avi";
     // Random pictures and weights until the detector reports boxes (many draws put every box
@@ -218,28 +144,28 @@ TEST(OrvaStreams, SourcesRunAtOnceEachInOrderAndOneThatIsCutOffEndsAlone) {
   EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 3);  // no part files left
 }
 
-TEST(OrvaStreams, CtrlCClosesEveryOutput) {
+// Ctrl-C or a termination mid-run: the signal's status, every output closed and playable,
+// the lines written so far, no part file left.
+TEST(OrvaStreams, InterruptedRunClosesEveryOutput) {
   const Files& f = files();
-  const std::string out = f.dir + "stopped", json = out + ".json";
-  fs::create_directories(out);
-  const pid_t det = spawn({ORVA_CLI, "detect", "--gpu", "-1", "-m", f.model, "-t", "0.1", "-o", out, "--json", json,
-                           "--realtime", f.long_clip, f.clip});
-  ASSERT_TRUE(waitFor([&] { return fs::exists(out + "/.long.part.mp4") && fs::exists(out + "/.clip.part.mp4"); }, 30));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  kill(det, SIGINT);
-  int rc = 0;
-  waitpid(det, &rc, 0);
-  ASSERT_TRUE(WIFEXITED(rc));
-  EXPECT_EQ(WEXITSTATUS(rc), 130);
-  for (const char* name : {"long.mp4", "clip.mp4"}) {
-    cv::VideoCapture v(out + "/" + name);
-    cv::Mat frame;
-    EXPECT_TRUE(v.isOpened() && v.read(frame)) << name;
+  for (const auto [sig, status] : {std::pair{SIGINT, 130}, std::pair{SIGTERM, 143}}) {
+    const std::string out = f.dir + "stopped" + std::to_string(sig), json = out + ".json";
+    fs::create_directories(out);
+    const pid_t det = spawn({ORVA_CLI, "detect", "--gpu", "-1", "-m", f.model, "-t", "0.1", "-o", out, "--json", json,
+                             "--realtime", f.long_clip, f.clip});
+    ASSERT_TRUE(waitFor([&] { return fs::exists(out + "/.long.part.mp4") && fs::exists(out + "/.clip.part.mp4"); }, 30));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(signal_and_wait(det, sig), status);
+    for (const char* name : {"long.mp4", "clip.mp4"}) {
+      cv::VideoCapture v(out + "/" + name);
+      cv::Mat frame;
+      EXPECT_TRUE(v.isOpened() && v.read(frame)) << name;
+    }
+    const auto m = framesBySource(text(json));
+    EXPECT_GT(m.at(f.long_clip).size(), 0u);
+    EXPECT_LT(m.at(f.long_clip).size(), 400u);
+    EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 2);
   }
-  const auto m = framesBySource(text(json));
-  EXPECT_GT(m.at(f.long_clip).size(), 0u);
-  EXPECT_LT(m.at(f.long_clip).size(), 400u);
-  EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 2);
 }
 
 TEST(OrvaStreams, EveryFrameAndTrackEventArrivesOnceAndParses) {

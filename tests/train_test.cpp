@@ -3,8 +3,6 @@
 // augmentation pipeline's determinism and box bookkeeping.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +12,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "network_test_util.h"
+#include "program_test_util.h"
 #include "orva/train.h"
 
 using namespace orva_test;
@@ -280,20 +279,6 @@ TEST(Augment, LabelListFaultsNameFileAndLine) {
   EXPECT_FALSE(ORVA::read_label_list("/no/such/list.txt", items, 2));
 }
 
-}  // namespace
-
-namespace {
-
-// Runs a shell command; returns its exit status and what it wrote on both streams.
-int run(const std::string& cmd, std::string& out) {
-  out.clear();
-  FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-  char buf[512];
-  while (p && fgets(buf, sizeof(buf), p)) out += buf;
-  const int status = p ? pclose(p) : -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(TrainCommand, ChecksListTrainsResumesAndKeepsCheckpoints) {
   ORVA::BoxLabelList boxes;
   const std::string img = temp_path("frame.png"), dir = temp_path("ck");
@@ -305,19 +290,23 @@ TEST(TrainCommand, ChecksListTrainsResumesAndKeepsCheckpoints) {
              "[convolution]\nfilters=4\nsize=3\nstride=4\nactivation=leaky\n"
              "[convolution]\nfilters=7\nsize=1\nactivation=linear\n[cost]\n");
   write_file(list, img + " 0 0.27 0.4 0.2 0.3 1 0.875 0.7 0.25 0.15\n" + img + "\n" + img + " 2 0.5 0.5 0.1 0.1\n");
-  const std::string base = std::string(ORVA_CLI) + " train " + cfg + " " + list + " -o " + dir + " --gpu -1";
-  std::string out;
-  EXPECT_EQ(run(base + " --strict --max 2", out), 1) << out;
-  EXPECT_NE(out.find(list + ":3: class is not an integer"), std::string::npos) << out;
+  const std::string base = "train " + cfg + " " + list + " -o " + dir + " --gpu -1";
+  ProgramRun r = run(base + " --strict --max 2");
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find(list + ":3: class is not an integer"), std::string::npos) << r.err;
   EXPECT_FALSE(std::filesystem::exists(dir + "/grid_last.weights")) << "nothing written before training";
 
-  ASSERT_EQ(run(base + " --max 4 --every 2 --report 1", out), 0) << out;
+  r = run(base + " --max 4 --every 2 --report 1");
+  std::string out = r.out + r.err;
+  ASSERT_EQ(r.status, 0) << out;
   EXPECT_NE(out.find("1 faulty line(s) skipped"), std::string::npos) << out;
   EXPECT_NE(out.find("      4  loss"), std::string::npos) << out;
   for (const char* f : {"/grid_2.weights", "/grid_4.weights", "/grid_last.weights"})
     EXPECT_TRUE(std::filesystem::exists(dir + f)) << f;
 
-  ASSERT_EQ(run(base + " --max 6 --report 1 -w " + dir + "/grid_4.weights", out), 0) << out;
+  r = run(base + " --max 6 --report 1 -w " + dir + "/grid_4.weights");
+  out = r.out + r.err;
+  ASSERT_EQ(r.status, 0) << out;
   EXPECT_NE(out.find("from iteration 4 to 6"), std::string::npos) << out;
   EXPECT_NE(out.find("      6  loss"), std::string::npos) << out;
 }
