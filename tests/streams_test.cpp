@@ -84,6 +84,7 @@ struct Files {
       }
       ORVA::Network net(ORVA::TEST, 1, -1);
       net.load(cfg.c_str(), nullptr);
+      randomize_network(net);  // an inference network's own weights are whatever memory held
       net.save(model.c_str(), true);
       if (run("detect --gpu -1 -m " + model + " -t 0.1 --max-frames 1 " + clip).out.find("\"box\"") != std::string::npos)
         break;
@@ -280,6 +281,7 @@ TEST(OrvaStreams, RealtimeDropsWhatTheEngineCantTakeAndCountsIt) {
                   "[region]\nclasses=2\nnum=2\nanchors=1,1,2,2\nsoftmax=1\n");
   ORVA::Network net(ORVA::TEST, 1, -1);
   net.load(cfg.c_str(), nullptr);
+  randomize_network(net);
   net.save(model.c_str(), true);
   constexpr int kFrames = 750;
   {
