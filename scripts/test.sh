@@ -19,7 +19,8 @@ jobs=${ORVA_JOBS:-2}
 # Emulated CUDA: threads and blocks in a shuffled order (the seed is printed) so that a
 # result depending on the order shows up as a difference from the host twin.
 emu=${ORVA_EMU_BUILD_DIR:-$root/build-emu}
-cmake -S "$root" -B "$emu" -DCMAKE_BUILD_TYPE=${ORVA_BUILD_TYPE:-Release} -DORVA_CUDA=EMULATE >/dev/null
+# The Python module and its tests run once, on the host build.
+cmake -S "$root" -B "$emu" -DCMAKE_BUILD_TYPE=${ORVA_BUILD_TYPE:-Release} -DORVA_CUDA=EMULATE -DORVA_BUILD_PYTHON=OFF >/dev/null
 cmake --build "$emu" -j "$jobs" --target orva_tests
 (cd "$emu" && ORVA_EMU_ORDER=${ORVA_EMU_ORDER:-shuffle} ctest --output-on-failure -j "$jobs" --timeout 900)
 

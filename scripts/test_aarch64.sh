@@ -77,7 +77,7 @@ fi
 # 3. Cross build: the library, the program and the suite.
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/aarch64-linux-gnu.cmake" \
   -DORVA_AARCH64_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=${ORVA_BUILD_TYPE:-Release} \
-  -DORVA_CUDA=OFF >/dev/null
+  -DORVA_CUDA=OFF -DORVA_BUILD_PYTHON=OFF >/dev/null
 cmake --build "$build" -j "$jobs" --target orva_tests
 [ "$mode" = build ] && exit 0
 
