@@ -445,8 +445,11 @@ TEST(RegionHeads, DescriptionFaultsAreFatal) {
       {kHeads[0], 17, "Layer input & output are mismatched."},
       {kHeads[5], 17, "Layer input & output are mismatched."},
       {no_anchors, -1, "Anchors must be defined"}};
-  for (const auto& [head, channels, message] : faults)
-    EXPECT_EQ(thrown<ORVA::FatalError>([&] { make_head(&ctx, ORVA::TEST, head, 1, "", channels); }), message);
+  for (const auto& fault : faults) {
+    const Head& head = std::get<0>(fault);
+    const int channels = std::get<1>(fault);
+    EXPECT_EQ(thrown<ORVA::FatalError>([&] { make_head(&ctx, ORVA::TEST, head, 1, "", channels); }), std::get<2>(fault));
+  }
   ORVA::setFatalThrows(false);
   destroy_handle(&ctx);
 }
