@@ -164,6 +164,16 @@ float yolo_map(const std::string& cfg, const std::string& weights, int batch, st
   return synth::mean_ap(dets, truth, synth::kClasses);
 }
 
+// The augmentation of both proofs (scenes of `side` pixels) and a batch's matrices.
+void prepare_batch(const Args& a, int side, int truths, ORVA::ExtImageParams& aug, ORVA::TData& d) {
+  aug.out_w = aug.out_h = side;
+  aug.jitter = 0.15f;
+  aug.seed = a.seed;
+  d.X = ORVA::make_matrix(a.batch, side * side * 3);
+  d.Y = ORVA::make_matrix(a.batch, truths);
+  d.boxes.resize(a.batch);
+}
+
 // Crowded scenes, the two-head detector: training, validation and test scenes from three
 // seeds; the validation mAP picks the checkpoint, the test mAP of that checkpoint is the
 // result.
@@ -188,16 +198,10 @@ int run_yolo(const Args& a) {
   ORVA::Network net(ORVA::TEST, 1, -1);
   if (net.load(train_cfg.c_str(), nullptr) != 0) return 1;
   const int truths = net.getTruths();
-  const size_t sample = (size_t)kYoloSide * kYoloSide * 3;
 
   ORVA::ExtImageParams aug;
-  aug.out_w = aug.out_h = kYoloSide;
-  aug.jitter = 0.15f;
-  aug.seed = a.seed;
   ORVA::TData d;
-  d.X = ORVA::make_matrix(a.batch, (int)sample);
-  d.Y = ORVA::make_matrix(a.batch, truths);
-  d.boxes.resize(a.batch);
+  prepare_batch(a, kYoloSide, truths, aug, d);
 
   std::ofstream csv(a.out + "/proof_curve.csv");
   csv << "seconds,iteration,loss,map\n";
@@ -368,13 +372,8 @@ int main(int argc, char** argv) {
   }
 
   ORVA::ExtImageParams aug;
-  aug.out_w = aug.out_h = kSide;
-  aug.jitter = 0.15f;
-  aug.seed = a.seed;
   ORVA::TData d;
-  d.X = ORVA::make_matrix(a.batch, (int)sample);
-  d.Y = ORVA::make_matrix(a.batch, truths);
-  d.boxes.resize(a.batch);
+  prepare_batch(a, kSide, truths, aug, d);
 
   auto evaluate = [&]() {
     net.save(weights.c_str(), false);
