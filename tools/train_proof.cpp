@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -326,6 +327,14 @@ int main(int argc, char** argv) {
       fprintf(stderr, "unknown option %s\n%s", k.c_str(), kUsage);
       return 2;
     }
+  }
+  // The results folder is made here, so a wrong one stops the run before training, not after.
+  std::error_code ec;
+  std::filesystem::create_directories(a.out, ec);
+  if (ec || !std::filesystem::is_directory(a.out)) {
+    fprintf(stderr, "orva_train_proof: --out %s: can't make the folder (%s)\n", a.out.c_str(),
+            ec ? ec.message().c_str() : "a file of that name is there");
+    return 1;
   }
   if (a.head == "yolo") {
     if (!target_set) a.target = 0.6f;
