@@ -164,9 +164,10 @@ TEST(ConvolutionGradient, MatchesFiniteDifferences) {
       {"filters=6\nsize=3\nstride=2\ngroups=2\nactivation=linear\n", 4, 9, 8, 0.25f, 2e-2},
       {"filters=4\nsize=3\ndilation=2\nactivation=linear\n", 3, 8, 8, 0.25f, 2e-2},
       {"filters=4\nsize=1\nactivation=linear\n", 5, 6, 6, 0.25f, 2e-2},
-      // Normalisation is smooth but not linear: a smaller step, and L carries more rounding.
-      {"filters=4\nsize=3\nbatch_normalize=1\nactivation=linear\n", 3, 6, 6, 0.125f, 4e-2},
-      {"filters=4\nsize=3\ngroups=2\nbatch_normalize=1\nactivation=logistic\n", 4, 6, 5, 0.125f, 4e-2},
+      // Normalisation is not linear, but a smaller step leaves the difference to the half
+      // rounding of L (0.125 failed 5 seeds in 150); L carries more rounding here.
+      {"filters=4\nsize=3\nbatch_normalize=1\nactivation=linear\n", 3, 6, 6, 0.25f, 4e-2},
+      {"filters=4\nsize=3\ngroups=2\nbatch_normalize=1\nactivation=logistic\n", 4, 6, 5, 0.25f, 4e-2},
   };
   for (const Case& k : cases)
     check_input_backward("[network]\nwidth=" + std::to_string(k.w) + "\nheight=" + std::to_string(k.h) +
