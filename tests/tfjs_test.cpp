@@ -30,6 +30,21 @@ using nlohmann::json;
 using orva_test::temp_path;
 using orvacli::ConvertError;
 
+// String attributes are stored in base64; the writer's encoding is the only one.
+std::string b64(const std::string& s) {
+  static const char* k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < s.size(); i += 3) {
+    unsigned v = (unsigned char)s[i] << 16 | (i + 1 < s.size() ? (unsigned char)s[i + 1] << 8 : 0) |
+                 (i + 2 < s.size() ? (unsigned char)s[i + 2] : 0);
+    out += k[v >> 18 & 63];
+    out += k[v >> 12 & 63];
+    out += i + 1 < s.size() ? k[v >> 6 & 63] : '=';
+    out += i + 2 < s.size() ? k[v & 63] : '=';
+  }
+  return out;
+}
+
 // ---- float64 evaluation of a graph model, batch 1, NHWC ----
 
 struct T {
@@ -83,22 +98,6 @@ class GraphEval {
   std::map<std::string, std::vector<int>> _shape;
   T _input;
 
-  static std::string b64(const std::string& s) {
-    static const std::string k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned val = 0;
-    int bits = -8;
-    for (char ch : s) {
-      if (k.find(ch) == std::string::npos) break;
-      val = ((val << 6) | (unsigned)k.find(ch)) & 0xFFFFFFu;
-      bits += 6;
-      if (bits >= 0) {
-        out.push_back(char((val >> bits) & 0xFF));
-        bits -= 8;
-      }
-    }
-    return out;
-  }
   static int attr_i(const json& n, const char* k, int idx) { return std::stoi(n["attr"][k]["list"]["i"][idx].get<std::string>()); }
 
   // x (h, w, ci) with filter [k, k, ci, co] (depthwise: [k, k, c, 1]), TF's SAME or VALID.
@@ -106,7 +105,7 @@ class GraphEval {
     const T& f = _const.at(fname);
     const std::vector<int>& fs = _shape.at(fname);
     const int k = fs[0], co = dw ? x.c : fs[3], s = attr_i(n, "strides", 1);
-    const bool same = b64(n["attr"]["padding"]["s"]) == "SAME";
+    const bool same = n["attr"]["padding"]["s"] == b64("SAME");
     const int oh = same ? (x.h + s - 1) / s : (x.h - k) / s + 1, ow = same ? (x.w + s - 1) / s : (x.w - k) / s + 1;
     const int pt = same ? std::max((oh - 1) * s + k - x.h, 0) / 2 : 0, pl = same ? std::max((ow - 1) * s + k - x.w, 0) / 2 : 0;
     T y{oh, ow, co, std::vector<double>((size_t)oh * ow * co, 0.0)};
@@ -156,8 +155,8 @@ class GraphEval {
       if (op[0] == '_' || op[0] == 'F') {
         const json ops = n["attr"]["fused_ops"]["list"]["s"];
         y = broadcast(y, _const.at(in[2]), false);
-        if (ops.size() > 1 && b64(ops[1]) == "Relu") y = map(y, [](double v) { return std::max(v, 0.0); });
-        if (ops.size() > 1 && b64(ops[1]) == "Relu6") y = map(y, [](double v) { return std::min(std::max(v, 0.0), 6.0); });
+        if (ops.size() > 1 && ops[1] == b64("Relu")) y = map(y, [](double v) { return std::max(v, 0.0); });
+        if (ops.size() > 1 && ops[1] == b64("Relu6")) y = map(y, [](double v) { return std::min(std::max(v, 0.0), 6.0); });
       }
       return y;
     }
@@ -232,19 +231,6 @@ struct GraphBuilder {
   std::vector<unsigned char> bin;
   std::mt19937 rng{7};
 
-  static std::string b64(const std::string& s) {
-    static const char* k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (size_t i = 0; i < s.size(); i += 3) {
-      unsigned v = (unsigned char)s[i] << 16 | (i + 1 < s.size() ? (unsigned char)s[i + 1] << 8 : 0) |
-                   (i + 2 < s.size() ? (unsigned char)s[i + 2] : 0);
-      out += k[v >> 18 & 63];
-      out += k[v >> 12 & 63];
-      out += i + 1 < s.size() ? k[v >> 6 & 63] : '=';
-      out += i + 2 < s.size() ? k[v & 63] : '=';
-    }
-    return out;
-  }
   static json ints(std::vector<int> v) {
     json l = json::array();
     for (int x : v) l.push_back(std::to_string(x));
