@@ -10,6 +10,7 @@
 #include <map>
 #include <random>
 
+#include "graph_reference.h"
 #include "layer_test_util.h"
 #include "model_build.h"
 #include "npy.h"
@@ -105,38 +106,9 @@ struct Graph {
   }
 };
 
-// ---- float64 evaluation ----
-struct T {
-  int c, h, w;
-  Floats v;
-  double& at(int ci, int y, int x) { return v[((size_t)ci * h + y) * w + x]; }
-  double get(int ci, int y, int x) const {
-    return y < 0 || x < 0 || y >= h || x >= w ? 0 : v[((size_t)ci * h + y) * w + x];
-  }
-};
-T conv(const T& x, const Floats& wt, const Floats& bias, int o, int k, int s, const int p[4], int d, int g) {
-  const int oh = (x.h + p[0] + p[2] - d * (k - 1) - 1) / s + 1, ow = (x.w + p[1] + p[3] - d * (k - 1) - 1) / s + 1;
-  T y{o, oh, ow, Floats((size_t)o * oh * ow)};
-  const int ci = x.c / g;
-  for (int f = 0; f < o; ++f)
-    for (int yy = 0; yy < oh; ++yy)
-      for (int xx = 0; xx < ow; ++xx) {
-        double sum = bias.empty() ? 0 : bias[f];
-        for (int c = 0; c < ci; ++c)
-          for (int ky = 0; ky < k; ++ky)
-            for (int kx = 0; kx < k; ++kx)
-              sum += wt[(((size_t)f * ci + c) * k + ky) * k + kx] *
-                     x.get(f / (o / g) * ci + c, yy * s - p[0] + ky * d, xx * s - p[1] + kx * d);
-        y.at(f, yy, xx) = sum;
-      }
-  return y;
-}
-template <typename F>
-T map(T x, F fn) {
-  for (double& v : x.v) v = fn(v);
-  return x;
-}
-double sigmoid(double v) { return 1 / (1 + std::exp(-v)); }
+using graph_ref::T;
+using graph_ref::map;
+using graph_ref::sigmoid;
 
 Floats randoms(size_t n, double lo = -1, double hi = 1) {
   const std::vector<float> f = random_floats(n, (float)lo, (float)hi);
@@ -188,12 +160,11 @@ TEST(OnnxImport, ClassifierMatchesItsGraph) {
   T x{3, 17, 17, randoms(3 * 17 * 17)};
 
   const int p1[4] = {0, 0, 1, 1}, p2[4] = {2, 2, 2, 2};
-  T y = conv(x, w1, b1, 8, 3, 2, p1, 1, 1);
-  for (int c = 0; c < 8; ++c)
-    for (int i = 0; i < y.h * y.w; ++i) {
-      double& v = y.v[(size_t)c * y.h * y.w + i];
-      v = std::max(0.0, sc[c] * (v - mean[c]) / std::sqrt(var[c] + 1e-3) + bb[c]);
-    }
+  T y = graph_ref::conv(x, w1, b1, 8, 3, 2, p1);
+  for (size_t i = 0; i < y.v.size(); ++i) {
+    const size_t c = i / y.plane();
+    y.v[i] = std::max(0.0, sc[c] * (y.v[i] - mean[c]) / std::sqrt(var[c] + 1e-3) + bb[c]);
+  }
   T pooled{8, y.h / 2, y.w / 2, {}};
   pooled.v.resize((size_t)8 * pooled.h * pooled.w);
   for (int c = 0; c < 8; ++c)
@@ -201,10 +172,8 @@ TEST(OnnxImport, ClassifierMatchesItsGraph) {
       for (int xx = 0; xx < pooled.w; ++xx)
         pooled.at(c, yy, xx) = std::max(std::max(y.at(c, 2 * yy, 2 * xx), y.at(c, 2 * yy, 2 * xx + 1)),
                                         std::max(y.at(c, 2 * yy + 1, 2 * xx), y.at(c, 2 * yy + 1, 2 * xx + 1)));
-  T z = map(conv(pooled, w2, {}, 8, 3, 1, p2, 2, 2), [](double v) { return v > 0 ? v : 0.2 * v; });
-  Floats gap(8, 0.0);
-  for (int c = 0; c < 8; ++c)
-    for (int i = 0; i < z.h * z.w; ++i) gap[c] += z.v[(size_t)c * z.h * z.w + i] / (z.h * z.w);
+  T z = map(graph_ref::conv(pooled, w2, {}, 8, 3, 1, p2, 2, 2), [](double v) { return v > 0 ? v : 0.2 * v; });
+  const Floats gap = graph_ref::channel_mean(z).v;
   Floats fc(5), want(5);
   double total = 0;
   for (int o = 0; o < 5; ++o) {
@@ -254,47 +223,19 @@ TEST(OnnxImport, BranchesMatchTheirGraph) {
   T x{2, 6, 6, randoms(2 * 6 * 6)};
 
   const int p1[4] = {1, 1, 1, 1}, p0[4] = {0, 0, 0, 0};
-  const T a = conv(x, wa, {}, 8, 3, 1, p1, 1, 1), b = conv(a, wb, {}, 8, 1, 1, p0, 1, 1);
-  T s = a;
-  for (size_t i = 0; i < s.v.size(); ++i) s.v[i] += b.v[i];
-  const int hw = 36;
-  for (int c = 0; c < 8; ++c) {
-    double mean = 0;
-    for (int i = 0; i < hw; ++i) mean += s.v[c * hw + i] / hw;
-    for (int i = 0; i < hw; ++i) s.v[c * hw + i] *= sigmoid(mean);
-  }
-  T cat{16, 6, 6, s.v};  // att, then the second half of a's channels, then the first
-  cat.v.insert(cat.v.end(), a.v.begin() + 4 * hw, a.v.end());
-  cat.v.insert(cat.v.end(), a.v.begin(), a.v.begin() + 4 * hw);
+  const T a = graph_ref::conv(x, wa, {}, 8, 3, 1, p1), s = graph_ref::broadcast(a, graph_ref::conv(a, wb, {}, 8, 1, 1, p0), false);
+  const T att = graph_ref::broadcast(s, map(graph_ref::channel_mean(s), sigmoid), true);
+  const T cat = graph_ref::concat({att, a.channels(4, 8), a.channels(0, 4)});
   T up{16, 12, 12, Floats(16 * 144)};
   for (int c = 0; c < 16; ++c)
     for (int yy = 0; yy < 12; ++yy)
-      for (int xx = 0; xx < 12; ++xx) up.at(c, yy, xx) = cat.at(c, yy / 2, xx / 2) * sigmoid(cat.at(c, yy / 2, xx / 2));
+      for (int xx = 0; xx < 12; ++xx) up.at(c, yy, xx) = cat.get(c, yy / 2, xx / 2) * sigmoid(cat.get(c, yy / 2, xx / 2));
   T d{4, 24, 24, Floats(4 * 576)};
   for (int c = 0; c < 4; ++c)
     for (int yy = 0; yy < 24; ++yy)
       for (int xx = 0; xx < 24; ++xx) d.at(c, yy, xx) = up.at(((yy % 2) * 2 + xx % 2) * 4 + c, yy / 2, xx / 2);
-  Floats want;
-  auto tap = [](int o, int n, int m, int* lo, int* hi, double* t) {
-    const double src = std::max((o + 0.5) * n / m - 0.5, 0.0);
-    *lo = std::min((int)src, n - 1);
-    *hi = std::min(*lo + 1, n - 1);
-    *t = src - *lo;
-  };
-  for (int c = 0; c < 4; ++c)
-    for (int yy = 0; yy < 20; ++yy)
-      for (int xx = 0; xx < 30; ++xx) {
-        int y0, y1, x0, x1;
-        double ty, tx;
-        tap(yy, 24, 20, &y0, &y1, &ty);
-        tap(xx, 24, 30, &x0, &x1, &tx);
-        const double top = d.at(c, y0, x0) + (d.at(c, y0, x1) - d.at(c, y0, x0)) * tx;
-        const double bottom = d.at(c, y1, x0) + (d.at(c, y1, x1) - d.at(c, y1, x0)) * tx;
-        want.push_back(top + (bottom - top) * ty);
-      }
-
   ORVA::Network net(ORVA::TEST, 1, -1);
-  expect_near(run_engine(g, x, net), want);
+  expect_near(run_engine(g, x, net), graph_ref::resize_bilinear(d, 20, 30, false, true).v);
 }
 
 // What a user's file can hold that the importer must refuse with a line naming the problem.
