@@ -149,9 +149,15 @@ TEST_P(TensorFile, ShortReadThrowsTheCountOfWholeItems) {
   }
 }
 
-// Pushes, pulls, copies and fills run under every other test; what they don't reach is an
-// allocation that fails and the random fill.
-TEST_P(TensorFile, FailedAllocationsThrowAndRandomFillsTheUnitInterval) {
+// Pushes, pulls and fills run under every other test; what they don't reach is a copy from
+// device to device (only the CUDA 8-bit staging uses it), an allocation that fails and the
+// random fill.
+TEST_P(TensorFile, CopyFailedAllocationsAndRandomFill) {
+  std::vector<unsigned char> a(1000), b(1000);
+  for (size_t i = 0; i < a.size(); ++i) a[i] = (unsigned char)(i * 13);
+  orva_test::Buffer<unsigned char> d1(handle(), a), d2(handle(), b);
+  cuda_copy(handle(), d2.get(), d1.get(), a.size());
+  EXPECT_EQ(d2.download(), a);
   // an allocation that fails is reported and thrown, never handed out
   ::testing::internal::CaptureStderr();
   EXPECT_THROW(cuda_malloc(handle(), SIZE_MAX / 2), std::bad_alloc);
