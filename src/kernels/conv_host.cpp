@@ -259,6 +259,77 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
   });
 }
 
+#if defined(__x86_64__)
+bool winograd_rows16() { return __builtin_cpu_supports("avx512f"); }
+
+// Lanes [0, n) of a mask, n clamped to [0, 16].
+inline __mmask16 first_lanes(int n) { return n >= 16 ? (__mmask16)0xFFFF : n <= 0 ? (__mmask16)0 : (__mmask16)((1u << n) - 1); }
+
+// The input transform of one row of tiles, sixteen tiles at a time: the four padded rows d
+// (row_len floats each) split into even and odd columns in registers, then the scalar loop's
+// additions in its order, so the results are its bits.
+__attribute__((target("avx512f"))) void winograd_input16(const float* const* d, int row_len, int tw, float* out,
+                                                           size_t step) {
+  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+  const __m512i odd = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+  for (int tx = 0; tx < tw; tx += 16) {
+    const __mmask16 keep = first_lanes(tw - tx);
+    __m512 x[4][4];  // x[i][j] = d[i][2 tx + j] for sixteen tiles
+    for (int i = 0; i < 4; ++i)
+      for (int shift = 0; shift < 4; shift += 2) {
+        const float* p = d[i] + 2 * tx + shift;
+        const int avail = row_len - 2 * tx - shift;
+        const __m512 lo = _mm512_maskz_loadu_ps(first_lanes(avail), p);
+        const __m512 hi = _mm512_maskz_loadu_ps(first_lanes(avail - 16), p + 16);
+        x[i][shift] = _mm512_permutex2var_ps(lo, even, hi);
+        x[i][shift + 1] = _mm512_permutex2var_ps(lo, odd, hi);
+      }
+    for (int j = 0; j < 4; ++j) {
+      const __m512 t0 = _mm512_sub_ps(x[0][j], x[2][j]), t1 = _mm512_add_ps(x[1][j], x[2][j]);
+      const __m512 t2 = _mm512_sub_ps(x[2][j], x[1][j]), t3 = _mm512_sub_ps(x[1][j], x[3][j]);
+      x[0][j] = t0, x[1][j] = t1, x[2][j] = t2, x[3][j] = t3;
+    }
+    for (int i = 0; i < 4; ++i) {
+      float* o = out + (size_t)(i * 4) * step + tx;
+      _mm512_mask_storeu_ps(o, keep, _mm512_sub_ps(x[i][0], x[i][2]));
+      _mm512_mask_storeu_ps(o + step, keep, _mm512_add_ps(x[i][1], x[i][2]));
+      _mm512_mask_storeu_ps(o + 2 * step, keep, _mm512_sub_ps(x[i][2], x[i][1]));
+      _mm512_mask_storeu_ps(o + 3 * step, keep, _mm512_sub_ps(x[i][1], x[i][3]));
+    }
+  }
+}
+
+// The output transform of one row of tiles (q[k * step + tx], k < 16) into two output rows,
+// sixteen tiles at a time, the scalar loop's additions in its order.
+__attribute__((target("avx512f"))) void winograd_output16(const float* q, size_t step, int tw, float* y0, float* y1) {
+  const __m512i lo = _mm512_setr_epi32(0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+  const __m512i hi = _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+  for (int tx = 0; tx < tw; tx += 16) {
+    const __mmask16 keep = first_lanes(tw - tx);
+    __m512 a[16];
+    for (int k = 0; k < 16; ++k) a[k] = _mm512_maskz_loadu_ps(keep, q + k * step + tx);
+    __m512 t0[4], t1[4];
+    for (int j = 0; j < 4; ++j) {
+      t0[j] = _mm512_add_ps(_mm512_add_ps(a[j], a[4 + j]), a[8 + j]);
+      t1[j] = _mm512_sub_ps(_mm512_sub_ps(a[4 + j], a[8 + j]), a[12 + j]);
+    }
+    const int n = 2 * std::min(16, tw - tx);
+    for (int r = 0; r < 2; ++r) {
+      const __m512* t = r ? t1 : t0;
+      float* y = (r ? y1 : y0) + 2 * tx;
+      const __m512 e = _mm512_add_ps(_mm512_add_ps(t[0], t[1]), t[2]);
+      const __m512 o = _mm512_sub_ps(_mm512_sub_ps(t[1], t[2]), t[3]);
+      _mm512_mask_storeu_ps(y, first_lanes(n), _mm512_permutex2var_ps(e, lo, o));
+      _mm512_mask_storeu_ps(y + 16, first_lanes(n - 16), _mm512_permutex2var_ps(e, hi, o));
+    }
+  }
+}
+#else
+bool winograd_rows16() { return false; }
+void winograd_input16(const float* const*, int, int, float*, size_t) {}
+void winograd_output16(const float*, size_t, int, float*, float*) {}
+#endif
+
 void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const Ftype* input, const Ftype* weight,
                       Ftype* output, const OutputStep& finish) {
   const ConvShape& s = p->shape;
@@ -273,6 +344,7 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
   if (!v || !m || !rows_all)
     ORVA_THROW("conv_forward: no host scratch for %d x %d x %zu transformed tiles", M, C, T);
   winograd_weights(p, weight);
+  const bool rows16 = winograd_rows16();
   // Input tiles: V = B^T d B, rows of the padded image widened once per tile row.
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * C), [&](const tbb::blocked_range<int>& r) {
     float* rows = rows_all + (size_t)4 * row_len * tbb::this_task_arena::current_thread_index();
@@ -291,6 +363,11 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
         const float *d0 = rows, *d1 = d0 + row_len, *d2 = d1 + row_len, *d3 = d2 + row_len;
         float* out = v + (size_t)c * T + (size_t)b * tiles + (size_t)ty * tw;
         const size_t step = (size_t)C * T;
+        if (rows16) {
+          const float* d[4] = {d0, d1, d2, d3};
+          winograd_input16(d, row_len, tw, out, step);
+          continue;
+        }
         for (int tx = 0; tx < tw; ++tx) {
           float t[4][4];
           for (int j = 0; j < 4; ++j) {
@@ -345,7 +422,8 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
       for (int ty = 0; ty < th; ++ty) {
         float* y0 = rows;
         float* y1 = y0 + 2 * tw;
-        for (int tx = 0; tx < tw; ++tx) {
+        if (rows16) winograd_output16(src + (size_t)ty * tw, step, tw, y0, y1);
+        for (int tx = 0; tx < (rows16 ? 0 : tw); ++tx) {
           const float* q = src + (size_t)ty * tw + tx;
           float a[4][4];
           for (int k = 0; k < 16; ++k) a[k / 4][k % 4] = q[k * step];
@@ -430,7 +508,48 @@ namespace {
 // One group per channel: a product per group would have a single row and K = size x size,
 // all overhead. Each output row sums its taps in float over zero-bordered float copies of
 // the input rows, rounded once by `finish`.
+constexpr int kMaxDepthwiseSize = 16;  // kernel sides the register path takes
 bool is_depthwise(const ConvShape& s) { return s.groups > 1 && s.groups == s.in_c && s.out_c == s.in_c; }
+
+#if defined(__x86_64__)
+bool depthwise_rows16() { return __builtin_cpu_supports("avx512f"); }
+
+// One output row of a unit-stride depthwise layer, 64 outputs at a time summed in four
+// registers (a single chain of dependent sums would wait on each addition): the taps in the
+// plain loop's order (kernel rows that fall outside the image skipped), each product and each
+// sum rounded on its own (no fused multiply-add), so the sums are the plain loop's bit for bit.
+// GCC's headers leave the pass-through operand of the rounding-mode forms undefined and then
+// warn about it where they are inlined.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+__attribute__((target("avx512f"))) void depthwise_row16(const float* const* rows, const float* const* taps, int nrows,
+                                                          int k, int dilation, int out_w, float* acc) {
+  constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+  for (int x = 0; x < out_w; x += 64) {
+    __mmask16 take[4];
+    for (int j = 0; j < 4; ++j) {
+      const int left = std::min(16, std::max(0, out_w - x - 16 * j));
+      take[j] = (__mmask16)((1u << left) - 1);
+    }
+    __m512 sum[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
+    for (int r = 0; r < nrows; ++r)
+      for (int kx = 0; kx < k; ++kx) {
+        const float* src = rows[r] + x + kx * dilation;
+        const __m512 w = _mm512_set1_ps(taps[r][kx]);
+#pragma GCC unroll 4
+        for (int j = 0; j < 4; ++j)
+          sum[j] = _mm512_add_round_ps(sum[j], _mm512_mul_round_ps(w, _mm512_maskz_loadu_ps(take[j], src + 16 * j), kRound),
+                                       kRound);
+      }
+#pragma GCC unroll 4
+    for (int j = 0; j < 4; ++j) _mm512_mask_storeu_ps(acc + x + 16 * j, take[j], sum[j]);
+  }
+}
+#pragma GCC diagnostic pop
+#else
+bool depthwise_rows16() { return false; }
+void depthwise_row16(const float* const*, const float* const*, int, int, int, int, float*) {}
+#endif
 
 void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, const Ftype* input,
                        const Ftype* weight, Ftype* output, const OutputStep& finish) {
@@ -442,6 +561,7 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
   float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
   if (!scratch)
     ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", s.in_h, wp);
+  const bool rows16 = s.stride == 1 && k <= kMaxDepthwiseSize && depthwise_rows16();
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
     float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
     float* acc = rows + (size_t)s.in_h * wp;
@@ -458,6 +578,20 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
         std::fill(row + s.pad + s.in_w, row + wp, 0.f);
       }
       for (int y = 0; y < s.out_h; ++y) {
+        if (rows16) {
+          const float* in_rows[kMaxDepthwiseSize];
+          const float* tap_rows[kMaxDepthwiseSize];
+          int n = 0;
+          for (int ky = 0; ky < k; ++ky) {
+            const int iy = y - s.pad + ky * s.dilation;
+            if (iy < 0 || iy >= s.in_h) continue;
+            in_rows[n] = rows + (size_t)iy * wp;
+            tap_rows[n++] = w + ky * k;
+          }
+          depthwise_row16(in_rows, tap_rows, n, k, s.dilation, s.out_w, acc);
+          finish(acc, out + (size_t)y * s.out_w, s.out_w, c);
+          continue;
+        }
         std::fill(acc, acc + s.out_w, 0.f);
         for (int ky = 0; ky < k; ++ky) {
           const int iy = y * s.stride - s.pad + ky * s.dilation;
