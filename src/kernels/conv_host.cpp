@@ -157,16 +157,19 @@ bool packed_products() { return __builtin_cpu_supports("avx512f"); }
 
 // c[0..rows) x [0..16 V) = a (packed block, K x kPackRows) times b (K rows of ldb), the
 // last vector's columns masked by `last`.
-template <int V>
-__attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, float* c,
-                                                     size_t ldc, int rows, __mmask16 last) {
+// Row k of b is b + k * ldb, or b + off[k] when the caller gives offsets (a convolution read
+// straight from its phase planes).
+template <int V, bool kOffsets>
+__attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, const int* off,
+                                                     float* c, size_t ldc, int rows, __mmask16 last) {
   __m512 acc[kPackRows][V];
   for (int r = 0; r < kPackRows; ++r)
     for (int j = 0; j < V; ++j) acc[r][j] = _mm512_setzero_ps();
-  for (int k = 0; k < K; ++k, a += kPackRows, b += ldb) {
+  for (int k = 0; k < K; ++k, a += kPackRows) {
+    const float* bk = kOffsets ? b + off[k] : b + (size_t)k * ldb;
     __m512 bv[V];
 #pragma GCC unroll 3
-    for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(b + 16 * j) : _mm512_maskz_loadu_ps(last, b + 16 * j);
+    for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(bk + 16 * j) : _mm512_maskz_loadu_ps(last, bk + 16 * j);
 #pragma GCC unroll 8
     for (int r = 0; r < kPackRows; ++r) {
       const __m512 av = _mm512_set1_ps(a[r]);
@@ -188,7 +191,8 @@ __attribute__((target("avx512f"))) void packed_block(int K, const float* a, cons
 
 // C (M x N, ldc) = A (M x K, packed) B (K x N, ldb). Column blocks keep B's part in cache
 // while every row block passes over it.
-void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc) {
+void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc,
+                    const int* off = nullptr) {
   const int nc = std::max(48, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) / 48 * 48);
   for (int jc = 0; jc < N; jc += nc)
     for (int i = 0; i < M; i += kPackRows) {
@@ -198,15 +202,21 @@ void packed_product(int M, int N, int K, const float* ap, const float* b, size_t
         const int n = std::min(48, end - j);
         const __mmask16 last = (__mmask16)((1u << ((n - 1) % 16 + 1)) - 1);
         float* cj = c + (size_t)i * ldc + j;
-        if (n > 32) packed_block<3>(K, a, b + j, ldb, cj, ldc, rows, last);
-        else if (n > 16) packed_block<2>(K, a, b + j, ldb, cj, ldc, rows, last);
-        else packed_block<1>(K, a, b + j, ldb, cj, ldc, rows, last);
+        if (off) {
+          if (n > 32) packed_block<3, true>(K, a, b + j, 0, off, cj, ldc, rows, last);
+          else if (n > 16) packed_block<2, true>(K, a, b + j, 0, off, cj, ldc, rows, last);
+          else packed_block<1, true>(K, a, b + j, 0, off, cj, ldc, rows, last);
+        } else {
+          if (n > 32) packed_block<3, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
+          else if (n > 16) packed_block<2, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
+          else packed_block<1, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
+        }
       }
     }
 }
 #else
 bool packed_products() { return false; }
-void packed_product(int, int, int, const float*, const float*, size_t, float*, size_t) {}
+void packed_product(int, int, int, const float*, const float*, size_t, float*, size_t, const int* = nullptr) {}
 #endif
 
 // 3x3 stride-1 kernels with many channels take the Winograd F(2x2, 3x3) product: each 2x2
@@ -612,6 +622,106 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
   });
 }
 
+// Unit strides with the packed products: no column panel. Each thread widens the
+// image rows of a band of output rows once into the stride's phases (s x s planes per channel;
+// phase (px, py) holds the zero-bordered image's columns px, px + s, ... of its rows py,
+// py + s, ...), each plane row as wide as an output row plus the phase columns a kernel row
+// reaches past it. Row (c, ky, kx) of the column matrix is then one phase plane read at a fixed
+// offset, so the product reads its operand from the planes; every output row is computed over
+// the plane row's width and the columns past out_w are dropped. A gathered panel converted
+// each image value once for every kernel tap that reads it and wrote and read back K floats
+// per output column. The planes are laid out for any stride, but double strides (four phases,
+// bands of two or three rows within the budget) measured no faster than their panels.
+struct PhasePlan {
+  bool use = false;
+  int s = 1, qmax = 0, wpe = 0, band = 0, bands = 0, rows = 0;
+  size_t plane = 0, per_thread = 0;  // floats of one phase plane, of one thread's planes
+};
+
+constexpr size_t kBandBytes = 512 * 1024;  // one thread's phase planes, kept in cache
+constexpr int kMinBandColumns = 96;        // narrower bands leave the product's blocks half empty
+
+PhasePlan phase_plan(const ConvShape& s, int cpg, bool packed) {
+  PhasePlan p;
+  if (!packed || s.size == 1 || s.stride > 1) return p;
+  p.s = s.stride;
+  p.qmax = (s.size - 1) * s.dilation / s.stride;
+  p.wpe = s.out_w + p.qmax;
+  const size_t row_bytes = sizeof(float) * p.s * p.s * cpg * p.wpe;
+  p.band = std::min(s.out_h, (int)(kBandBytes / row_bytes) - p.qmax - 1);
+  if (p.band < 1 || p.band * p.wpe < kMinBandColumns) return p;
+  p.bands = (s.out_h + p.band - 1) / p.band;
+  p.rows = p.band + p.qmax + 1;  // the last one catches the dropped columns' reads
+  p.plane = (size_t)p.rows * p.wpe;
+  p.per_thread = p.plane * p.s * p.s * cpg;
+  p.use = true;
+  return p;
+}
+
+// Planes of channels [0, cpg) of `im` for output rows from y0 (layout of phase_plan).
+void widen_phases(const ConvShape& s, const PhasePlan& p, const Ftype* im, int cpg, int y0, float* planes) {
+  for (int c = 0; c < cpg; ++c)
+    for (int py = 0; py < p.s; ++py)
+      for (int yy = 0; yy < p.rows; ++yy) {
+        const int iy = (y0 + yy) * p.s + py - s.pad;
+        for (int px = 0; px < p.s; ++px) {
+          float* dst = planes + ((size_t)(py * p.s + px) * cpg + c) * p.plane + (size_t)yy * p.wpe;
+          if (iy < 0 || iy >= s.in_h) {
+            std::fill(dst, dst + p.wpe, 0.f);
+            continue;
+          }
+          // dst[xx] = image column xx * s + px - pad, zero outside the image.
+          const int lo = std::min(p.wpe, std::max(0, (s.pad - px + p.s - 1) / p.s));
+          const int hi = std::max(lo, std::min(p.wpe, floor_div(s.in_w - 1 + s.pad - px, p.s) + 1));
+          std::fill(dst, dst + lo, 0.f);
+          if (hi > lo) widen_strided(im + ((size_t)c * s.in_h + iy) * s.in_w + (lo * p.s + px - s.pad), p.s, hi - lo, dst + lo);
+          std::fill(dst + hi, dst + p.wpe, 0.f);
+        }
+      }
+}
+
+void phase_forward(ORVA::Backend* backend, const ConvShape& s, const PhasePlan& p, int batch, const Ftype* input,
+                   const float* a, size_t group_rows, Ftype* output, const OutputStep& finish) {
+  const int cpg = s.in_c / s.groups, fpg = s.out_c / s.groups, k = s.size;
+  const int K = cpg * k * k, N = s.out_h * s.out_w;
+  const int threads = tbb::this_task_arena::max_concurrency();
+  const int tasks = batch * s.groups * p.bands;
+  const int row_tiles =
+      tasks >= 2 * threads ? 1 : std::max(1, std::min(fpg / kPackRows, (2 * threads + tasks - 1) / tasks));
+  const int mb = (int)packed_rows((fpg + row_tiles - 1) / row_tiles);
+  const size_t c_tile = (size_t)mb * p.band * p.wpe;
+  float* planes_all = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * p.per_thread * threads));
+  float* tiles_all = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
+  int* off = static_cast<int*>(backend->scratch(kScratchRows, sizeof(int) * K));
+  if (!planes_all || !tiles_all || !off)
+    ORVA_THROW("conv_forward: no host scratch for %d phase planes of %zu floats", p.s * p.s * cpg, p.plane);
+  for (int c = 0; c < cpg; ++c)
+    for (int ky = 0; ky < k; ++ky)
+      for (int kx = 0; kx < k; ++kx) {
+        const int vy = ky * s.dilation, vx = kx * s.dilation;
+        const int phase = (vy % p.s) * p.s + vx % p.s;
+        off[(c * k + ky) * k + kx] = (int)(((size_t)phase * cpg + c) * p.plane + (size_t)(vy / p.s) * p.wpe + vx / p.s);
+      }
+  const size_t in_image = (size_t)s.in_c * s.in_h * s.in_w, out_image = (size_t)s.out_c * N;
+  tbb::parallel_for(0, tasks * row_tiles, [&](int task) {
+    const int slot = tbb::this_task_arena::current_thread_index();
+    float* planes = planes_all + p.per_thread * slot;
+    float* cp = tiles_all + c_tile * slot;
+    const int rt = task % row_tiles, band = task / row_tiles % p.bands, bg = task / row_tiles / p.bands;
+    const int b = bg / s.groups, g = bg % s.groups;
+    const int i0 = rt * mb, h = std::min(mb, fpg - i0);
+    if (h <= 0) return;
+    const int y0 = band * p.band, rows = std::min(p.band, s.out_h - y0), w = rows * p.wpe;
+    widen_phases(s, p, input + b * in_image + (size_t)g * cpg * s.in_h * s.in_w, cpg, y0, planes);
+    packed_product(h, w, K, a + ((size_t)g * group_rows + i0) * K, planes, 0, cp, w, off);
+    for (int i = 0; i < h; ++i) {
+      const int f = g * fpg + i0 + i;
+      Ftype* out = output + b * out_image + (size_t)f * N + (size_t)y0 * s.out_w;
+      for (int y = 0; y < rows; ++y) finish(cp + (size_t)i * w + (size_t)y * p.wpe, out + (size_t)y * s.out_w, s.out_w, f);
+    }
+  });
+}
+
 void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const Ftype* weight, Ftype* output,
              const OutputStep& finish) {
   const ConvShape& s = plan->shape;
@@ -631,12 +741,13 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
     t.mb = (int)packed_rows(t.mb);
     t.row_tiles = (fpg + t.mb - 1) / t.mb;
   }
-  const size_t b_floats = t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
-  const size_t c_tile = (size_t)t.mb * t.nb;
+  const PhasePlan phases = phase_plan(s, cpg, packed);
+  const size_t b_floats = phases.use ? 0 : t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
+  const size_t c_tile = phases.use ? 0 : (size_t)t.mb * t.nb;
   float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * s.groups * group_rows * K));
   float* bm = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * b_floats));
   float* cm = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
-  if (!a || !bm || !cm)
+  if (!a || (!phases.use && (!bm || !cm)))
     ORVA_THROW("conv_forward: no host scratch for %d filters, %d x %lld columns", s.out_c, K, columns);
   if (packed) {
     const int blocks = (int)(group_rows / kPackRows);
@@ -658,6 +769,7 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
       widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
     });
   }
+  if (phases.use) return phase_forward(backend, s, phases, batch, input, a, group_rows, output, finish);
   const size_t in_image = (size_t)s.in_c * s.in_h * s.in_w, out_image = (size_t)s.out_c * N;
   auto pack = [&](int g, long long J, int w, float* dst, size_t ld) {
     for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
