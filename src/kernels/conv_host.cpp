@@ -525,35 +525,42 @@ bool is_depthwise(const ConvShape& s) { return s.groups > 1 && s.groups == s.in_
 bool depthwise_rows16() { return __builtin_cpu_supports("avx512f"); }
 
 // One output row of a unit-stride depthwise layer, 64 outputs at a time summed in four
-// registers (a single chain of dependent sums would wait on each addition): the taps in the
-// plain loop's order (kernel rows that fall outside the image skipped), each product and each
-// sum rounded on its own (no fused multiply-add), so the sums are the plain loop's bit for bit.
-// GCC's headers leave the pass-through operand of the rounding-mode forms undefined and then
-// warn about it where they are inlined.
+// registers (a single chain of dependent sums would wait on each addition), the loads
+// unmasked but in the last block: the taps in the plain loop's order (kernel rows that fall
+// outside the image skipped), each product and each sum rounded on its own (no fused
+// multiply-add), so the sums are the plain loop's bit for bit.
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"  // GCC's headers, inlined here
+template <bool kMasked>
+__attribute__((target("avx512f"))) inline void depthwise_block64(const float* const* rows, const float* const* taps,
+                                                                   int nrows, int k, int dilation, int x, int left,
+                                                                   float* acc) {
+  constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+  __mmask16 take[4];
+  for (int j = 0; j < 4; ++j) take[j] = (__mmask16)((1u << std::min(16, std::max(0, left - 16 * j))) - 1);
+  __m512 sum[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
+  for (int r = 0; r < nrows; ++r)
+    for (int kx = 0; kx < k; ++kx) {
+      const float* src = rows[r] + x + kx * dilation;
+      const __m512 w = _mm512_set1_ps(taps[r][kx]);
+#pragma GCC unroll 4
+      for (int j = 0; j < 4; ++j) {
+        const __m512 v = kMasked ? _mm512_maskz_loadu_ps(take[j], src + 16 * j) : _mm512_loadu_ps(src + 16 * j);
+        sum[j] = _mm512_add_round_ps(sum[j], _mm512_mul_round_ps(w, v, kRound), kRound);
+      }
+    }
+#pragma GCC unroll 4
+  for (int j = 0; j < 4; ++j) {
+    if (kMasked) _mm512_mask_storeu_ps(acc + x + 16 * j, take[j], sum[j]);
+    else _mm512_storeu_ps(acc + x + 16 * j, sum[j]);
+  }
+}
+
 __attribute__((target("avx512f"))) void depthwise_row16(const float* const* rows, const float* const* taps, int nrows,
                                                           int k, int dilation, int out_w, float* acc) {
-  constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
-  for (int x = 0; x < out_w; x += 64) {
-    __mmask16 take[4];
-    for (int j = 0; j < 4; ++j) {
-      const int left = std::min(16, std::max(0, out_w - x - 16 * j));
-      take[j] = (__mmask16)((1u << left) - 1);
-    }
-    __m512 sum[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
-    for (int r = 0; r < nrows; ++r)
-      for (int kx = 0; kx < k; ++kx) {
-        const float* src = rows[r] + x + kx * dilation;
-        const __m512 w = _mm512_set1_ps(taps[r][kx]);
-#pragma GCC unroll 4
-        for (int j = 0; j < 4; ++j)
-          sum[j] = _mm512_add_round_ps(sum[j], _mm512_mul_round_ps(w, _mm512_maskz_loadu_ps(take[j], src + 16 * j), kRound),
-                                       kRound);
-      }
-#pragma GCC unroll 4
-    for (int j = 0; j < 4; ++j) _mm512_mask_storeu_ps(acc + x + 16 * j, take[j], sum[j]);
-  }
+  int x = 0;
+  for (; x + 64 <= out_w; x += 64) depthwise_block64<false>(rows, taps, nrows, k, dilation, x, 64, acc);
+  if (x < out_w) depthwise_block64<true>(rows, taps, nrows, k, dilation, x, out_w - x, acc);
 }
 #pragma GCC diagnostic pop
 #else
