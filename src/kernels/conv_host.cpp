@@ -556,6 +556,33 @@ __attribute__((target("avx512f"))) inline void depthwise_block64(const float* co
   }
 }
 
+// Narrow rows (out_w <= 16 V): R consecutive output rows whose kernel rows all lie inside the
+// image, V vectors each, R x V = 4 independent sums; rows0 is the first input row of the first
+// output row, the taps and their order as above.
+template <int R, int V>
+__attribute__((target("avx512f"))) void depthwise_rows_block(const float* rows0, size_t wp, const float* w, int k,
+                                                               int dilation, int out_w, float* acc) {
+  constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+  __mmask16 take[V];
+  for (int v = 0; v < V; ++v) take[v] = (__mmask16)((1u << std::min(16, std::max(0, out_w - 16 * v))) - 1);
+  __m512 sum[R][V];
+  for (int r = 0; r < R; ++r)
+    for (int v = 0; v < V; ++v) sum[r][v] = _mm512_setzero_ps();
+  for (int ky = 0; ky < k; ++ky)
+    for (int kx = 0; kx < k; ++kx) {
+      const __m512 wv = _mm512_set1_ps(w[ky * k + kx]);
+      const float* src = rows0 + (size_t)ky * dilation * wp + kx * dilation;
+#pragma GCC unroll 4
+      for (int r = 0; r < R; ++r)
+#pragma GCC unroll 2
+        for (int v = 0; v < V; ++v)
+          sum[r][v] = _mm512_add_round_ps(
+              sum[r][v], _mm512_mul_round_ps(wv, _mm512_maskz_loadu_ps(take[v], src + r * wp + 16 * v), kRound), kRound);
+    }
+  for (int r = 0; r < R; ++r)
+    for (int v = 0; v < V; ++v) _mm512_mask_storeu_ps(acc + (size_t)r * out_w + 16 * v, take[v], sum[r][v]);
+}
+
 __attribute__((target("avx512f"))) void depthwise_row16(const float* const* rows, const float* const* taps, int nrows,
                                                           int k, int dilation, int out_w, float* acc) {
   int x = 0;
@@ -566,6 +593,8 @@ __attribute__((target("avx512f"))) void depthwise_row16(const float* const* rows
 #else
 bool depthwise_rows16() { return false; }
 void depthwise_row16(const float* const*, const float* const*, int, int, int, int, float*) {}
+template <int R, int V>
+void depthwise_rows_block(const float*, size_t, const float*, int, int, int, float*) {}
 #endif
 
 void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, const Ftype* input,
@@ -573,7 +602,7 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
   const int k = s.size, wp = s.in_w + 2 * s.pad;
   // The plane is widened once, rows with their zero border, and every output row then reads
   // its k rows from it (widening row by row for each output row widened every row k times).
-  const size_t per_thread = (size_t)s.in_h * wp + s.out_w + k * k;
+  const size_t per_thread = (size_t)s.in_h * wp + 4 * s.out_w + k * k;
   const int threads = tbb::this_task_arena::max_concurrency();
   float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
   if (!scratch)
@@ -582,7 +611,7 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
     float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
     float* acc = rows + (size_t)s.in_h * wp;
-    float* w = acc + s.out_w;
+    float* w = acc + 4 * s.out_w;
     for (int bc = r.begin(); bc != r.end(); ++bc) {
       const int c = bc % s.in_c;
       const Ftype* plane = input + (size_t)bc * s.in_h * s.in_w;
@@ -595,6 +624,16 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
         std::fill(row + s.pad + s.in_w, row + wp, 0.f);
       }
       for (int y = 0; y < s.out_h; ++y) {
+        // Narrow rows: four or two output rows at once where all their kernel rows are inside.
+        const int group = !rows16 || s.out_w > 32 ? 1 : s.out_w > 16 ? 2 : 4;
+        if (group > 1 && y - s.pad >= 0 && y + group - 1 - s.pad + (k - 1) * s.dilation < s.in_h) {
+          const float* rows0 = rows + (size_t)(y - s.pad) * wp;
+          if (group == 4) depthwise_rows_block<4, 1>(rows0, wp, w, k, s.dilation, s.out_w, acc);
+          else depthwise_rows_block<2, 2>(rows0, wp, w, k, s.dilation, s.out_w, acc);
+          for (int r = 0; r < group; ++r) finish(acc + (size_t)r * s.out_w, out + (size_t)(y + r) * s.out_w, s.out_w, c);
+          y += group - 1;
+          continue;
+        }
         if (rows16) {
           const float* in_rows[kMaxDepthwiseSize];
           const float* tap_rows[kMaxDepthwiseSize];
