@@ -687,14 +687,16 @@ struct PhasePlan {
 constexpr size_t kBandBytes = 512 * 1024;  // one thread's phase planes, kept in cache
 constexpr int kMinBandColumns = 96;        // narrower bands leave the product's blocks half empty
 
-PhasePlan phase_plan(const ConvShape& s, int cpg, bool packed) {
+PhasePlan phase_plan(const ConvShape& s, int cpg, bool packed, int threads) {
   PhasePlan p;
   if (!packed || s.size == 1 || s.stride > 1) return p;
   p.s = s.stride;
   p.qmax = (s.size - 1) * s.dilation / s.stride;
   p.wpe = s.out_w + p.qmax;
   const size_t row_bytes = sizeof(float) * p.s * p.s * cpg * p.wpe;
-  p.band = std::min(s.out_h, (int)(kBandBytes / row_bytes) - p.qmax - 1);
+  // At least two bands per thread, so that a pass of one image splits evenly.
+  const int even = (s.out_h + 2 * threads - 1) / (2 * threads);
+  p.band = std::min(even, (int)(kBandBytes / row_bytes) - p.qmax - 1);
   if (p.band < 1 || p.band * p.wpe < kMinBandColumns) return p;
   p.bands = (s.out_h + p.band - 1) / p.band;
   p.rows = p.band + p.qmax + 1;  // the last one catches the dropped columns' reads
@@ -787,7 +789,7 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
     t.mb = (int)packed_rows(t.mb);
     t.row_tiles = (fpg + t.mb - 1) / t.mb;
   }
-  const PhasePlan phases = phase_plan(s, cpg, packed);
+  const PhasePlan phases = phase_plan(s, cpg, packed, threads);
   const size_t b_floats = phases.use ? 0 : t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
   const size_t c_tile = phases.use ? 0 : (size_t)t.mb * t.nb;
   float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * s.groups * group_rows * K));
