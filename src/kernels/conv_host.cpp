@@ -189,10 +189,67 @@ __attribute__((target("avx512f"))) void packed_block(int K, const float* a, cons
   }
 }
 
+// The last nc <= 4 columns of a product, where a 16-lane block would fill only nc lanes (the
+// 13 x 13 Winograd products have 49 tile columns at batch 1, 196 at batch 4): eight filter rows
+// are one 8-lane sum per column instead, NB row blocks at a time, the column's value
+// broadcast. The same fused multiply-adds in k order, so the same bits as the block kernel.
+template <int NB, int NC, bool kOffsets>
+__attribute__((target("avx512f,fma"))) void packed_tail(int K, const float* a, const float* b, size_t ldb,
+                                                         const int* off, float* c, size_t ldc, int rows) {
+  __m256 acc[NB][NC];
+  for (int q = 0; q < NB; ++q)
+    for (int j = 0; j < NC; ++j) acc[q][j] = _mm256_setzero_ps();
+  for (int k = 0; k < K; ++k) {
+    const float* bk = kOffsets ? b + off[k] : b + (size_t)k * ldb;
+    __m256 bv[NC];
+#pragma GCC unroll 4
+    for (int j = 0; j < NC; ++j) bv[j] = _mm256_broadcast_ss(bk + j);
+#pragma GCC unroll 4
+    for (int q = 0; q < NB; ++q) {
+      const __m256 av = _mm256_loadu_ps(a + ((size_t)q * K + k) * kPackRows);
+#pragma GCC unroll 4
+      for (int j = 0; j < NC; ++j) acc[q][j] = _mm256_fmadd_ps(av, bv[j], acc[q][j]);
+    }
+  }
+  for (int q = 0; q < NB; ++q)
+    for (int j = 0; j < NC; ++j) {
+      alignas(32) float t[kPackRows];
+      _mm256_store_ps(t, acc[q][j]);
+      for (int r = 0; r < std::min(kPackRows, rows - q * kPackRows); ++r) c[(size_t)(q * kPackRows + r) * ldc + j] = t[r];
+    }
+}
+
+template <int NC, bool kOffsets>
+void packed_tail_rows(int M, int K, const float* ap, const float* b, size_t ldb, const int* off, float* c,
+                      size_t ldc) {
+  int i = 0;
+  for (; i + 4 * kPackRows <= M; i += 4 * kPackRows)
+    packed_tail<4, NC, kOffsets>(K, ap + (size_t)i * K, b, ldb, off, c + (size_t)i * ldc, ldc, M - i);
+  for (; i < M; i += kPackRows)
+    packed_tail<1, NC, kOffsets>(K, ap + (size_t)i * K, b, ldb, off, c + (size_t)i * ldc, ldc, M - i);
+}
+
+template <bool kOffsets>
+void packed_tail_columns(int nc, int M, int K, const float* ap, const float* b, size_t ldb, const int* off, float* c,
+                         size_t ldc) {
+  switch (nc) {
+    case 1: return packed_tail_rows<1, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+    case 2: return packed_tail_rows<2, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+    case 3: return packed_tail_rows<3, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+    default: return packed_tail_rows<4, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+  }
+}
+
 // C (M x N, ldc) = A (M x K, packed) B (K x N, ldb). Column blocks keep B's part in cache
 // while every row block passes over it.
 void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc,
                     const int* off = nullptr) {
+  const int tail = N > 48 && N % 48 <= 4 ? N % 48 : 0;
+  if (tail) {
+    N -= tail;
+    if (off) packed_tail_columns<true>(tail, M, K, ap, b + N, ldb, off, c + N, ldc);
+    else packed_tail_columns<false>(tail, M, K, ap, b + N, ldb, off, c + N, ldc);
+  }
   const int nc = std::max(48, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) / 48 * 48);
   for (int jc = 0; jc < N; jc += nc)
     for (int i = 0; i < M; i += kPackRows) {
