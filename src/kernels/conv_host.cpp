@@ -244,12 +244,15 @@ void packed_tail_columns(int nc, int M, int K, const float* ap, const float* b, 
 // while every row block passes over it.
 void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc,
                     const int* off = nullptr) {
+  // The tail columns of each group of four row blocks right after the group's last blocks,
+  // while its weights are still in cache (a pass of its own read them from memory again).
   const int tail = N > 48 && N % 48 <= 4 ? N % 48 : 0;
-  if (tail) {
-    N -= tail;
-    if (off) packed_tail_columns<true>(tail, M, K, ap, b + N, ldb, off, c + N, ldc);
-    else packed_tail_columns<false>(tail, M, K, ap, b + N, ldb, off, c + N, ldc);
-  }
+  N -= tail;
+  auto tail_group = [&](int i) {
+    const int g0 = i / (4 * kPackRows) * (4 * kPackRows), rows = std::min(M, i + kPackRows) - g0;
+    if (off) packed_tail_columns<true>(tail, rows, K, ap + (size_t)g0 * K, b + N, ldb, off, c + (size_t)g0 * ldc + N, ldc);
+    else packed_tail_columns<false>(tail, rows, K, ap + (size_t)g0 * K, b + N, ldb, off, c + (size_t)g0 * ldc + N, ldc);
+  };
   const int nc = std::max(48, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) / 48 * 48);
   for (int jc = 0; jc < N; jc += nc)
     for (int i = 0; i < M; i += kPackRows) {
@@ -269,6 +272,7 @@ void packed_product(int M, int N, int K, const float* ap, const float* b, size_t
           else packed_block<1, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
         }
       }
+      if (tail && jc + nc >= N && (i / kPackRows % 4 == 3 || i + kPackRows >= M)) tail_group(i);
     }
 }
 #else
