@@ -260,7 +260,7 @@ void max_values(int batch, int in_h, int in_w, int in_c, int out_h, int out_w, i
   });
 }
 
-#if defined(__x86_64__)
+#if defined(__x86_64__) && defined(__F16C__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"  // GCC's headers, inlined here
 // The first of a window row's maxima, as the walk takes it, for sixteen windows at p.
