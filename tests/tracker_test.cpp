@@ -13,9 +13,15 @@ namespace {
 using ORVA::DetectObj;
 using ORVA::DetectObjList;
 using ORVA::Tracker;
+using Ids = std::vector<std::pair<int, cv::Rect>>;
 
-DetectObj det(int x, int y, int w, int h, int cid = 1, float prob = 0.9f) {
-  return DetectObj{cid, -1, prob, cv::Rect(x, y, w, h)};
+DetectObj det(const cv::Rect& r, int cid = 1, float prob = 0.9f) { return DetectObj{cid, -1, prob, r}; }
+
+// Identity and box of each reported object, in order.
+Ids ids(const DetectObjList& l) {
+  Ids v;
+  for (const DetectObj& o : l) v.emplace_back(o.oid, o.bbox);
+  return v;
 }
 
 // Sets the identity counter, which is otherwise only reachable after 2^31 tracks.
@@ -29,6 +35,8 @@ class TrackerProbe : public Tracker {
 class TrackerTest : public testing::Test {
  protected:
   cv::Mat frame = cv::Mat(480, 640, CV_8UC3);  // only its size is read
+  // Square boxes and even sides survive the centre/area/ratio round trip exactly.
+  const cv::Rect a{10, 20, 40, 40}, b{200, 100, 30, 60}, c{100, 100, 40, 40};
 
   DetectObjList run(Tracker& t, DetectObjList dets) {
     t.process(frame, dets);
@@ -36,130 +44,90 @@ class TrackerTest : public testing::Test {
   }
 };
 
-TEST_F(TrackerTest, FirstFrameReportsEveryDetectionAtOnce) {
+TEST_F(TrackerTest, FirstFrameReportsEveryDetectionAtOnceThenWaitsForMinHit) {
   Tracker t(3, 3, 0.3f);
-  // Square boxes and even sides survive the centre/area/ratio round trip exactly.
-  DetectObjList out = run(t, {det(10, 20, 40, 40, 2, 0.8f), det(200, 100, 30, 60, 5, 0.6f)});
-  ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out[0].oid, 0);
-  EXPECT_EQ(out[0].cid, 2);
-  EXPECT_FLOAT_EQ(out[0].prob, 0.8f);
-  EXPECT_EQ(out[0].bbox, cv::Rect(10, 20, 40, 40));
-  EXPECT_EQ(out[1].oid, 1);
+  // Nothing, and boxes without area (no aspect ratio): dropped, no identity spent.
+  EXPECT_TRUE(run(t, {}).empty());
+  EXPECT_TRUE(run(t, {det({5, 5, 0, 10}), det({5, 5, 10, -3})}).empty());
+  DetectObjList out = run(t, {det(a, 2, 0.8f), det(b, 5, 0.6f)});
+  EXPECT_EQ(ids(out), (Ids{{0, a}, {1, b}}));
+  EXPECT_EQ(std::make_pair(out[0].cid, out[0].prob), std::make_pair(2, 0.8f));
   EXPECT_EQ(out[1].cid, 5);
-  EXPECT_EQ(out[1].bbox, cv::Rect(200, 100, 30, 60));
-
   // Confirmation needs minHit consecutive matches: frames 2 and 3 are silent.
-  EXPECT_TRUE(run(t, {det(10, 20, 40, 40), det(200, 100, 30, 60)}).empty());
-  EXPECT_TRUE(run(t, {det(10, 20, 40, 40), det(200, 100, 30, 60)}).empty());
-  out = run(t, {det(10, 20, 40, 40, 3, 0.4f), det(200, 100, 30, 60)});
-  ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out[0].oid, 0);
+  EXPECT_TRUE(run(t, {det(a), det(b)}).empty());
+  EXPECT_TRUE(run(t, {det(a), det(b)}).empty());
+  out = run(t, {det(a, 3, 0.4f), det(b)});
+  EXPECT_EQ(ids(out), (Ids{{0, a}, {1, b}}));
   EXPECT_EQ(out[0].cid, 3) << "class follows the last accepted detection";
   // 0.8 -> (0.8 + 0.9) / 2 -> (0.85 + 0.9) / 2 -> (0.875 + 0.4) / 2
   EXPECT_NEAR(out[0].prob, 0.6375f, 1e-6);
-  EXPECT_EQ(out[0].bbox, cv::Rect(10, 20, 40, 40));
-}
-
-TEST_F(TrackerTest, EmptyInputsNeverFail) {
-  Tracker t(1, 1, 0.3f);
-  EXPECT_TRUE(run(t, {}).empty());
-  EXPECT_TRUE(run(t, {}).empty());
-  // Boxes without area cannot be tracked (no aspect ratio) and are dropped.
-  EXPECT_TRUE(run(t, {det(5, 5, 0, 10), det(5, 5, 10, -3)}).empty());
-  EXPECT_EQ(run(t, {det(5, 5, 10, 10)}).size(), 1u);
 }
 
 TEST_F(TrackerTest, MissedTrackIsReportedOnceThenHiddenThenDeleted) {
   TrackerProbe t(2, 1, 0.3f);
-  run(t, {det(100, 100, 40, 40)});
-  ASSERT_EQ(run(t, {det(100, 100, 40, 40)}).size(), 1u);  // matched, hit 1: confirmed
-
+  run(t, {det(c)});
+  ASSERT_EQ(run(t, {det(c)}).size(), 1u);  // matched, hit 1: confirmed
   // First miss: still reported, with its predicted box (still, so the same box).
-  DetectObjList out = run(t, {});
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].oid, 0);
-  EXPECT_EQ(out[0].bbox, cv::Rect(100, 100, 40, 40));
+  EXPECT_EQ(ids(run(t, {})), (Ids{{0, c}}));
   EXPECT_TRUE(run(t, {}).empty());  // second miss: hidden, kept
   EXPECT_EQ(t.liveTracks(), 1u);
   // Matched again after two misses (maxMiss 2): same identity, reported at once because the
   // confirmation is latched.
-  out = run(t, {det(100, 100, 40, 40)});
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].oid, 0);
-
+  EXPECT_EQ(ids(run(t, {det(c)})), (Ids{{0, c}}));
   // maxMiss + 1 consecutive misses delete the track; the object then returns as a new one.
-  run(t, {});
-  run(t, {});
-  EXPECT_EQ(t.liveTracks(), 1u);
-  run(t, {});
-  EXPECT_EQ(t.liveTracks(), 0u);
-  out = run(t, {det(100, 100, 40, 40)});  // no live tracks: first-frame path
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].oid, 1) << "identities continue after tracks die";
+  for (size_t live : {1u, 1u, 0u}) {
+    run(t, {});
+    EXPECT_EQ(t.liveTracks(), live);
+  }
+  EXPECT_EQ(ids(run(t, {det(c)})), (Ids{{1, c}})) << "identities continue after tracks die";
 }
 
 TEST_F(TrackerTest, GateComparesOneMinusCostWithTheThreshold) {
   // A still 40 x 40 track against a detection shifted by 20 px: IoU = 800 / 2400. The gate
   // sees IoU - 1e-5, so a threshold equal to the IoU rejects the match.
   const float iou = 800.0f / 2400.0f;
+  const cv::Rect shifted(120, 100, 40, 40);
   for (float threshold : {iou, iou - 1e-4f}) {
     const bool accepted = threshold < iou;
     SCOPED_TRACE(accepted ? "just below the overlap" : "equal to the overlap");
     TrackerProbe t(5, 1, threshold);
-    run(t, {det(100, 100, 40, 40)});
-    DetectObjList out = run(t, {det(120, 100, 40, 40)});
-    if (accepted) {
-      ASSERT_EQ(out.size(), 1u);
-      EXPECT_EQ(out[0].oid, 0);
-      EXPECT_EQ(t.liveTracks(), 1u);
-    } else {
-      // The old track missed (its first miss is not reported: it was never confirmed) and
-      // the detection started track 1, unreported in the frame it was born.
-      EXPECT_TRUE(out.empty());
-      EXPECT_EQ(t.liveTracks(), 2u);
-      out = run(t, {det(120, 100, 40, 40)});
-      ASSERT_EQ(out.size(), 1u);
-      EXPECT_EQ(out[0].oid, 1);
-    }
+    run(t, {det(c)});
+    DetectObjList out = run(t, {det(shifted)});
+    EXPECT_EQ(t.liveTracks(), accepted ? 1u : 2u);
+    // Rejected: the old track missed (unreported: never confirmed) and the detection started
+    // track 1, unreported in the frame it was born.
+    if (!accepted) EXPECT_TRUE(out.empty());
+    if (!accepted) out = run(t, {det(shifted)});
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].oid, accepted ? 0 : 1);
   }
 }
 
 TEST_F(TrackerTest, IdentitiesWrapToZeroAndResetRestarts) {
   TrackerProbe t(3, 1, 0.3f);
   t.setNextId(0x7FFFFFFF);
-  DetectObjList out = run(t, {det(10, 10, 40, 40), det(300, 300, 40, 40), det(500, 10, 40, 40)});
-  ASSERT_EQ(out.size(), 3u);
-  EXPECT_EQ(out[0].oid, 2147483647);
-  EXPECT_EQ(out[1].oid, 0);
-  EXPECT_EQ(out[2].oid, 1);
-
+  const cv::Rect d(500, 10, 40, 40);
+  EXPECT_EQ(ids(run(t, {det(a), det(c), det(d)})), (Ids{{2147483647, a}, {0, c}, {1, d}}));
   t.reset();
   EXPECT_EQ(t.liveTracks(), 0u);
-  out = run(t, {det(300, 300, 40, 40)});
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].oid, 0);
+  EXPECT_EQ(ids(run(t, {det(c)})), (Ids{{0, c}}));
 }
 
 TEST_F(TrackerTest, FrameEdgesClipAndDelete) {
   TrackerProbe t(5, 1, 0.3f);
   // Reaching the right and bottom edges: width W - x - 1 and height H - y - 1.
-  DetectObjList out = run(t, {det(620, 460, 20, 20)});
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].bbox, cv::Rect(620, 460, 19, 19));
-
+  EXPECT_EQ(ids(run(t, {det({620, 460, 20, 20})})), (Ids{{0, {620, 460, 19, 19}}}));
   // A box whose prediction lies wholly past the right edge is deleted before matching, so
   // a detection at the same place restarts through the first-frame path with a new id.
   t.reset();
-  run(t, {det(700, 100, 40, 40)});
+  run(t, {det({700, 100, 40, 40})});
   EXPECT_EQ(t.liveTracks(), 1u);
-  out = run(t, {det(700, 100, 40, 40)});
+  DetectObjList out = run(t, {det({700, 100, 40, 40})});
   ASSERT_EQ(out.size(), 1u);
   EXPECT_EQ(out[0].oid, 1);
-
   // An empty frame clips every prediction away; its detections start afresh.
   cv::Mat none;
-  DetectObjList dets = {det(10, 10, 40, 40)};
+  DetectObjList dets = {det({10, 10, 40, 40})};
   t.process(none, dets);
   EXPECT_EQ(t.liveTracks(), 1u);
   ASSERT_EQ(dets.size(), 1u);
@@ -181,11 +149,6 @@ struct ScenarioResult {
   int missedFrames = 0;  // frames where a visible truth object had no reported match
   int distinctIds = 0;
 };
-
-float iou(const cv::Rect& a, const cv::Rect& b) {
-  float inter = (float)(a & b).area();
-  return inter / (float)(a.area() + b.area() - inter);
-}
 
 ScenarioResult run_scenario() {
   const cv::Size size(640, 480);
@@ -209,12 +172,12 @@ ScenarioResult run_scenario() {
   for (int f = 0; f < 60; f++) {
     DetectObjList dets;
     std::vector<cv::Rect> truth(walkers.size());
+    std::vector<bool> visible(walkers.size());
     for (size_t k = 0; k < walkers.size(); k++) {
       Walker& w = walkers[k];
-      cv::Rect box((int)std::lround(w.x), (int)std::lround(w.y), w.w, w.h);
-      truth[k] = box & inside;
-      bool hidden = f >= w.hideFrom && f < w.hideTo;
-      if (!hidden && truth[k].area() > 0) {
+      truth[k] = cv::Rect((int)std::lround(w.x), (int)std::lround(w.y), w.w, w.h) & inside;
+      visible[k] = !(f >= w.hideFrom && f < w.hideTo) && truth[k].area() > 0;
+      if (visible[k]) {
         cv::Rect noisy((int)std::lround(w.x + noise(gen)), (int)std::lround(w.y + noise(gen)),
                        (int)std::lround(w.w + noise(gen)), (int)std::lround(w.h + noise(gen)));
         noisy &= inside;
@@ -230,16 +193,13 @@ ScenarioResult run_scenario() {
     // expected to be reported.
     if (f < 3) continue;
     for (size_t k = 0; k < walkers.size(); k++) {
-      const Walker& w = walkers[k];
-      if ((f >= w.hideFrom && f < w.hideTo) || truth[k].area() == 0) continue;
+      if (!visible[k]) continue;
       int best = -1;
       float bestIou = 0.3f;
       for (const DetectObj& o : dets) {
-        float v = iou(truth[k], o.bbox);
-        if (v > bestIou) {
-          bestIou = v;
-          best = o.oid;
-        }
+        const float inter = (float)(truth[k] & o.bbox).area();
+        const float v = inter / (float)(truth[k].area() + o.bbox.area() - inter);
+        if (v > bestIou) bestIou = v, best = o.oid;
       }
       if (best < 0) {
         r.missedFrames++;
