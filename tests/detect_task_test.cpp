@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "network_test_util.h"
@@ -64,12 +65,10 @@ cv::Mat random_frame(int w, int h) {
   return m;
 }
 
-bool same_objects(const ORVA::DetectObjList& a, const ORVA::DetectObjList& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (a[i].cid != b[i].cid || a[i].oid != b[i].oid || a[i].prob != b[i].prob || a[i].bbox != b[i].bbox)
-      return false;
-  return true;
+std::vector<std::tuple<int, int, float, cv::Rect>> fields(const ORVA::DetectObjList& l) {
+  std::vector<std::tuple<int, int, float, cv::Rect>> v;
+  for (const ORVA::DetectObj& o : l) v.emplace_back(o.cid, o.oid, o.prob, o.bbox);
+  return v;
 }
 
 TEST(DetectTask, BoundPerSourceKeysAndResultsOfDirectDetection) {
@@ -111,7 +110,7 @@ TEST(DetectTask, BoundPerSourceKeysAndResultsOfDirectDetection) {
     const int p = frames[t].id < 3 ? frames[t].id : 0;
     ORVA::DetectObjList direct;
     net->detect(direct, letterboxed, size, thresh[p], nms[p]);
-    EXPECT_TRUE(same_objects(got[t].objs, direct)) << "tick " << t;
+    EXPECT_EQ(fields(got[t].objs), fields(direct)) << "tick " << t;
     if (p == 1) EXPECT_TRUE(got[t].objs.empty());
     if (p == 2) EXPECT_FALSE(got[t].objs.empty());
   }

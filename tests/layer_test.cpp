@@ -167,15 +167,10 @@ TEST(LayerDescriptions, FaultsAreReportedNotBuilt) {
   };
   ORVA::setFatalThrows(true);
   for (const auto& c : cases) {
-    try {
-      ::testing::internal::CaptureStderr();
-      net_from_text(c.first, 2, -1);
-      ::testing::internal::GetCapturedStderr();
-      ADD_FAILURE() << "built:\n" << c.first;
-    } catch (const ORVA::FatalError& e) {
-      const std::string line = ::testing::internal::GetCapturedStderr();
-      EXPECT_NE(std::string(e.what()).find(c.second), std::string::npos) << e.what() << "\nfor\n" << c.first;
-    }
+    ::testing::internal::CaptureStderr();
+    const std::string what = thrown<ORVA::FatalError>([&] { net_from_text(c.first, 2, -1); });
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(what.find(c.second), std::string::npos) << what << "\nfor\n" << c.first;
   }
   ORVA::setFatalThrows(false);
 }

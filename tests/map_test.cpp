@@ -64,13 +64,10 @@ TEST(GridDecoder, ScoresBoxesAndPerClassSuppression) {
     float score, x, y, w, h;
   } want[] = {{0, .9f, .25f, .75f, 1.f, 1.f}, {1, .8f, .75f, .125f, .25f, .16f}, {0, .4f, .75f, .125f, .25f, .16f}};
   for (size_t i = 0; i < dets.size(); ++i) {
-    EXPECT_EQ(dets[i].image, 7);
-    EXPECT_EQ(dets[i].box.id, want[i].cls) << i;
-    EXPECT_NEAR(dets[i].score, want[i].score, 1e-6) << i;
-    EXPECT_NEAR(dets[i].box.x, want[i].x, 1e-6) << i;
-    EXPECT_NEAR(dets[i].box.y, want[i].y, 1e-6) << i;
-    EXPECT_NEAR(dets[i].box.w, want[i].w, 1e-6) << i;
-    EXPECT_NEAR(dets[i].box.h, want[i].h, 1e-6) << i;
+    const Detection& d = dets[i];
+    EXPECT_EQ(std::make_pair(d.image, d.box.id), std::make_pair(7, want[i].cls)) << i;
+    const float got[5] = {d.score, d.box.x, d.box.y, d.box.w, d.box.h}, w[5] = {want[i].score, want[i].x, want[i].y, want[i].w, want[i].h};
+    for (int k = 0; k < 5; ++k) EXPECT_NEAR(got[k], w[k], 1e-6) << i << " field " << k;
   }
 }
 
