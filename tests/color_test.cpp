@@ -56,51 +56,38 @@ TEST(ColorClassify, ScaledBoxIsCroppedAboutItsCentre) {
 
 // --------------------------------------------------------------- letterbox resize
 
-TEST(ResizeRatio, PadsTheShortAxisAndWidensTheReturnedSize) {
-  // 400 x 200 into 100 x 100: the image fills the top 50 rows, the rest is fill.
-  cv::Mat src = filled(400, 200, cv::Scalar(10, 20, 30));
-  src(cv::Rect(296, 96, 8, 8)).setTo(cv::Scalar(250, 250, 250));  // marker centred at (300, 100)
-  cv::Mat dst;
-  cv::Size size(100, 100);
-  resize_ratio(src, dst, &size, 0.0f, 128);
-  ASSERT_EQ(dst.size(), cv::Size(100, 100));
-  ASSERT_EQ(dst.type(), CV_8UC3);
-  EXPECT_EQ(size, cv::Size(400, 400));
-  EXPECT_EQ(cv::countNonZero(dst(cv::Rect(0, 50, 100, 50)).reshape(1) != 128), 0);
-  EXPECT_EQ(dst.at<cv::Vec3b>(10, 10), cv::Vec3b(10, 20, 30));
-  // Scaling by size / target (4) maps the marker at (75, 25) back to (300, 100) in the source.
-  EXPECT_GT(dst.at<cv::Vec3b>(25, 75)[0], 200);
-
-  // Tall grey source: padded on the right.
-  cv::Mat tall(300, 100, CV_8UC1, cv::Scalar(7));
-  size = cv::Size(90, 90);
-  resize_ratio(tall, dst, &size, 0.0f, 0);
-  ASSERT_EQ(dst.size(), cv::Size(90, 90));
-  EXPECT_EQ(size, cv::Size(300, 300));
-  EXPECT_EQ(cv::countNonZero(dst(cv::Rect(0, 0, 30, 90)) != 7), 0);
-  EXPECT_EQ(cv::countNonZero(dst(cv::Rect(30, 0, 60, 90))), 0);
-}
-
-TEST(ResizeRatio, StretchesWithinToleranceOrWhenAsked) {
-  cv::Mat src = filled(110, 100, cv::Scalar(5, 5, 5)), dst;
-  cv::Size size(100, 100);
-  resize_ratio(src, dst, &size, 0.2f, 128);  // ratio 1.1 is within 0.2 of 1
-  EXPECT_EQ(size, cv::Size(110, 100));
-  EXPECT_EQ(cv::countNonZero(dst.reshape(1) != 5), 0);
-
-  size = cv::Size(100, 100);
-  resize_ratio(src, dst, &size, 0.0f, 128);  // but not within 0
-  EXPECT_EQ(size, cv::Size(110, 110));
-  EXPECT_EQ(dst.at<cv::Vec3b>(99, 0), cv::Vec3b(128, 128, 128));
-
-  cv::Mat wide = filled(400, 100, cv::Scalar(5, 5, 5));
-  size = cv::Size(100, 100);
-  resize_ratio(wide, dst, &size, -1.0f, 128);
-  EXPECT_EQ(size, cv::Size(400, 100));
-  EXPECT_EQ(cv::countNonZero(dst.reshape(1) != 5), 0);
-
+TEST(ResizeRatio, LetterboxOrStretchAndTheSizeReturned) {
+  // Uniform sources: the image covers `fit` at the top left of the output, the fill the rest;
+  // the size returned is the frame the output stands for (the source's size widened by the
+  // padding).
+  const struct {
+    int w, h, channels;
+    cv::Size target;
+    float tolerance;
+    cv::Size fit, want;
+  } cases[] = {
+      {400, 200, 3, {100, 100}, 0.f, {100, 50}, {400, 400}},   // wide: padded below
+      {100, 300, 1, {90, 90}, 0.f, {30, 90}, {300, 300}},      // tall grey: padded on the right
+      {110, 100, 3, {100, 100}, 0.2f, {100, 100}, {110, 100}}, // ratio 1.1 is within 0.2 of 1: stretched
+      {110, 100, 3, {100, 100}, 0.f, {100, 91}, {110, 110}},   // but not within 0
+      {400, 100, 3, {100, 100}, -1.f, {100, 100}, {400, 100}}, // stretched when asked
+      {1, 5000, 3, {416, 416}, 0.f, {1, 416}, {416, 5000}},    // an extreme shape keeps one column
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.w << " x " << c.h << " into " << c.target);
+    cv::Mat src(c.h, c.w, CV_8UC(c.channels), cv::Scalar::all(7)), dst;
+    cv::Size size = c.target;
+    resize_ratio(src, dst, &size, c.tolerance, 128);
+    EXPECT_EQ(size, c.want);
+    ASSERT_EQ(dst.size(), c.target);
+    ASSERT_EQ(dst.type(), src.type());
+    EXPECT_EQ(cv::countNonZero(dst(cv::Rect({0, 0}, c.fit)).reshape(1) != 7), 0) << "image";
+    dst(cv::Rect({0, 0}, c.fit)).setTo(cv::Scalar::all(128));
+    EXPECT_EQ(cv::countNonZero(dst.reshape(1) != 128), 0) << "fill";
+  }
   // In place.
-  size = cv::Size(50, 50);
+  cv::Mat wide = filled(400, 100, cv::Scalar(5, 5, 5));
+  cv::Size size(50, 50);
   resize_ratio(wide, wide, &size, 0.0f, 1);
   EXPECT_EQ(wide.size(), cv::Size(50, 50));
 }
@@ -119,13 +106,6 @@ TEST(ResizeRatio, BadInputLeavesTheOutputAlone) {
   EXPECT_THROW(resize_ratio(four, dst, &size, 0.0f, 128), std::runtime_error);
   EXPECT_THROW(resize_ratio(cv::Mat(), dst, &size, 0.0f, 128), std::runtime_error);
   EXPECT_EQ(dst.data, before.data);
-
-  // An extreme shape still keeps one column.
-  cv::Mat needle = filled(1, 5000, cv::Scalar(3, 3, 3));
-  size = cv::Size(416, 416);
-  resize_ratio(needle, dst, &size, 0.0f, 128);
-  EXPECT_EQ(dst.at<cv::Vec3b>(0, 0), cv::Vec3b(3, 3, 3));
-  EXPECT_EQ(size, cv::Size(416, 5000));  // one column stands for the whole width
 }
 
 }  // namespace
