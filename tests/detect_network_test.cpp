@@ -43,23 +43,6 @@ std::vector<float> ref_suppress(const std::vector<BBox>& box, std::vector<float>
   return prob;
 }
 
-struct Candidates {
-  std::vector<BBox> box;
-  std::vector<float> prob;
-};
-
-// Distinct scores (so the order is defined), boxes dense enough to overlap often.
-Candidates random_candidates(int n) {
-  Candidates c;
-  std::vector<float> scores = random_floats(n, 0.f, 1.f);
-  std::vector<float> pos = random_floats(4 * n, 0.f, 1.f);
-  for (int k = 0; k < n; ++k) {
-    c.box.push_back(BBox{pos[4 * k], pos[4 * k + 1], 0.05f + 0.3f * pos[4 * k + 2], 0.05f + 0.3f * pos[4 * k + 3]});
-    c.prob.push_back(scores[k]);
-  }
-  return c;
-}
-
 void expect_ranked(const std::vector<float>& prob, const std::vector<int>& rank) {
   std::vector<int> sorted = rank;
   std::sort(sorted.begin(), sorted.end());
@@ -71,18 +54,22 @@ TEST(BoxSuppression, MatchesAllPairsHardAndSoft) {
   // n = 300 leaves hundreds above the thresholds, so the parallel sweep is the one tested.
   for (auto [nms, thresh] : {std::pair<float, float>{0.45f, 0.3f}, {0.1f, 0.05f}, {1.0f, 0.3f}, {1.5f, 0.3f},
                              {0.f, 0.3f}, {0.f, 0.6f}}) {
-    Candidates c = random_candidates(300);
+    // Distinct scores (so the order is defined), boxes dense enough to overlap often.
+    std::vector<float> prob = random_floats(300, 0.f, 1.f), pos = random_floats(4 * 300, 0.f, 1.f);
+    std::vector<BBox> box;
+    for (int k = 0; k < 300; ++k)
+      box.push_back(BBox{pos[4 * k], pos[4 * k + 1], 0.05f + 0.3f * pos[4 * k + 2], 0.05f + 0.3f * pos[4 * k + 3]});
     const bool soft = nms <= 0;
     std::vector<bool> unsure;
-    std::vector<float> want = ref_suppress(c.box, c.prob, nms, thresh, soft, unsure);
-    std::vector<int> rank(c.box.size());
+    std::vector<float> want = ref_suppress(box, prob, nms, thresh, soft, unsure);
+    std::vector<int> rank(box.size());
     if (soft)
-      ORVA::box_nms_soft(c.box.data(), c.prob.data(), rank.data(), (int)rank.size(), thresh);
+      ORVA::box_nms_soft(box.data(), prob.data(), rank.data(), (int)rank.size(), thresh);
     else
-      ORVA::box_nms(c.box.data(), c.prob.data(), rank.data(), (int)rank.size(), nms, thresh);
+      ORVA::box_nms(box.data(), prob.data(), rank.data(), (int)rank.size(), nms, thresh);
     for (size_t k = 0; k < want.size(); ++k)
-      if (!unsure[k]) EXPECT_EQ(c.prob[k], want[k]) << "candidate " << k << ", nms " << nms << ", thresh " << thresh;
-    expect_ranked(c.prob, rank);
+      if (!unsure[k]) EXPECT_EQ(prob[k], want[k]) << "candidate " << k << ", nms " << nms << ", thresh " << thresh;
+    expect_ranked(prob, rank);
   }
 }
 
