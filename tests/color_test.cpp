@@ -66,8 +66,8 @@ TEST(ResizeRatio, LetterboxOrStretchAndTheSizeReturned) {
     float tolerance;
     cv::Size fit, want;
   } cases[] = {
-      {400, 200, 3, {100, 100}, 0.f, {100, 50}, {400, 400}},   // wide: padded below
-      {100, 300, 1, {90, 90}, 0.f, {30, 90}, {300, 300}},      // tall grey: padded on the right
+      {400, 200, 3, {100, 80}, 0.f, {100, 50}, {400, 320}},    // wide: padded below
+      {100, 300, 1, {120, 90}, 0.f, {30, 90}, {400, 300}},     // tall grey: padded on the right
       {110, 100, 3, {100, 100}, 0.2f, {100, 100}, {110, 100}}, // ratio 1.1 is within 0.2 of 1: stretched
       {110, 100, 3, {100, 100}, 0.f, {100, 91}, {110, 110}},   // but not within 0
       {400, 100, 3, {100, 100}, -1.f, {100, 100}, {400, 100}}, // stretched when asked
