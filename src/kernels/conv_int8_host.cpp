@@ -204,9 +204,11 @@ __attribute__((target("avx512f,avx512bw,avx512vl,avx512vnni"))) void dot_block(
   }
   const __m512 scale = _mm512_set1_ps(qscale);
   constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+  // Every row goes through the same unrolled code, the rows past `rows` into a spare block: a
+  // loop that stopped early would keep the sums in memory instead of registers.
+  alignas(64) Ftype spare[kLanes * V];
 #pragma GCC unroll 8
   for (int r = 0; r < kBlockRows; ++r) {
-    if (r >= rows) break;
     const __m512i off = _mm512_set1_epi32(offsets[r]);
     const __m512 b = _mm512_set1_ps(bias[r]);
 #pragma GCC unroll 3
@@ -215,7 +217,7 @@ __attribute__((target("avx512f,avx512bw,avx512vl,avx512vnni"))) void dot_block(
       // their undefined pass-through operand.
       __m512 v = _mm512_maskz_cvt_roundepi32_ps(0xFFFF, _mm512_sub_epi32(acc[r][j], off), kRound);
       v = _mm512_maskz_add_round_ps(0xFFFF, _mm512_maskz_mul_round_ps(0xFFFF, v, scale, kRound), b, kRound);
-      _mm256_mask_storeu_epi16(out + r * plane + vec[j].out, vec[j].lanes,
+      _mm256_mask_storeu_epi16(r < rows ? out + r * plane + vec[j].out : spare + kLanes * j, vec[j].lanes,
                                _mm512_maskz_cvtps_ph(0xFFFF, v, _MM_FROUND_TO_NEAREST_INT));
     }
   }
