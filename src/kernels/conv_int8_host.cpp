@@ -223,6 +223,24 @@ __attribute__((target("avx512f,avx512bw,avx512vl,avx512vnni"))) void dot_block(
   }
 }
 
+// Sixteen words from sixteen bytes of each of four channels: byte j of a word is channel j.
+inline void store_words(uint32_t* d, __m128i b0, __m128i b1, __m128i b2, __m128i b3, __m128i flip) {
+  const __m128i l01 = _mm_unpacklo_epi8(b0, b1), h01 = _mm_unpackhi_epi8(b0, b1);
+  const __m128i l23 = _mm_unpacklo_epi8(b2, b3), h23 = _mm_unpackhi_epi8(b2, b3);
+  __m128i* o = reinterpret_cast<__m128i*>(d);
+  _mm_storeu_si128(o, _mm_xor_si128(_mm_unpacklo_epi16(l01, l23), flip));
+  _mm_storeu_si128(o + 1, _mm_xor_si128(_mm_unpackhi_epi16(l01, l23), flip));
+  _mm_storeu_si128(o + 2, _mm_xor_si128(_mm_unpacklo_epi16(h01, h23), flip));
+  _mm_storeu_si128(o + 3, _mm_xor_si128(_mm_unpackhi_epi16(h01, h23), flip));
+}
+
+// Bytes 0, 2, ..., 30 of p.
+inline __m128i even_bytes(const unsigned char* p) {
+  const __m128i low = _mm_set1_epi16(0x00FF);
+  return _mm_packus_epi16(_mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), low),
+                          _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), low));
+}
+
 // The bordered input words of one sample, group and channel quad.
 void build_quad(const ConvShape& s, const Bordered& geo, const unsigned char* group_im, int q, bool is_signed,
                 uint32_t* dst) {
@@ -250,11 +268,24 @@ void build_quad(const ConvShape& s, const Bordered& geo, const unsigned char* gr
       const int x0 = lo * stride + ph - s.pad;
       if (present == 4) {
         const unsigned char *c0 = ch[0] + at + x0, *c1 = ch[1] + at + x0, *c2 = ch[2] + at + x0, *c3 = ch[3] + at + x0;
+        // Sixteen words at a time while the loads stay inside the row, then one by one.
+        int i = 0;
+        const __m128i vflip = _mm_set1_epi32((int)flip);
+        if (stride == 1) {
+          for (; i + 16 <= hi - lo; i += 16) {
+            auto load = [i](const unsigned char* c) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i)); };
+            store_words(d + lo + i, load(c0), load(c1), load(c2), load(c3), vflip);
+          }
+        } else if (stride == 2) {
+          for (; i + 16 <= hi - lo && x0 + 2 * i + 32 <= s.in_w; i += 16)
+            store_words(d + lo + i, even_bytes(c0 + 2 * i), even_bytes(c1 + 2 * i), even_bytes(c2 + 2 * i),
+                        even_bytes(c3 + 2 * i), vflip);
+        }
         if (stride == 1)
-          for (int i = 0; i < hi - lo; ++i)
+          for (; i < hi - lo; ++i)
             d[lo + i] = ((uint32_t)c0[i] | (uint32_t)c1[i] << 8 | (uint32_t)c2[i] << 16 | (uint32_t)c3[i] << 24) ^ flip;
         else
-          for (int i = 0; i < hi - lo; ++i) {
+          for (; i < hi - lo; ++i) {
             const size_t x = (size_t)i * stride;
             d[lo + i] = ((uint32_t)c0[x] | (uint32_t)c1[x] << 8 | (uint32_t)c2[x] << 16 | (uint32_t)c3[x] << 24) ^ flip;
           }
