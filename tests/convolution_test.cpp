@@ -331,8 +331,8 @@ TEST(ConvolutionInt8, HostPathsGiveTheExactSums) {
   const Shape shapes[] = {
       {5, 7, 9, 13, 3, 1, 1, 1, 1, 2, 2, 4.f, false},     // 5 channels: a partial quad
       {8, 11, 40, 8, 3, 2, 1, 1, 2, 3, 2, -4.f, false},   // groups, stride 2, pass < batch
-      {12, 17, 33, 20, 1, 1, 0, 1, 1, 1, 1, -4.f, false},  // 1 x 1, rows past one vector
-      {6, 12, 13, 9, 5, 3, 3, 2, 3, 2, 2, 4.f, false},     // two channels a group, dilated
+      {12, 17, 33, 20, 3, 1, 2, 2, 1, 1, 1, -4.f, false},  // dilated, rows past one vector
+      {6, 12, 13, 9, 5, 3, 3, 2, 3, 2, 2, 4.f, false},     // two channels a group, stride 3
       {36, 9, 70, 40, 3, 2, 1, 1, 1, 4, 4, 4.f, false},
       {7396, 3, 3, 8, 3, 1, 0, 1, 1, 1, 1, 1.f, true},     // depth 66564
       {7396, 3, 3, 8, 3, 1, 0, 1, 1, 1, 1, -1.f, true},
