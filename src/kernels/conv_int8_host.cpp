@@ -36,7 +36,7 @@ namespace {
 constexpr int kLanes = 16;      // outputs per vector
 constexpr int kBlockRows = 8;   // filters per block of the packed weights
 constexpr int kBlockVectors = 3;  // vectors of outputs per kernel call: 8 x 3 sums in registers
-constexpr int kScratchImage = 1, kScratchSums = 2;  // backend scratch slots
+constexpr int kScratchImage = 1, kScratchSums = 2;  // backend scratch slots (sums: the portable columns)
 
 int cpg_of(const ConvShape& s) { return s.in_c / s.groups; }
 int quads_of(const ConvShape& s) { return (cpg_of(s) + 3) / 4; }
@@ -97,49 +97,62 @@ void conv_int8_repack(Int8Filters& f, const ConvShape& s, const signed char* qwe
   f.from = qweight;
 }
 
-// ---- portable path: each output row's sums over the plain bytes, 16 filters at a time ----
+// ---- portable path: per output row, each output's input values under the taps (a row of
+// the transposed column matrix), then each sum a dot product over K for 4 filters at once,
+// which compilers turn into widening multiply-adds ----
 
 namespace {
 
+constexpr int kPortableRows = 4;
+
 template <typename Byte>
 void portable_rows(const ConvShape& s, int batch, const unsigned char* plain, const signed char* qweight, float qscale,
-                   const Ftype* bias, Ftype* output, uint32_t* sums_all) {
+                   const Ftype* bias, Ftype* output, int16_t* columns_all) {
   const int cpg = cpg_of(s), fpg = s.out_c / s.groups, K = cpg * s.size * s.size, N = s.out_h * s.out_w;
-  const int per_block = 16;
   tbb::parallel_for(0, batch * s.groups * s.out_h, [&](int task) {
-    uint32_t* sums = sums_all + (size_t)per_block * s.out_w * tbb::this_task_arena::current_thread_index();
+    int16_t* col = columns_all + (size_t)K * s.out_w * tbb::this_task_arena::current_thread_index();
     const int y = task % s.out_h, g = task / s.out_h % s.groups, b = task / s.out_h / s.groups;
     const Byte* im = reinterpret_cast<const Byte*>(plain) + ((size_t)b * s.in_c + (size_t)g * cpg) * s.in_h * s.in_w;
-    for (int f0 = 0; f0 < fpg; f0 += per_block) {
-      const int nf = std::min(per_block, fpg - f0);
-      const signed char* w = qweight + ((size_t)g * fpg + f0) * K;
-      std::fill(sums, sums + (size_t)nf * s.out_w, 0u);
-      for (int c = 0; c < cpg; ++c)
-        for (int ky = 0; ky < s.size; ++ky) {
-          const int iy = y * s.stride - s.pad + ky * s.dilation;
-          if (iy < 0 || iy >= s.in_h) continue;  // the zero border adds nothing
-          const Byte* row = im + ((size_t)c * s.in_h + iy) * s.in_w;
-          for (int kx = 0; kx < s.size; ++kx) {
-            const int off = kx * s.dilation - s.pad, k = (c * s.size + ky) * s.size + kx;
-            const int x_lo = off >= 0 ? 0 : (-off + s.stride - 1) / s.stride;
-            const int x_hi = std::min(s.out_w, floor_div(s.in_w - 1 - off, s.stride) + 1);
-            for (int r = 0; r < nf; ++r) {
-              const int32_t wk = w[(size_t)r * K + k];
-              if (!wk) continue;
-              uint32_t* acc = sums + (size_t)r * s.out_w;
-              if (s.stride == 1)
-                for (int x = x_lo; x < x_hi; ++x) acc[x] += (uint32_t)(wk * (int32_t)row[x + off]);
-              else
-                for (int x = x_lo; x < x_hi; ++x) acc[x] += (uint32_t)(wk * (int32_t)row[x * s.stride + off]);
-            }
+    // col[x * K + k]: the input value under tap k for output x of the row, 0 on the border.
+    for (int c = 0; c < cpg; ++c)
+      for (int ky = 0; ky < s.size; ++ky) {
+        const int iy = y * s.stride - s.pad + ky * s.dilation;
+        for (int kx = 0; kx < s.size; ++kx) {
+          int16_t* d = col + (c * s.size + ky) * s.size + kx;
+          const int off = kx * s.dilation - s.pad;
+          int x_lo = std::min(s.out_w, off >= 0 ? 0 : (-off + s.stride - 1) / s.stride);
+          int x_hi = std::max(x_lo, std::min(s.out_w, floor_div(s.in_w - 1 - off, s.stride) + 1));
+          if (iy < 0 || iy >= s.in_h) x_lo = x_hi = s.out_w;
+          for (int x = 0; x < x_lo; ++x) d[(size_t)x * K] = 0;
+          if (x_hi > x_lo) {
+            const Byte* row = im + ((size_t)c * s.in_h + iy) * s.in_w;
+            for (int x = x_lo; x < x_hi; ++x) d[(size_t)x * K] = row[x * s.stride + off];
           }
+          for (int x = x_hi; x < s.out_w; ++x) d[(size_t)x * K] = 0;
         }
-      for (int r = 0; r < nf; ++r) {
-        const int fl = g * fpg + f0 + r;
-        const float bf = h2f(bias[fl]);
-        const uint32_t* acc = sums + (size_t)r * s.out_w;
-        Ftype* out = output + ((size_t)b * s.out_c + fl) * N + (size_t)y * s.out_w;
-        for (int x = 0; x < s.out_w; ++x) out[x] = f2h(qscale * (float)(int32_t)acc[x] + bf);
+      }
+    for (int f0 = 0; f0 < fpg; f0 += kPortableRows) {
+      const int nf = std::min(kPortableRows, fpg - f0);
+      // A block past the last filter repeats it; its sums are not stored.
+      const signed char* w0 = qweight + ((size_t)g * fpg + f0) * K;
+      const signed char* w1 = w0 + (size_t)std::min(1, nf - 1) * K;
+      const signed char* w2 = w0 + (size_t)std::min(2, nf - 1) * K;
+      const signed char* w3 = w0 + (size_t)std::min(3, nf - 1) * K;
+      float bf[kPortableRows];
+      for (int r = 0; r < nf; ++r) bf[r] = h2f(bias[g * fpg + f0 + r]);
+      Ftype* out = output + ((size_t)b * s.out_c + g * fpg + f0) * N + (size_t)y * s.out_w;
+      for (int x = 0; x < s.out_w; ++x) {
+        const int16_t* v = col + (size_t)x * K;
+        uint32_t s0 = 0, s1 = 0, s2 = 0, s3 = 0;
+        for (int k = 0; k < K; ++k) {
+          const int32_t vk = v[k];
+          s0 += (uint32_t)(w0[k] * vk);
+          s1 += (uint32_t)(w1[k] * vk);
+          s2 += (uint32_t)(w2[k] * vk);
+          s3 += (uint32_t)(w3[k] * vk);
+        }
+        const uint32_t sums[kPortableRows] = {s0, s1, s2, s3};
+        for (int r = 0; r < nf; ++r) out[(size_t)r * N + x] = f2h(qscale * (float)(int32_t)sums[r] + bf[r]);
       }
     }
   });
@@ -152,13 +165,15 @@ void conv_int8_forward_portable(void* handle, const ConvShape& s, int batch, con
   const size_t inputs = (size_t)s.in_c * s.in_h * s.in_w;
   const unsigned char* plain = reinterpret_cast<const unsigned char*>(qinput) + inputs * s.batch;
   const int threads = tbb::this_task_arena::max_concurrency();
-  uint32_t* sums = static_cast<uint32_t*>(
-      ORVA::backend_of(handle)->scratch(kScratchSums, sizeof(uint32_t) * 16 * s.out_w * threads));
-  if (!sums) ORVA_THROW("conv_forward_int8: no host scratch for %d threads' sums of %d outputs", threads, s.out_w);
+  const size_t per_thread = (size_t)cpg_of(s) * s.size * s.size * s.out_w;
+  int16_t* columns = static_cast<int16_t*>(
+      ORVA::backend_of(handle)->scratch(kScratchSums, sizeof(int16_t) * per_thread * threads));
+  if (!columns)
+    ORVA_THROW("conv_forward_int8: no host scratch for %d threads' columns of %zu values", threads, per_thread);
   if (s.int8 > 0)
-    portable_rows<unsigned char>(s, batch, plain, qweight, qscale, bias, output, sums);
+    portable_rows<unsigned char>(s, batch, plain, qweight, qscale, bias, output, columns);
   else
-    portable_rows<signed char>(s, batch, plain, qweight, qscale, bias, output, sums);
+    portable_rows<signed char>(s, batch, plain, qweight, qscale, bias, output, columns);
 }
 
 // ---- dot-product path ----
