@@ -4,7 +4,10 @@
 //
 // Each engine runs in its own process, started once per row; the parent asks each for one
 // pass in turn, round by round (the order rotating), so all three see the same machine load
-// and none shares a thread pool or caches with another. Per network, batch (1, 4) and thread
+// and none shares a thread pool or caches with another. Each pass is asked for --settle
+// milliseconds (default 50) after the previous answer: thread pools that keep spinning after
+// a pass (ONNX Runtime's does by default) would otherwise take cores from the next engine,
+// which at two threads on two cores doubled the host's median. Per network, batch (1, 4) and thread
 // count (1, 2): min and median milliseconds of each, the ratios host / OpenCV and host /
 // ONNX Runtime of the medians, and each engine's relative L2 distance to a float64 reference
 // of the network as the engine holds it (weights in half, normalisation folded, input
@@ -15,7 +18,7 @@
 // net.weights) in place and prints its path.
 //
 //   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--int8]
-//              [--face-model FILE] [--no-ort]
+//              [--face-model FILE] [--settle MS] [--no-ort] [--keep]
 //
 // The ONNX Runtime column needs bench/peer_setup.sh (python3-onnx, onnxruntime-node under
 // bench/node_modules); without it the column is left out. The networks go to ONNX through
@@ -45,6 +48,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "darknet.h"
@@ -276,6 +280,7 @@ struct Options {
   int batch = 0, threads = 0;
   std::string face_model = "models/face.orva";
   bool ort = true;
+  int settle_ms = 50;
   bool int8 = false;  // the host runs the convolutions' 8-bit paths
   bool keep = false;  // scratch folders left in place (for orva bench on the same files)
 };
@@ -657,6 +662,7 @@ bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, 
   for (int r = 0; r < opt.warmup + opt.passes; ++r)
     for (size_t k = 0; k < engines.size(); ++k) {
       const size_t e = (k + r) % engines.size();
+      std::this_thread::sleep_for(std::chrono::milliseconds(opt.settle_ms));
       const double v = atof(engines[e]->ask("run").c_str());
       if (r >= opt.warmup) ms[e].push_back(v);
     }
@@ -732,11 +738,12 @@ int main(int argc, char** argv) {
     else if (key == "--batch") opt.batch = atoi(value);
     else if (key == "--threads") opt.threads = atoi(value);
     else if (key == "--face-model") opt.face_model = value;
+    else if (key == "--settle") opt.settle_ms = std::max(0, atoi(value));
     else opt.passes = -1;
     if (opt.passes < 0) {
       fprintf(stderr,
               "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE] "
-              "[--no-ort] [--int8] [--keep]\n",
+              "[--settle MS] [--no-ort] [--int8] [--keep]\n",
               argv[0]);
       return 2;
     }

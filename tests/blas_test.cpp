@@ -41,15 +41,11 @@ void check_gemm(const GemmCase& g) {
     }
   const std::string what = "blas_gemm TA=" + std::to_string(g.TA) + " TB=" + std::to_string(g.TB) + " " +
                            std::to_string(g.M) + "x" + std::to_string(g.N) + "x" + std::to_string(g.K);
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor a(ctx, A), b(ctx, B), c(ctx, C);
-        blas_gemm(ctx, g.TA, g.TB, g.M, g.N, g.K, g.alpha, a, g.lda, b, g.ldb, g.beta, c, g.ldc);
-        EXPECT_TRUE(c.guard_intact());
-        return c.download();
-      },
-      // Float accumulation, then one rounding of each result to half.
-      ref, kHalfRounding, kHalfRounding, what.c_str());
+  // Float accumulation, then one rounding of each result to half.
+  check_on_backends(on_tensors({A, B}, C, [&](void* ctx, const std::vector<Ftype*>& t, Ftype* c) {
+                      blas_gemm(ctx, g.TA, g.TB, g.M, g.N, g.K, g.alpha, t[0], g.lda, t[1], g.ldb, g.beta, c, g.ldc);
+                    }),
+                    ref, kHalfRounding, kHalfRounding, what.c_str());
 }
 
 }  // namespace
@@ -82,13 +78,11 @@ TEST(BlasGemm, ZeroBetaNeverReadsC) {
   for (int i = 0; i < M; ++i)
     for (int j = 0; j < N; ++j)
       for (int k = 0; k < K; ++k) ref[i * N + j] += h(A, i * K + k) * h(B, k * N + j);
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor a(ctx, A), b(ctx, B), c(ctx, M * N);  // c stays poisoned with NaN
-        blas_gemm(ctx, 0, 0, M, N, K, 1.f, a, K, b, N, 0.f, c, N);
-        return c.download();
-      },
-      ref, kHalfRounding, kHalfRounding, "blas_gemm with BETA = 0 over a NaN C");
+  check_on_backends(on_tensors({A, B}, (size_t)M * N,  // C stays poisoned with NaN
+                               [&](void* ctx, const std::vector<Ftype*>& t, Ftype* c) {
+                                 blas_gemm(ctx, 0, 0, M, N, K, 1.f, t[0], K, t[1], N, 0.f, c, N);
+                               }),
+                    ref, kHalfRounding, kHalfRounding, "blas_gemm with BETA = 0 over a NaN C");
 }
 
 TEST(BlasIm2col, MatchesWindowsAndItsAdjoint) {
@@ -113,34 +107,21 @@ TEST(BlasIm2col, MatchesWindowsAndItsAdjoint) {
               col_ref[ci] = h(im, ii);
               im_ref[ii] += h(col, ci);  // the adjoint gathers what the window took
             }
-    check_on_backends(
-        [&](void* ctx) {
-          Tensor a(ctx, im), out(ctx, cols);
-          blas_im2col(ctx, a, sh.c, sh.h, sh.w, sh.k, sh.s, sh.p, out);
-          EXPECT_TRUE(out.guard_intact());
-          return out.download();
-        },
-        col_ref, kExact, kExact, "blas_im2col");
-    check_on_backends(
-        [&](void* ctx) {
-          Tensor a(ctx, col), out(ctx, im);
-          blas_col2im(ctx, a, sh.c, sh.h, sh.w, sh.k, sh.s, sh.p, out);
-          EXPECT_TRUE(out.guard_intact());
-          return out.download();
-        },
-        im_ref, kHalfRounding, kHalfRounding, "blas_col2im");  // float sum, one rounding
+    check_on_backends(on_tensors({im}, cols, [&](void* ctx, const std::vector<Ftype*>& t, Ftype* out) {
+                        blas_im2col(ctx, t[0], sh.c, sh.h, sh.w, sh.k, sh.s, sh.p, out);
+                      }),
+                      col_ref, kExact, kExact, "blas_im2col");
+    check_on_backends(on_tensors({col}, im, [&](void* ctx, const std::vector<Ftype*>& t, Ftype* out) {
+                        blas_col2im(ctx, t[0], sh.c, sh.h, sh.w, sh.k, sh.s, sh.p, out);
+                      }),
+                      im_ref, kHalfRounding, kHalfRounding, "blas_col2im");  // float sum, one rounding
   }
 }
 
-// Runs an in-place operation on a copy of x and returns the result.
+// An operation in place on a copy of x.
 template <typename Op>
 BackendOp in_place(const std::vector<Ftype>& x, Op op) {
-  return [x, op](void* ctx) {
-    Tensor t(ctx, x);
-    op(ctx, t);
-    EXPECT_TRUE(t.guard_intact());
-    return t.download();
-  };
+  return on_tensors({}, x, [op](void* c, const std::vector<Ftype*>&, Ftype* t) { op(c, t); });
 }
 
 TEST(BlasElementwise, HalfArithmeticPerElement) {
@@ -160,22 +141,10 @@ TEST(BlasElementwise, HalfArithmeticPerElement) {
   // A host without FMA hardware forms the fused product in double: equal except on rare ties.
   check_on_backends(in_place(x, [&](void* c, Ftype* t) { blas_scale_add(c, N, 0.37f, 0.5f, t); }), scale_add,
                     kHalfRounding, kHalfRounding, "blas_scale_add");
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor tx(ctx, x), ty(ctx, y);
-        blas_axpy(ctx, N, -1.3f, tx, ty);
-        EXPECT_TRUE(ty.guard_intact());
-        return ty.download();
-      },
-      axpy, kHalfChain, kExact, "blas_axpy");
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor tx(ctx, x), ty(ctx, N);
-        blas_copy(ctx, N, tx, ty);
-        EXPECT_TRUE(ty.guard_intact());
-        return ty.download();
-      },
-      to_doubles(x), kExact, kExact, "blas_copy");
+  check_on_backends(on_tensors({x}, y, [&](void* c, const std::vector<Ftype*>& t, Ftype* o) { blas_axpy(c, N, -1.3f, t[0], o); }),
+                    axpy, kHalfChain, kExact, "blas_axpy");
+  check_on_backends(on_tensors({x}, (size_t)N, [&](void* c, const std::vector<Ftype*>& t, Ftype* o) { blas_copy(c, N, t[0], o); }),
+                    to_doubles(x), kExact, kExact, "blas_copy");
 }
 
 TEST(BlasElementwise, ConstrainClampsAndReplacesNaN) {
@@ -236,20 +205,13 @@ TEST(BlasChannel, BiasAndScalePerFilter) {
       mul[i] = h(x, i) * h(scale, f);
       both[i] = h(x, i) * h(scale, f) + h(bias, f);
     }
-    auto with = [&](const std::vector<Ftype>& p, auto op) {
-      return [&, op](void* ctx) {
-        Tensor t(ctx, x), tp(ctx, p), tb(ctx, bias);
-        op(ctx, t, tp, tb);
-        EXPECT_TRUE(t.guard_intact());
-        return t.download();
-      };
-    };
+    using P = const std::vector<Ftype*>&;
     const std::string n = " " + std::to_string(sh.filters) + " filters";
-    check_on_backends(with(bias, [sh](void* c, Ftype* t, Ftype* p, Ftype*) { blas_add_bias(c, t, p, sh.batch, sh.filters, sh.spatial); }),
+    check_on_backends(on_tensors({bias}, x, [sh](void* c, P p, Ftype* t) { blas_add_bias(c, t, p[0], sh.batch, sh.filters, sh.spatial); }),
                       add, kHalfRounding, kExact, ("blas_add_bias" + n).c_str());
-    check_on_backends(with(scale, [sh](void* c, Ftype* t, Ftype* p, Ftype*) { blas_scale_bias(c, t, p, sh.batch, sh.filters, sh.spatial); }),
+    check_on_backends(on_tensors({scale}, x, [sh](void* c, P p, Ftype* t) { blas_scale_bias(c, t, p[0], sh.batch, sh.filters, sh.spatial); }),
                       mul, kHalfRounding, kExact, ("blas_scale_bias" + n).c_str());
-    check_on_backends(with(scale, [sh](void* c, Ftype* t, Ftype* p, Ftype* b) { blas_scale_add_bias(c, t, p, b, sh.batch, sh.filters, sh.spatial); }),
+    check_on_backends(on_tensors({scale, bias}, x, [sh](void* c, P p, Ftype* t) { blas_scale_add_bias(c, t, p[0], p[1], sh.batch, sh.filters, sh.spatial); }),
                       both, kHalfChain, kExact, ("blas_scale_add_bias" + n).c_str());
   }
 }
@@ -279,27 +241,21 @@ TEST(BlasChannel, ReductionsPerFilter) {
     mean_delta_ref[f] = bias_sum[f] * (-1 / std::sqrt(h(var, f) + 0.00001));
     var_delta_ref[f] = dx_sum[f] * -0.5 * std::pow(h(var, f) + 0.00001, -1.5);
   }
-  auto reduce = [&](auto op) {
-    return [&, op](void* ctx) {
-      Tensor tx(ctx, x), td(ctx, delta), tm(ctx, mean), tv(ctx, var), out(ctx, start);
-      op(ctx, tx, td, tm, tv, out);
-      EXPECT_TRUE(out.guard_intact());
-      return out.download();
-    };
-  };
-  using T = Ftype*;
+  auto reduce = [&](auto op) { return on_tensors({x, delta, mean, var}, start, op); };
+  using T = const std::vector<Ftype*>&;
   // Reductions accumulate thousands of terms in half; the CUDA block order is the host's.
-  check_on_backends(reduce([](void* c, T, T d, T, T, T o) { blas_backward_bias(c, o, d, kBatch, kFilters, kSpatial); }),
+  // Inputs: x, delta, mean, var.
+  check_on_backends(reduce([](void* c, T t, Ftype* o) { blas_backward_bias(c, o, t[1], kBatch, kFilters, kSpatial); }),
                     bias_ref, kHalfAccumulate, kExact, "blas_backward_bias");
-  check_on_backends(reduce([](void* c, T x, T d, T, T, T o) { blas_backward_scale(c, x, d, kBatch, kFilters, kSpatial, o); }),
+  check_on_backends(reduce([](void* c, T t, Ftype* o) { blas_backward_scale(c, t[0], t[1], kBatch, kFilters, kSpatial, o); }),
                     scale_ref, kHalfAccumulate, kExact, "blas_backward_scale");
-  check_on_backends(reduce([](void* c, T x, T, T, T, T o) { blas_mean(c, x, kBatch, kFilters, kSpatial, o); }),
+  check_on_backends(reduce([](void* c, T t, Ftype* o) { blas_mean(c, t[0], kBatch, kFilters, kSpatial, o); }),
                     mean_ref, kHalfAccumulate, kExact, "blas_mean");
-  check_on_backends(reduce([](void* c, T x, T, T m, T, T o) { blas_variance(c, x, m, kBatch, kFilters, kSpatial, o); }),
+  check_on_backends(reduce([](void* c, T t, Ftype* o) { blas_variance(c, t[0], t[2], kBatch, kFilters, kSpatial, o); }),
                     var_ref, kHalfAccumulate, kExact, "blas_variance");
-  check_on_backends(reduce([](void* c, T, T d, T, T v, T o) { blas_mean_delta(c, d, v, kBatch, kFilters, kSpatial, o); }),
+  check_on_backends(reduce([](void* c, T t, Ftype* o) { blas_mean_delta(c, t[1], t[3], kBatch, kFilters, kSpatial, o); }),
                     mean_delta_ref, kHalfAccumulate, kHalfRounding, "blas_mean_delta");
-  check_on_backends(reduce([](void* c, T x, T d, T m, T v, T o) { blas_variance_delta(c, x, d, m, v, kBatch, kFilters, kSpatial, o); }),
+  check_on_backends(reduce([](void* c, T t, Ftype* o) { blas_variance_delta(c, t[0], t[1], t[2], t[3], kBatch, kFilters, kSpatial, o); }),
                     var_delta_ref, kHalfAccumulate, kHalfRounding, "blas_variance_delta");
 }
 
@@ -315,15 +271,11 @@ TEST(BlasChannel, NormalizeAndItsGradient) {
     grad[i] = h(delta, i) / std::sqrt(h(var, f) + 0.00001) + h(var_delta, f) * 2 * (h(x, i) - h(mean, f)) / count +
               h(mean_delta, f) / count;
   }
-  check_on_backends(in_place(x, [&](void* c, Ftype* t) {
-                      Tensor m(c, mean), v(c, var);
-                      blas_normalize(c, t, m, v, kBatch, kFilters, kSpatial);
-                    }),
+  using P = const std::vector<Ftype*>&;
+  check_on_backends(on_tensors({mean, var}, x, [](void* c, P p, Ftype* t) { blas_normalize(c, t, p[0], p[1], kBatch, kFilters, kSpatial); }),
                     norm, kHalfRounding, kHalfRounding, "blas_normalize");
-  check_on_backends(in_place(delta, [&](void* c, Ftype* t) {
-                      Tensor tx(c, x), m(c, mean), v(c, var), md(c, mean_delta), vd(c, var_delta);
-                      blas_normalize_delta(c, tx, m, v, md, vd, kBatch, kFilters, kSpatial, t);
-                    }),
+  check_on_backends(on_tensors({x, mean, var, mean_delta, var_delta}, delta,
+                               [](void* c, P p, Ftype* t) { blas_normalize_delta(c, p[0], p[1], p[2], p[3], p[4], kBatch, kFilters, kSpatial, t); }),
                     grad, kHalfRounding, kHalfRounding, "blas_normalize_delta");
 }
 
@@ -336,11 +288,9 @@ TEST(BlasLayout, FlattenTransposeBothWays) {
     for (int l = 0; l < layers; ++l)
       for (int s = 0; s < spatial; ++s) flat[(b * spatial + s) * layers + l] = h(y, (b * layers + l) * spatial + s);
   auto flatten = [&](const std::vector<Ftype>& in_values, int forward) {
-    return [&, forward](void* ctx) {
-      Tensor in(ctx, in_values), out(ctx, in_values.size());
-      blas_flatten(ctx, in, spatial, layers, batch, forward, out);
-      return out.download();
-    };
+    return on_tensors({in_values}, in_values.size(), [=](void* c, const std::vector<Ftype*>& t, Ftype* o) {
+      blas_flatten(c, t[0], spatial, layers, batch, forward, o);
+    });
   };
   check_on_backends(flatten(y, 1), flat, kExact, kExact, "blas_flatten forward");
   check_on_backends(flatten(to_halves(flat), 0), to_doubles(y), kExact, kExact, "blas_flatten backward");
@@ -366,14 +316,11 @@ TEST(BlasSoftmax, StridedMappedAndRows) {
   std::vector<double> strided = to_doubles(before);
   for (int item = 0; item < anchors * batch; ++item)
     for (int g = 0; g < wh; ++g) softmax_reference(in, (size_t)item * per_anchor + 5 * wh + g, classes, wh, 2.0, strided);
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor i(ctx, in), o(ctx, before);
-        blas_softmax(ctx, i + 5 * wh, classes, anchors * batch, per_anchor, wh, 1, wh, 2.f, o + 5 * wh);
-        EXPECT_TRUE(o.guard_intact());
-        return o.download();
-      },
-      strided, kHalfRounding, kHalfRounding, "strided blas_softmax");
+  using P = const std::vector<Ftype*>&;
+  check_on_backends(on_tensors({in}, before, [&](void* c, P i, Ftype* o) {
+                      blas_softmax(c, i[0] + 5 * wh, classes, anchors * batch, per_anchor, wh, 1, wh, 2.f, o + 5 * wh);
+                    }),
+                    strided, kHalfRounding, kHalfRounding, "strided blas_softmax");
 
   const std::vector<int> gmap{10, 20, 1};
   const int inputs = 31;
@@ -381,27 +328,18 @@ TEST(BlasSoftmax, StridedMappedAndRows) {
   std::vector<double> mapped(v.size());
   for (int b = 0; b < batch; ++b)
     for (size_t g = 0, off = 0; g < gmap.size(); off += gmap[g++]) softmax_reference(v, b * inputs + off, gmap[g], 1, 0.5, mapped);
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor i(ctx, v), o(ctx, v.size());
-        Buffer<int> map(ctx, gmap);
-        blas_softmax(ctx, i, batch, inputs, (int)gmap.size(), map, 0.5f, o);
-        EXPECT_TRUE(o.guard_intact());
-        return o.download();
-      },
-      mapped, kHalfRounding, kHalfRounding, "mapped blas_softmax");
+  check_on_backends(on_tensors({v}, v.size(), [&](void* c, P i, Ftype* o) {
+                      Buffer<int> map(c, gmap);
+                      blas_softmax(c, i[0], batch, inputs, (int)gmap.size(), map, 0.5f, o);
+                    }),
+                    mapped, kHalfRounding, kHalfRounding, "mapped blas_softmax");
 
   const int rows = 5, cols = 40;
   const auto m = random_halves(rows * cols, -10, 10);
   std::vector<double> rowwise(m.size());
   for (int r = 0; r < rows; ++r) softmax_reference(m, r * cols, cols, 1, 1.0, rowwise);
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor i(ctx, m), o(ctx, m.size());
-        blas_softmax2d(ctx, i, rows, cols, o);
-        return o.download();
-      },
-      rowwise, kHalfRounding, kHalfRounding, "blas_softmax2d");
+  check_on_backends(on_tensors({m}, m.size(), [&](void* c, P i, Ftype* o) { blas_softmax2d(c, i[0], rows, cols, o); }),
+                    rowwise, kHalfRounding, kHalfRounding, "blas_softmax2d");
 }
 
 TEST(BlasSoftmax, BackwardThroughTheOutput) {
@@ -418,22 +356,11 @@ TEST(BlasSoftmax, BackwardThroughTheOutput) {
     for (int j = 0; j < cols; ++j) grad[r * cols + j] = h(y, r * cols + j) * (h(dy, r * cols + j) - dot);
     if (r == 0) std::copy(grad.begin(), grad.begin() + cols, grad_flat.begin());
   }
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor ty(ctx, y), td(ctx, dy), out(ctx, cols);
-        blas_softmax_backward(ctx, ty, td, cols, out);
-        EXPECT_TRUE(out.guard_intact());
-        return out.download();
-      },
-      grad_flat, kHalfRounding, kHalfRounding, "blas_softmax_backward");
-  check_on_backends(
-      [&](void* ctx) {
-        Tensor ty(ctx, y), td(ctx, dy), out(ctx, y.size());
-        blas_softmax2d_backward(ctx, ty, td, rows, cols, out);
-        EXPECT_TRUE(out.guard_intact());
-        return out.download();
-      },
-      grad, kHalfRounding, kHalfRounding, "blas_softmax2d_backward");
+  using P = const std::vector<Ftype*>&;
+  check_on_backends(on_tensors({y, dy}, (size_t)cols, [&](void* c, P t, Ftype* o) { blas_softmax_backward(c, t[0], t[1], cols, o); }),
+                    grad_flat, kHalfRounding, kHalfRounding, "blas_softmax_backward");
+  check_on_backends(on_tensors({y, dy}, y.size(), [&](void* c, P t, Ftype* o) { blas_softmax2d_backward(c, t[0], t[1], rows, cols, o); }),
+                    grad, kHalfRounding, kHalfRounding, "blas_softmax2d_backward");
 }
 
 class BlasArguments : public OnEachBackend {};

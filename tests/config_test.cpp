@@ -91,9 +91,6 @@ TEST_F(ConfigFile, HostileFilesReturnCodesWithoutCrashing) {
   EXPECT_EQ(cfg.load((path + ".missing").c_str()), -1);
   EXPECT_EQ(load(""), 0);
   EXPECT_EQ(cfg.getSectionSize(), 0);
-  std::string binary;
-  for (int i = 0; i < 5000; ++i) binary += (char)((i * 37) & 0xFF);
-  EXPECT_GE(load(binary), 0);  // whatever it makes of the bytes, it returns
   // a line longer than the read buffer arrives as several reads
   EXPECT_EQ(load("[net]\nk=" + std::string(10000, 'x') + "\n"), 3);
   // a previous load's sections are gone after the next one

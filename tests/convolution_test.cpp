@@ -88,11 +88,14 @@ TEST_P(ConvolutionForward, MatchesReferenceOverGeometries) {
       // Wide enough for the host's eight-wide gathers and for column panels that cross from
       // one sample into the next.
       {"filters=4\nsize=3\nstride=2\nactivation=leaky\n", 8, 111, 113},
-      // Enough channels for the host's Winograd product; odd output sides, a wider border.
+      // Enough channels for the host's Winograd product; odd output sides, a wider border;
+      // 49 and 98 tiles, one and two past the product's 48-column blocks.
       {"filters=32\nsize=3\nactivation=relu\n", 32, 9, 19},
-      {"filters=40\nsize=3\npad=2\nactivation=linear\n", 36, 6, 9},
-      // One group per channel (depthwise), unit and double stride, a dilated one without bias.
+      {"filters=40\nsize=3\npad=2\nactivation=linear\n", 36, 11, 11},
+      // One group per channel (depthwise), unit and double stride, a dilated one without bias;
+      // rows narrower than 32 and wider than 64 outputs.
       {"filters=12\nsize=3\ngroups=12\nactivation=leaky\n", 12, 9, 21},
+      {"filters=8\nsize=3\ngroups=8\nactivation=relu\n", 8, 5, 70},
       {"filters=8\nsize=3\nstride=2\ngroups=8\ndilation=2\n", 8, 13, 19},
   };
   const int batch = 2;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <cmath>
 #include <cstdlib>
 
@@ -198,6 +199,18 @@ void check_on_backends(const BackendOp& op, const std::vector<double>& reference
       count_cuda_comparison();
     }
   }
+}
+
+BackendOp on_tensors(const std::vector<std::vector<Ftype>>& in, const Output& out, const TensorOp& op) {
+  return [=](void* handle) {
+    std::vector<std::unique_ptr<Tensor>> held;
+    std::vector<Ftype*> ptrs;
+    for (const auto& v : in) held.push_back(std::make_unique<Tensor>(handle, v)), ptrs.push_back(*held.back());
+    Tensor o = out.init.empty() ? Tensor(handle, out.n) : Tensor(handle, out.init);
+    op(handle, ptrs, o);
+    EXPECT_TRUE(o.guard_intact());
+    return o.download();
+  };
 }
 
 void compare_backends(const BackendOp& op, double cuda_tol, const char* what) {

@@ -78,6 +78,18 @@ using BackendOp = std::function<std::vector<Ftype>(void* handle)>;
 // Host output against the float64 reference, then CUDA (when present) against the host.
 void check_on_backends(const BackendOp& op, const std::vector<double>& reference, double host_tol,
                        double cuda_tol, const char* what);
+// The output of one operation on guarded tensors, as check_on_backends wants it: tensors
+// holding `in`, an output holding `out` (or, given a count, poisoned), then
+// op(handle, inputs, output); a write past the output's end fails the test.
+struct Output {
+  Output(std::vector<Ftype> values) : init(std::move(values)), n(init.size()) {}
+  Output(size_t count) : n(count) {}
+  std::vector<Ftype> init;
+  size_t n;
+};
+using TensorOp = std::function<void(void* handle, const std::vector<Ftype*>& in, Ftype* out)>;
+BackendOp on_tensors(const std::vector<std::vector<Ftype>>& in, const Output& out, const TensorOp& op);
+
 // CUDA (when present) against the host twin only, for launchers whose float64 references
 // live in their layers' tests; the host result must be free of NaN.
 void compare_backends(const BackendOp& op, double cuda_tol, const char* what);

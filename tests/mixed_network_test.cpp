@@ -1,8 +1,7 @@
 // Networks mixing the layer types: they build with the expected shapes, run on every
 // backend with the same result, and come back from a model file with identical output.
+// Damaged model files of every layer type are the model-file fuzz target's work.
 #include <gtest/gtest.h>
-
-#include <cstring>
 
 #include "layer_test_util.h"
 
@@ -78,39 +77,6 @@ TEST(MixedNetwork, TrunksBuildAndRoundTrip) {
     EXPECT_EQ(net->getOutputs(), c.outputs);
     check_round_trip(c.text, c.w, c.h, 3, c.siamese);
   }
-}
-
-// Every configuration word of that network's model file replaced by a hostile value: the
-// load either builds a network or throws std::runtime_error, never crashes or ends the process.
-TEST(MixedNetwork, DamagedRecordsAreRefused) {
-  const std::string model = temp_path("every.orva"), damaged = temp_path("damaged.orva");
-  {
-    auto net = net_from_text(kEveryLayer, 1, -1);
-    net->save(model.c_str(), true);
-  }
-  const std::vector<unsigned char> bytes = read_bytes(model);
-  const size_t first = 64 + 24, words = std::min<size_t>(160, (bytes.size() - first) / 4);
-  int refused = 0;
-  for (size_t w = 0; w < words; ++w)
-    for (int32_t value : {-3, 1 << 20}) {
-      std::vector<unsigned char> b = bytes;
-      memcpy(&b[first + 4 * w], &value, 4);
-      write_bytes(damaged, b);
-      ORVA::Network probe(ORVA::TEST, 1, -1);
-      const uint32_t sum = probe.getChecksum(damaged.c_str());
-      memcpy(&b[60], &sum, 4);
-      write_bytes(damaged, b);
-      ::testing::internal::CaptureStdout();
-      ::testing::internal::CaptureStderr();
-      try {
-        probe.load(damaged.c_str(), false, false);
-      } catch (const std::runtime_error&) {
-        ++refused;
-      }
-      ::testing::internal::GetCapturedStderr();
-      ::testing::internal::GetCapturedStdout();
-    }
-  EXPECT_GT(refused, (int)words / 2);
 }
 
 }  // namespace

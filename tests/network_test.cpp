@@ -27,8 +27,6 @@ TEST(NetworkBuild, DescriptionKeysAndAccessors) {
   EXPECT_EQ(net.getOutputLayer(), net.getLayer(1));
   EXPECT_EQ(net.getLayer(2), nullptr);
   EXPECT_EQ(net.getOutputs(), 4 * 3 * 2);
-  EXPECT_EQ(net.oW, 4);
-  EXPECT_STREQ(net.getVersion(), "");
 
   write_file(cfg, "[network]\nwidth=8\nheight=6\nchannels=3\nprecision=FP16\n[convolution]\nfilters=1\n");
   ORVA::setMsgLevel(WARNING);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "graph_reference.h"
 #include "harness.h"
 #include "temp_dir.h"
 #include "layer/convolution_layer.h"
@@ -120,31 +121,23 @@ inline std::vector<double> reference_conv(ORVA::ConvolutionLayer* l, const std::
     mean = to_doubles(pull(h, l->_bn->_mean_rolling, l->_kn));
     var = to_doubles(pull(h, l->_bn->_var_rolling, l->_kn));
   }
-  const int cpg = l->_in_c / l->_groups, fpg = l->_kn / l->_groups;
-  std::vector<double> out((size_t)batch * l->_outputs);
-  for (int b = 0; b < batch; ++b)
-    for (int f = 0; f < l->_kn; ++f)
-      for (int y = 0; y < l->_out_h; ++y)
-        for (int x = 0; x < l->_out_w; ++x) {
-          const int g = f / fpg;
-          double sum = 0;
-          for (int c = 0; c < cpg; ++c)
-            for (int ky = 0; ky < l->_size; ++ky)
-              for (int kx = 0; kx < l->_size; ++kx) {
-                const int iy = y * l->_stride - l->_pad + ky * l->_dilation;
-                const int ix = x * l->_stride - l->_pad + kx * l->_dilation;
-                if (iy < 0 || iy >= l->_in_h || ix < 0 || ix >= l->_in_w) continue;
-                const int ic = g * cpg + c;
-                sum += w[((size_t)(f * cpg + c) * l->_size + ky) * l->_size + kx] *
-                       in[(((size_t)b * l->_in_c + ic) * l->_in_h + iy) * l->_in_w + ix];
-              }
-          double v = sum;
-          if (l->_bn)
-            v = (v - mean[f]) / std::sqrt(var[f] + 0.00001) * scale[f] + bias[f];
-          else if (l->_activation)
-            v += bias[f];
-          out[(((size_t)b * l->_kn + f) * l->_out_h + y) * l->_out_w + x] = reference_activation(l->_acttype, v);
-        }
+  const int pad[4] = {l->_pad, l->_pad, l->_pad, l->_pad}, plane = l->_out_h * l->_out_w;
+  std::vector<double> out;
+  for (int b = 0; b < batch; ++b) {
+    const size_t n = (size_t)l->_inputs;
+    const graph_ref::T x{l->_in_c, l->_in_h, l->_in_w, {in.begin() + b * n, in.begin() + (b + 1) * n}};
+    const graph_ref::T y = graph_ref::conv(x, w, {}, l->_kn, l->_size, l->_stride, pad, l->_dilation, l->_groups);
+    EXPECT_EQ(std::make_pair(y.h, y.w), std::make_pair(l->_out_h, l->_out_w));
+    for (size_t i = 0; i < y.v.size(); ++i) {
+      const int f = (int)(i / plane);
+      double v = y.v[i];
+      if (l->_bn)
+        v = (v - mean[f]) / std::sqrt(var[f] + 0.00001) * scale[f] + bias[f];
+      else if (l->_activation)
+        v += bias[f];
+      out.push_back(reference_activation(l->_acttype, v));
+    }
+  }
   return out;
 }
 

@@ -310,7 +310,7 @@ std::vector<double> descent(const Loss& loss, std::vector<double> x) {
 
 // The loss of each head in float64 (for yolo squared errors of the logistic classes and an
 // objectness target of 1; ignore_thresh above any IoU keeps its loss smooth) against what the
-// training pass hands down.
+// training pass hands down, element by element.
 TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
   // Region with the exponential sizes, detobj, and a heat map; softmax classes throughout.
   const Head heads[] = {{"region", 3, 2, 0, 1.f, 1, 3, 2}, {"detobj", 3, 2, 0, 1.f, 1, 3, 2},
@@ -323,35 +323,45 @@ TEST(RegionHeads, TrainingGradientsMatchFiniteDifferences) {
     const std::string scales = "object_scale=2\nnoobject_scale=0.5\nclass_scale=1.5\ncoord_scale=1.25\n"
                                "iou_normalizer=1.25\nignore_thresh=2\n";
     auto l = make_head(&ctx, ORVA::TRAIN, h, 2, scales + (h.heatmap() ? "thresh=0\n" : "thresh=1\n"));
-    const std::vector<Ftype> xh = random_halves((size_t)2 * l->_outputs, -1.5f, 1.5f);
-    const std::vector<double> x = to_doubles(xh);
-    std::vector<float> truth = truth_block(*l, kTruths);
-    const std::vector<Ftype> got = head_gradient(*l, &ctx, xh, truth);
-
     // Matched anchors and objectness targets of the starting point, from the test's decoder
-    // (yolo matches by the anchor shapes alone).
+    // (yolo matches by the anchor shapes alone). The head matches on outputs rounded to half:
+    // inputs whose best anchor leads the next by less than 0.02 of IoU are drawn again, so the
+    // two always pick the same anchor.
     FrozenLoss loss{h, 2, std::vector<int>(4, -1), std::vector<double>(4, 0)};
-    const std::vector<double> y = reference_forward(h, x, 2);
-    for (int b = 0; b < 2 && !h.heatmap(); ++b)
-      for (int t = 0; t < 2; ++t) {
-        const float* tr = kTruths[b][t];
-        if (tr[0] == 0) continue;
-        const int i = (int)(tr[0] * h.w), j = (int)(tr[1] * h.h);
-        const std::vector<double> img(y.begin() + (size_t)b * l->_outputs, y.begin() + (size_t)(b + 1) * l->_outputs);
-        double best = 0;
-        int best_n = 0;
-        for (int a = 0; a < h.anchors; ++a) {
-          BBox pred = h.yolo() ? BBox{0, 0, (float)(h.anchor(2 * a) / h.w), (float)(h.anchor(2 * a + 1) / h.h)}
-                               : ref_decode(h, img, a, i, j).box;
-          pred.x = pred.y = 0;
-          const double iou = ORVA::box_iou(pred, BBox{0, 0, tr[2], tr[3]});
-          if (iou > best) best = iou, best_n = a;
+    std::vector<Ftype> xh;
+    for (double margin = 0; margin < 0.02;) {
+      xh = random_halves((size_t)2 * l->_outputs, -1.5f, 1.5f);
+      const std::vector<double> y = reference_forward(h, to_doubles(xh), 2);
+      margin = 1;
+      for (int b = 0; b < 2 && !h.heatmap(); ++b)
+        for (int t = 0; t < 2; ++t) {
+          const float* tr = kTruths[b][t];
+          if (tr[0] == 0) continue;
+          const int i = (int)(tr[0] * h.w), j = (int)(tr[1] * h.h);
+          const std::vector<double> img(y.begin() + (size_t)b * l->_outputs, y.begin() + (size_t)(b + 1) * l->_outputs);
+          double best = 0, second = 0;
+          int best_n = 0;
+          for (int a = 0; a < h.anchors; ++a) {
+            BBox pred = h.yolo() ? BBox{0, 0, (float)(h.anchor(2 * a) / h.w), (float)(h.anchor(2 * a + 1) / h.h)}
+                                 : ref_decode(h, img, a, i, j).box;
+            pred.x = pred.y = 0;
+            const double iou = ORVA::box_iou(pred, BBox{0, 0, tr[2], tr[3]});
+            if (iou > best) second = best, best = iou, best_n = a;
+            else second = std::max(second, iou);
+          }
+          margin = std::min(margin, best - second);
+          loss.matched[b * 2 + t] = best_n;
+          if (!h.yolo()) loss.target[b * 2 + t] = ORVA::box_iou(ref_decode(h, img, best_n, i, j).box, BBox{tr[0], tr[1], tr[2], tr[3]});
         }
-        loss.matched[b * 2 + t] = best_n;
-        if (!h.yolo()) loss.target[b * 2 + t] = ORVA::box_iou(ref_decode(h, img, best_n, i, j).box, BBox{tr[0], tr[1], tr[2], tr[3]});
-      }
-    // Outputs, targets and gradients pass through half: a few roundings per value.
-    EXPECT_TRUE(NearL2(descent(loss, x), got, 2e-2));
+    }
+    std::vector<float> truth = truth_block(*l, kTruths);
+    const std::vector<float> got = to_floats(head_gradient(*l, &ctx, xh, truth));
+    // The loss is float64 on the same half inputs (a step of 1e-4 leaves the difference exact
+    // to 1e-7); the head rounds its outputs, the delta and the logistic's derivative to half:
+    // 2e-3 of the value and 1e-3 besides hold about twice the worst of a thousand draws. A
+    // target moved by a tenth moves its element by 1e-2 or more.
+    const std::vector<double> want = descent(loss, to_doubles(xh));
+    for (size_t k = 0; k < want.size(); ++k) EXPECT_NEAR(got[k], want[k], 1e-3 + 2e-3 * std::fabs(want[k])) << k;
   }
   destroy_handle(&ctx);
 }
@@ -415,19 +425,14 @@ TEST(RegionHeads, ModelFileRoundTripKeepsTheHead) {
     SCOPED_TRACE(head);
     auto a = net_from_text(text, 1, -1);
     auto b = check_round_trip(text, 6, 4, 3);
-    // Keys that change only training must survive the record too.
-    ORVA::Layer *la = a->getOutputLayer(), *lb = b->getOutputLayer();
-    EXPECT_EQ(la->type, lb->type);
-    if (hm) {
-      auto *x = static_cast<ORVA::HeatmapLayer*>(la), *y = static_cast<ORVA::HeatmapLayer*>(lb);
-      EXPECT_EQ(std::tie(x->_classes, x->_anchors, x->_softmax, x->_bg_class, x->_subdiv),
-                std::tie(y->_classes, y->_anchors, y->_softmax, y->_bg_class, y->_subdiv));
-    } else {
-      auto *x = static_cast<ORVA::RegionLayer*>(la), *y = static_cast<ORVA::RegionLayer*>(lb);
-      EXPECT_EQ(std::tie(x->_classes, x->_anchors, x->_softmax, x->_bg_class, x->_loc_type, x->_scale_xy),
-                std::tie(y->_classes, y->_anchors, y->_softmax, y->_bg_class, y->_loc_type, y->_scale_xy));
-      EXPECT_EQ(std::vector<float>(x->_anchor, x->_anchor + 4), std::vector<float>(y->_anchor, y->_anchor + 4));
-    }
+    // Keys the output does not show (training, decoding) must survive the record too.
+    auto *x = static_cast<ORVA::DetectionHead*>(a->getOutputLayer()), *y = static_cast<ORVA::DetectionHead*>(b->getOutputLayer());
+    EXPECT_EQ(x->type, y->type);
+    EXPECT_EQ(std::tie(x->_classes, x->_anchors, x->_softmax, x->_bg_class), std::tie(y->_classes, y->_anchors, y->_softmax, y->_bg_class));
+    if (hm) continue;
+    auto *rx = static_cast<ORVA::RegionLayer*>(x), *ry = static_cast<ORVA::RegionLayer*>(y);
+    EXPECT_EQ(std::tie(rx->_loc_type, rx->_scale_xy), std::tie(ry->_loc_type, ry->_scale_xy));
+    EXPECT_EQ(std::vector<float>(rx->_anchor, rx->_anchor + 4), std::vector<float>(ry->_anchor, ry->_anchor + 4));
   }
 }
 

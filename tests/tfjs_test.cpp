@@ -18,6 +18,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "backend_fixture.h"
+#include "graph_reference.h"
 #include "harness.h"
 #include "model_build.h"
 #include "network_test_util.h"
@@ -30,14 +31,26 @@ using nlohmann::json;
 using orva_test::temp_path;
 using orvacli::ConvertError;
 
-// ---- float64 evaluation of a graph model, batch 1, NHWC ----
+// String attributes are stored in base64; the writer's encoding is the only one.
+std::string b64(const std::string& s) {
+  static const char* k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < s.size(); i += 3) {
+    unsigned v = (unsigned char)s[i] << 16 | (i + 1 < s.size() ? (unsigned char)s[i + 1] << 8 : 0) |
+                 (i + 2 < s.size() ? (unsigned char)s[i + 2] : 0);
+    out += k[v >> 18 & 63];
+    out += k[v >> 12 & 63];
+    out += i + 1 < s.size() ? k[v >> 6 & 63] : '=';
+    out += i + 2 < s.size() ? k[v & 63] : '=';
+  }
+  return out;
+}
 
-struct T {
-  int h = 1, w = 1, c = 1;
-  std::vector<double> v;  // scalars and vectors: h = w = 1, c = size
-  double at(int y, int x, int ch) const { return v[((size_t)y * w + x) * c + ch]; }
-};
+// ---- float64 evaluation of a graph model, batch 1 ----
 
+using graph_ref::T;
+
+// A graph model evaluated node by node; the file's NHWC maps are held channels first.
 class GraphEval {
  public:
   GraphEval(const json& doc, const std::vector<unsigned char>& bin) {
@@ -49,19 +62,12 @@ class GraphEval {
       for (int d : shape) n *= d;
       const bool f16 = wt.contains("quantization"), i32 = wt["dtype"] == "int32";
       for (size_t i = 0; i < n; ++i) {
-        if (f16) {
-          uint16_t h;
-          memcpy(&h, &bin[pos + 2 * i], 2);
-          t.v.push_back(half2float_cpu(h));
-        } else if (i32) {
-          int32_t k;
-          memcpy(&k, &bin[pos + 4 * i], 4);
-          t.v.push_back(k);
-        } else {
-          float f;
-          memcpy(&f, &bin[pos + 4 * i], 4);
-          t.v.push_back(f);
-        }
+        uint16_t h;
+        int32_t k;
+        float f;
+        if (f16) memcpy(&h, &bin[pos + 2 * i], 2), t.v.push_back(half2float_cpu(h));
+        else if (i32) memcpy(&k, &bin[pos + 4 * i], 4), t.v.push_back(k);
+        else memcpy(&f, &bin[pos + 4 * i], 4), t.v.push_back(f);
       }
       pos += n * (f16 ? 2 : 4);
       t.c = (int)n;
@@ -70,7 +76,13 @@ class GraphEval {
     }
     for (const json& n : doc["modelTopology"]["node"]) _nodes[n["name"]] = n;
   }
-  void input(const T& x) { _input = x; }
+  // An image of bytes, RGB order, as the network's input planes see it.
+  void input(const cv::Mat& rgb) {
+    _input = T{3, rgb.rows, rgb.cols, std::vector<double>((size_t)3 * rgb.rows * rgb.cols)};
+    for (int c = 0; c < 3; ++c)
+      for (int y = 0; y < rgb.rows; ++y)
+        for (int x = 0; x < rgb.cols; ++x) _input.at(c, y, x) = rgb.at<cv::Vec3b>(y, x)[2 - c];
+  }
   const T& operator()(const std::string& name) {
     auto it = _memo.find(name);
     if (it != _memo.end()) return it->second;
@@ -83,145 +95,68 @@ class GraphEval {
   std::map<std::string, std::vector<int>> _shape;
   T _input;
 
-  static std::string b64(const std::string& s) {
-    static const std::string k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned val = 0;
-    int bits = -8;
-    for (char ch : s) {
-      if (k.find(ch) == std::string::npos) break;
-      val = ((val << 6) | (unsigned)k.find(ch)) & 0xFFFFFFu;
-      bits += 6;
-      if (bits >= 0) {
-        out.push_back(char((val >> bits) & 0xFF));
-        bits -= 8;
-      }
-    }
-    return out;
-  }
-  static int attr_i(const json& n, const char* k, int idx) { return std::stoi(n["attr"][k]["list"]["i"][idx].get<std::string>()); }
-
-  // x (h, w, ci) with filter [k, k, ci, co] (depthwise: [k, k, c, 1]), TF's SAME or VALID.
-  T conv(const json& n, const T& x, const std::string& fname, bool dw) {
-    const T& f = _const.at(fname);
+  // Filter [k, k, ci, co] (depthwise: [k, k, c, 1]) turned [co][ci][k][k]; TF's SAME or VALID.
+  T conv(const json& n, const T& x, const std::string& fname, const std::vector<double>& bias, bool dw) {
+    const std::vector<double>& f = _const.at(fname).v;
     const std::vector<int>& fs = _shape.at(fname);
-    const int k = fs[0], co = dw ? x.c : fs[3], s = attr_i(n, "strides", 1);
-    const bool same = b64(n["attr"]["padding"]["s"]) == "SAME";
-    const int oh = same ? (x.h + s - 1) / s : (x.h - k) / s + 1, ow = same ? (x.w + s - 1) / s : (x.w - k) / s + 1;
-    const int pt = same ? std::max((oh - 1) * s + k - x.h, 0) / 2 : 0, pl = same ? std::max((ow - 1) * s + k - x.w, 0) / 2 : 0;
-    T y{oh, ow, co, std::vector<double>((size_t)oh * ow * co, 0.0)};
-    for (int i = 0; i < oh; ++i)
-      for (int j = 0; j < ow; ++j)
-        for (int o = 0; o < co; ++o) {
-          double sum = 0;
-          for (int ky = 0; ky < k; ++ky)
-            for (int kx = 0; kx < k; ++kx) {
-              const int yy = i * s - pt + ky, xx = j * s - pl + kx;
-              if (yy < 0 || xx < 0 || yy >= x.h || xx >= x.w) continue;
-              if (dw)
-                sum += x.at(yy, xx, o) * f.v[((size_t)ky * k + kx) * x.c + o];
-              else
-                for (int c = 0; c < x.c; ++c) sum += x.at(yy, xx, c) * f.v[(((size_t)ky * k + kx) * x.c + c) * co + o];
-            }
-          y.v[((size_t)i * ow + j) * co + o] = sum;
-        }
-    return y;
-  }
-  static T map(T x, const std::function<double(double)>& f) {
-    for (double& v : x.v) v = f(v);
-    return x;
-  }
-  // a op b with b a scalar, a per-channel vector or factor map (1, 1, c), or a's shape.
-  static T broadcast(const T& a, const T& b, bool product) {
-    const T& big = a.v.size() >= b.v.size() ? a : b;
-    const T& small = a.v.size() >= b.v.size() ? b : a;
-    T y = big;
-    for (size_t i = 0; i < y.v.size(); ++i) {
-      const double s = small.v.size() == 1 ? small.v[0] : small.v.size() == big.v.size() ? small.v[i] : small.v[i % big.c];
-      y.v[i] = product ? big.v[i] * s : big.v[i] + s;
+    const int k = fs[0], ci = dw ? 1 : x.c, co = dw ? x.c : fs[3];
+    const int s = std::stoi(n["attr"]["strides"]["list"]["i"][1].get<std::string>());
+    std::vector<double> w((size_t)co * ci * k * k);
+    for (int o = 0; o < co; ++o)
+      for (int c = 0; c < ci; ++c)
+        for (int t = 0; t < k * k; ++t) w[((size_t)o * ci + c) * k * k + t] = f[((size_t)t * ci + c) * co + o];
+    int p[4] = {0, 0, 0, 0};
+    if (n["attr"]["padding"]["s"] == b64("SAME")) {
+      const int ph = std::max(((x.h + s - 1) / s - 1) * s + k - x.h, 0), pw = std::max(((x.w + s - 1) / s - 1) * s + k - x.w, 0);
+      p[0] = ph / 2, p[1] = pw / 2, p[2] = ph - ph / 2, p[3] = pw - pw / 2;
     }
-    return y;
+    return graph_ref::conv(x, w, bias, co, k, s, p, 1, dw ? x.c : 1);
   }
 
   T eval(const json& n) {
+    using graph_ref::map;
     const std::string op = n["op"];
     std::vector<std::string> in;
     for (const json& i : n.value("input", json::array())) in.push_back(i);
     auto arg = [&](int k) -> const T& { return _const.count(in[k]) ? _const.at(in[k]) : (*this)(in[k]); };
+    auto relu = [](double v) { return std::max(v, 0.0); };
+    auto relu6 = [](double v) { return std::min(std::max(v, 0.0), 6.0); };
     if (op == "Placeholder") return _input;
     if (op == "Const") return _const.at(n["name"]);
     if (op == "Identity") return arg(0);
     if (op == "Conv2D" || op == "_FusedConv2D" || op == "DepthwiseConv2dNative" || op == "FusedDepthwiseConv2dNative") {
-      T y = conv(n, arg(0), in[1], op.find("Depthwise") != std::string::npos);
-      if (op[0] == '_' || op[0] == 'F') {
-        const json ops = n["attr"]["fused_ops"]["list"]["s"];
-        y = broadcast(y, _const.at(in[2]), false);
-        if (ops.size() > 1 && b64(ops[1]) == "Relu") y = map(y, [](double v) { return std::max(v, 0.0); });
-        if (ops.size() > 1 && b64(ops[1]) == "Relu6") y = map(y, [](double v) { return std::min(std::max(v, 0.0), 6.0); });
-      }
+      const bool fused = op[0] == '_' || op[0] == 'F';
+      T y = conv(n, arg(0), in[1], fused ? _const.at(in[2]).v : std::vector<double>(), op.find("Depthwise") != std::string::npos);
+      const json ops = fused ? n["attr"]["fused_ops"]["list"]["s"] : json::array();
+      if (ops.size() > 1 && ops[1] == b64("Relu")) y = map(y, relu);
+      if (ops.size() > 1 && ops[1] == b64("Relu6")) y = map(y, relu6);
       return y;
     }
-    if (op == "Relu") return map(arg(0), [](double v) { return std::max(v, 0.0); });
-    if (op == "Relu6") return map(arg(0), [](double v) { return std::min(std::max(v, 0.0), 6.0); });
-    if (op == "Sigmoid") return map(arg(0), [](double v) { return 1 / (1 + std::exp(-v)); });
-    if (op == "Add" || op == "AddV2") return broadcast(arg(0), arg(1), false);
-    if (op == "Mul") return broadcast(arg(0), arg(1), true);
-    if (op == "Mean") {
-      const T& x = arg(0);
-      T y{1, 1, x.c, std::vector<double>(x.c, 0.0)};
-      for (size_t i = 0; i < x.v.size(); ++i) y.v[i % x.c] += x.v[i] / ((double)x.h * x.w);
-      return y;
-    }
-    if (op == "ConcatV2") {
-      const T &a = arg(0), &b = arg(1);
-      T y{a.h, a.w, a.c + b.c, {}};
-      for (int p = 0; p < a.h * a.w; ++p) {
-        y.v.insert(y.v.end(), a.v.begin() + (size_t)p * a.c, a.v.begin() + (size_t)(p + 1) * a.c);
-        y.v.insert(y.v.end(), b.v.begin() + (size_t)p * b.c, b.v.begin() + (size_t)(p + 1) * b.c);
-      }
-      return y;
-    }
+    if (op == "Relu") return map(arg(0), relu);
+    if (op == "Relu6") return map(arg(0), relu6);
+    if (op == "Sigmoid") return map(arg(0), graph_ref::sigmoid);
+    if (op == "Add" || op == "AddV2") return graph_ref::broadcast(arg(0), arg(1), false);
+    if (op == "Mul") return graph_ref::broadcast(arg(0), arg(1), true);
+    if (op == "Mean") return graph_ref::channel_mean(arg(0));
+    if (op == "ConcatV2") return graph_ref::concat({arg(0), arg(1)});
     if (op == "ResizeBilinear") {
-      const T& x = arg(0);
-      const T& size = _const.at(in[1]);
-      const int oh = (int)size.v[0], ow = (int)size.v[1];
-      const bool align = n["attr"].contains("align_corners") && n["attr"]["align_corners"]["b"].get<bool>();
-      const bool half = n["attr"].contains("half_pixel_centers") && n["attr"]["half_pixel_centers"]["b"].get<bool>();
-      auto src = [&](int d, int in_n, int out_n) {
-        if (align) return out_n > 1 ? d * (in_n - 1.0) / (out_n - 1) : 0.0;
-        return half ? (d + 0.5) * in_n / out_n - 0.5 : (double)d * in_n / out_n;
-      };
-      T y{oh, ow, x.c, std::vector<double>((size_t)oh * ow * x.c)};
-      auto px = [&](int yy, int xx, int c) {
-        return x.at(std::min(std::max(yy, 0), x.h - 1), std::min(std::max(xx, 0), x.w - 1), c);
-      };
-      for (int i = 0; i < oh; ++i)
-        for (int j = 0; j < ow; ++j) {
-          const double sy = src(i, x.h, oh), sx = src(j, x.w, ow), fy = std::floor(sy), fx = std::floor(sx);
-          for (int c = 0; c < x.c; ++c) {
-            const double top = px((int)fy, (int)fx, c) * (1 - (sx - fx)) + px((int)fy, (int)fx + 1, c) * (sx - fx);
-            const double bot = px((int)fy + 1, (int)fx, c) * (1 - (sx - fx)) + px((int)fy + 1, (int)fx + 1, c) * (sx - fx);
-            y.v[((size_t)i * ow + j) * x.c + c] = top * (1 - (sy - fy)) + bot * (sy - fy);
-          }
-        }
-      return y;
+      const std::vector<double>& size = _const.at(in[1]).v;
+      auto flag = [&](const char* k) { return n["attr"].contains(k) && n["attr"][k]["b"].get<bool>(); };
+      return graph_ref::resize_bilinear(arg(0), (int)size[0], (int)size[1], flag("align_corners"), flag("half_pixel_centers"));
     }
     ADD_FAILURE() << "the float64 evaluation has no " << op;
     return T{};
   }
 };
 
-// Relative L2 distance of the engine's planar output (channels first, from channel `first`)
-// against the graph's NHWC map.
+// Relative L2 distance of the engine's planar output from channel `first` on against a map.
 double rel_l2(const float* planar, int first, const T& ref, double factor = 1) {
   double num = 0, den = 0;
-  for (int c = 0; c < ref.c; ++c)
-    for (int p = 0; p < ref.h * ref.w; ++p) {
-      const double want = ref.v[(size_t)p * ref.c + c];
-      const double got = planar[(size_t)(first + c) * ref.h * ref.w + p] * factor;
-      num += (got - want) * (got - want);
-      den += want * want;
-    }
+  for (size_t i = 0; i < ref.v.size(); ++i) {
+    const double got = planar[first * ref.plane() + i] * factor;
+    num += (got - ref.v[i]) * (got - ref.v[i]);
+    den += ref.v[i] * ref.v[i];
+  }
   return std::sqrt(num / std::max(den, 1e-30));
 }
 
@@ -232,19 +167,6 @@ struct GraphBuilder {
   std::vector<unsigned char> bin;
   std::mt19937 rng{7};
 
-  static std::string b64(const std::string& s) {
-    static const char* k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (size_t i = 0; i < s.size(); i += 3) {
-      unsigned v = (unsigned char)s[i] << 16 | (i + 1 < s.size() ? (unsigned char)s[i + 1] << 8 : 0) |
-                   (i + 2 < s.size() ? (unsigned char)s[i + 2] : 0);
-      out += k[v >> 18 & 63];
-      out += k[v >> 12 & 63];
-      out += i + 1 < s.size() ? k[v >> 6 & 63] : '=';
-      out += i + 2 < s.size() ? k[v & 63] : '=';
-    }
-    return out;
-  }
   static json ints(std::vector<int> v) {
     json l = json::array();
     for (int x : v) l.push_back(std::to_string(x));
@@ -359,12 +281,8 @@ TEST(TfjsImport, SmallGraphMatchesItsFloat64Evaluation) {
 
   cv::Mat img(16, 16, CV_8UC3);
   cv::randu(img, 0, 256);
-  T x{16, 16, 3, {}};
-  for (int y = 0; y < 16; ++y)
-    for (int xx = 0; xx < 16; ++xx)
-      for (int c = 0; c < 3; ++c) x.v.push_back(img.at<cv::Vec3b>(y, xx)[2 - c]);  // RGB bytes
   GraphEval eval(doc, g.bin);
-  eval.input(x);
+  eval.input(img);
   const T& ref = eval("y");
   for (int gpu : orva_test::test_backends()) {
     ORVA::Network net(ORVA::TEST, 1, gpu);
@@ -432,17 +350,12 @@ TEST(TfjsImport, CenterNetMatchesItsGraphOnAVideoFrame) {
   for (int i = 0; i <= 100; ++i) cap >> frame;
   ASSERT_FALSE(frame.empty());
   cv::resize(frame, img, cv::Size(512, 512), 0, 0, cv::INTER_LINEAR);
-  T x{512, 512, 3, {}};
-  x.v.reserve(512 * 512 * 3);
-  for (int y = 0; y < 512; ++y)
-    for (int xx = 0; xx < 512; ++xx)
-      for (int c = 0; c < 3; ++c) x.v.push_back(img.at<cv::Vec3b>(y, xx)[2 - c]);
   std::ifstream f(dir + "centernet.json");
   const json doc = json::parse(f);
   std::ifstream b(dir + "centernet.bin", std::ios::binary);
   const std::vector<unsigned char> bin((std::istreambuf_iterator<char>(b)), std::istreambuf_iterator<char>());
   GraphEval eval(doc, bin);
-  eval.input(x);
+  eval.input(img);
 
   ORVA::Network net(ORVA::TEST, 1, -1);
   net.load(path.c_str());

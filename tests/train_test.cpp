@@ -89,8 +89,6 @@ TEST(TrainOptions, ParsesListsAndFallsBack) {
     EXPECT_EQ(p.policy, c.policy) << c.keys;
     EXPECT_EQ(p.num_steps, c.num_steps);
     EXPECT_EQ(p.subdivisions, 3);
-    EXPECT_FLOAT_EQ(p.learning_rate, 0.001f);
-    EXPECT_FLOAT_EQ(p.momentum, 0.9f);
   }
   const std::string path = temp_path("train.cfg");
   write_file(path, "[train]\npolicy=steps\nsteps=100\n");

@@ -157,16 +157,19 @@ bool packed_products() { return __builtin_cpu_supports("avx512f"); }
 
 // c[0..rows) x [0..16 V) = a (packed block, K x kPackRows) times b (K rows of ldb), the
 // last vector's columns masked by `last`.
-template <int V>
-__attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, float* c,
-                                                     size_t ldc, int rows, __mmask16 last) {
+// Row k of b is b + k * ldb, or b + off[k] when the caller gives offsets (a convolution read
+// straight from its phase planes).
+template <int V, bool kOffsets>
+__attribute__((target("avx512f"))) void packed_block(int K, const float* a, const float* b, size_t ldb, const int* off,
+                                                     float* c, size_t ldc, int rows, __mmask16 last) {
   __m512 acc[kPackRows][V];
   for (int r = 0; r < kPackRows; ++r)
     for (int j = 0; j < V; ++j) acc[r][j] = _mm512_setzero_ps();
-  for (int k = 0; k < K; ++k, a += kPackRows, b += ldb) {
+  for (int k = 0; k < K; ++k, a += kPackRows) {
+    const float* bk = kOffsets ? b + off[k] : b + (size_t)k * ldb;
     __m512 bv[V];
 #pragma GCC unroll 3
-    for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(b + 16 * j) : _mm512_maskz_loadu_ps(last, b + 16 * j);
+    for (int j = 0; j < V; ++j) bv[j] = j + 1 < V ? _mm512_loadu_ps(bk + 16 * j) : _mm512_maskz_loadu_ps(last, bk + 16 * j);
 #pragma GCC unroll 8
     for (int r = 0; r < kPackRows; ++r) {
       const __m512 av = _mm512_set1_ps(a[r]);
@@ -186,9 +189,70 @@ __attribute__((target("avx512f"))) void packed_block(int K, const float* a, cons
   }
 }
 
+// The last nc <= 4 columns of a product, where a 16-lane block would fill only nc lanes (the
+// 13 x 13 Winograd products have 49 tile columns at batch 1, 196 at batch 4): eight filter rows
+// are one 8-lane sum per column instead, NB row blocks at a time, the column's value
+// broadcast. The same fused multiply-adds in k order, so the same bits as the block kernel.
+template <int NB, int NC, bool kOffsets>
+__attribute__((target("avx512f,fma"))) void packed_tail(int K, const float* a, const float* b, size_t ldb,
+                                                         const int* off, float* c, size_t ldc, int rows) {
+  __m256 acc[NB][NC];
+  for (int q = 0; q < NB; ++q)
+    for (int j = 0; j < NC; ++j) acc[q][j] = _mm256_setzero_ps();
+  for (int k = 0; k < K; ++k) {
+    const float* bk = kOffsets ? b + off[k] : b + (size_t)k * ldb;
+    __m256 bv[NC];
+#pragma GCC unroll 4
+    for (int j = 0; j < NC; ++j) bv[j] = _mm256_broadcast_ss(bk + j);
+#pragma GCC unroll 4
+    for (int q = 0; q < NB; ++q) {
+      const __m256 av = _mm256_loadu_ps(a + ((size_t)q * K + k) * kPackRows);
+#pragma GCC unroll 4
+      for (int j = 0; j < NC; ++j) acc[q][j] = _mm256_fmadd_ps(av, bv[j], acc[q][j]);
+    }
+  }
+  for (int q = 0; q < NB; ++q)
+    for (int j = 0; j < NC; ++j) {
+      alignas(32) float t[kPackRows];
+      _mm256_store_ps(t, acc[q][j]);
+      for (int r = 0; r < std::min(kPackRows, rows - q * kPackRows); ++r) c[(size_t)(q * kPackRows + r) * ldc + j] = t[r];
+    }
+}
+
+template <int NC, bool kOffsets>
+void packed_tail_rows(int M, int K, const float* ap, const float* b, size_t ldb, const int* off, float* c,
+                      size_t ldc) {
+  int i = 0;
+  for (; i + 4 * kPackRows <= M; i += 4 * kPackRows)
+    packed_tail<4, NC, kOffsets>(K, ap + (size_t)i * K, b, ldb, off, c + (size_t)i * ldc, ldc, M - i);
+  for (; i < M; i += kPackRows)
+    packed_tail<1, NC, kOffsets>(K, ap + (size_t)i * K, b, ldb, off, c + (size_t)i * ldc, ldc, M - i);
+}
+
+template <bool kOffsets>
+void packed_tail_columns(int nc, int M, int K, const float* ap, const float* b, size_t ldb, const int* off, float* c,
+                         size_t ldc) {
+  switch (nc) {
+    case 1: return packed_tail_rows<1, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+    case 2: return packed_tail_rows<2, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+    case 3: return packed_tail_rows<3, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+    default: return packed_tail_rows<4, kOffsets>(M, K, ap, b, ldb, off, c, ldc);
+  }
+}
+
 // C (M x N, ldc) = A (M x K, packed) B (K x N, ldb). Column blocks keep B's part in cache
 // while every row block passes over it.
-void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc) {
+void packed_product(int M, int N, int K, const float* ap, const float* b, size_t ldb, float* c, size_t ldc,
+                    const int* off = nullptr) {
+  // The tail columns of each group of four row blocks right after the group's last blocks,
+  // while its weights are still in cache (a pass of its own read them from memory again).
+  const int tail = N > 48 && N % 48 <= 4 ? N % 48 : 0;
+  N -= tail;
+  auto tail_group = [&](int i) {
+    const int g0 = i / (4 * kPackRows) * (4 * kPackRows), rows = std::min(M, i + kPackRows) - g0;
+    if (off) packed_tail_columns<true>(tail, rows, K, ap + (size_t)g0 * K, b + N, ldb, off, c + (size_t)g0 * ldc + N, ldc);
+    else packed_tail_columns<false>(tail, rows, K, ap + (size_t)g0 * K, b + N, ldb, off, c + (size_t)g0 * ldc + N, ldc);
+  };
   const int nc = std::max(48, (int)(256 * 1024 / (sizeof(float) * std::max(K, 1))) / 48 * 48);
   for (int jc = 0; jc < N; jc += nc)
     for (int i = 0; i < M; i += kPackRows) {
@@ -198,15 +262,22 @@ void packed_product(int M, int N, int K, const float* ap, const float* b, size_t
         const int n = std::min(48, end - j);
         const __mmask16 last = (__mmask16)((1u << ((n - 1) % 16 + 1)) - 1);
         float* cj = c + (size_t)i * ldc + j;
-        if (n > 32) packed_block<3>(K, a, b + j, ldb, cj, ldc, rows, last);
-        else if (n > 16) packed_block<2>(K, a, b + j, ldb, cj, ldc, rows, last);
-        else packed_block<1>(K, a, b + j, ldb, cj, ldc, rows, last);
+        if (off) {
+          if (n > 32) packed_block<3, true>(K, a, b + j, 0, off, cj, ldc, rows, last);
+          else if (n > 16) packed_block<2, true>(K, a, b + j, 0, off, cj, ldc, rows, last);
+          else packed_block<1, true>(K, a, b + j, 0, off, cj, ldc, rows, last);
+        } else {
+          if (n > 32) packed_block<3, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
+          else if (n > 16) packed_block<2, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
+          else packed_block<1, false>(K, a, b + j, ldb, nullptr, cj, ldc, rows, last);
+        }
       }
+      if (tail && jc + nc >= N && (i / kPackRows % 4 == 3 || i + kPackRows >= M)) tail_group(i);
     }
 }
 #else
 bool packed_products() { return false; }
-void packed_product(int, int, int, const float*, const float*, size_t, float*, size_t) {}
+void packed_product(int, int, int, const float*, const float*, size_t, float*, size_t, const int* = nullptr) {}
 #endif
 
 // 3x3 stride-1 kernels with many channels take the Winograd F(2x2, 3x3) product: each 2x2
@@ -260,6 +331,77 @@ void winograd_weights(HostConvPlan* p, const Ftype* weight) {
   });
 }
 
+#if defined(__x86_64__)
+bool winograd_rows16() { return __builtin_cpu_supports("avx512f"); }
+
+// Lanes [0, n) of a mask, n clamped to [0, 16].
+inline __mmask16 first_lanes(int n) { return n >= 16 ? (__mmask16)0xFFFF : n <= 0 ? (__mmask16)0 : (__mmask16)((1u << n) - 1); }
+
+// The input transform of one row of tiles, sixteen tiles at a time: the four padded rows d
+// (row_len floats each) split into even and odd columns in registers, then the scalar loop's
+// additions in its order, so the results are its bits.
+__attribute__((target("avx512f"))) void winograd_input16(const float* const* d, int row_len, int tw, float* out,
+                                                           size_t step) {
+  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+  const __m512i odd = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+  for (int tx = 0; tx < tw; tx += 16) {
+    const __mmask16 keep = first_lanes(tw - tx);
+    __m512 x[4][4];  // x[i][j] = d[i][2 tx + j] for sixteen tiles
+    for (int i = 0; i < 4; ++i)
+      for (int shift = 0; shift < 4; shift += 2) {
+        const float* p = d[i] + 2 * tx + shift;
+        const int avail = row_len - 2 * tx - shift;
+        const __m512 lo = _mm512_maskz_loadu_ps(first_lanes(avail), p);
+        const __m512 hi = _mm512_maskz_loadu_ps(first_lanes(avail - 16), p + 16);
+        x[i][shift] = _mm512_permutex2var_ps(lo, even, hi);
+        x[i][shift + 1] = _mm512_permutex2var_ps(lo, odd, hi);
+      }
+    for (int j = 0; j < 4; ++j) {
+      const __m512 t0 = _mm512_sub_ps(x[0][j], x[2][j]), t1 = _mm512_add_ps(x[1][j], x[2][j]);
+      const __m512 t2 = _mm512_sub_ps(x[2][j], x[1][j]), t3 = _mm512_sub_ps(x[1][j], x[3][j]);
+      x[0][j] = t0, x[1][j] = t1, x[2][j] = t2, x[3][j] = t3;
+    }
+    for (int i = 0; i < 4; ++i) {
+      float* o = out + (size_t)(i * 4) * step + tx;
+      _mm512_mask_storeu_ps(o, keep, _mm512_sub_ps(x[i][0], x[i][2]));
+      _mm512_mask_storeu_ps(o + step, keep, _mm512_add_ps(x[i][1], x[i][2]));
+      _mm512_mask_storeu_ps(o + 2 * step, keep, _mm512_sub_ps(x[i][2], x[i][1]));
+      _mm512_mask_storeu_ps(o + 3 * step, keep, _mm512_sub_ps(x[i][1], x[i][3]));
+    }
+  }
+}
+
+// The output transform of one row of tiles (q[k * step + tx], k < 16) into two output rows,
+// sixteen tiles at a time, the scalar loop's additions in its order.
+__attribute__((target("avx512f"))) void winograd_output16(const float* q, size_t step, int tw, float* y0, float* y1) {
+  const __m512i lo = _mm512_setr_epi32(0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+  const __m512i hi = _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+  for (int tx = 0; tx < tw; tx += 16) {
+    const __mmask16 keep = first_lanes(tw - tx);
+    __m512 a[16];
+    for (int k = 0; k < 16; ++k) a[k] = _mm512_maskz_loadu_ps(keep, q + k * step + tx);
+    __m512 t0[4], t1[4];
+    for (int j = 0; j < 4; ++j) {
+      t0[j] = _mm512_add_ps(_mm512_add_ps(a[j], a[4 + j]), a[8 + j]);
+      t1[j] = _mm512_sub_ps(_mm512_sub_ps(a[4 + j], a[8 + j]), a[12 + j]);
+    }
+    const int n = 2 * std::min(16, tw - tx);
+    for (int r = 0; r < 2; ++r) {
+      const __m512* t = r ? t1 : t0;
+      float* y = (r ? y1 : y0) + 2 * tx;
+      const __m512 e = _mm512_add_ps(_mm512_add_ps(t[0], t[1]), t[2]);
+      const __m512 o = _mm512_sub_ps(_mm512_sub_ps(t[1], t[2]), t[3]);
+      _mm512_mask_storeu_ps(y, first_lanes(n), _mm512_permutex2var_ps(e, lo, o));
+      _mm512_mask_storeu_ps(y + 16, first_lanes(n - 16), _mm512_permutex2var_ps(e, hi, o));
+    }
+  }
+}
+#else
+bool winograd_rows16() { return false; }
+void winograd_input16(const float* const*, int, int, float*, size_t) {}
+void winograd_output16(const float*, size_t, int, float*, float*) {}
+#endif
+
 void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const Ftype* input, const Ftype* weight,
                       Ftype* output, const OutputStep& finish) {
   const ConvShape& s = p->shape;
@@ -274,6 +416,7 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
   if (!v || !m || !rows_all)
     ORVA_THROW("conv_forward: no host scratch for %d x %d x %zu transformed tiles", M, C, T);
   winograd_weights(p, weight);
+  const bool rows16 = winograd_rows16();
   // Input tiles: V = B^T d B, rows of the padded image widened once per tile row.
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * C), [&](const tbb::blocked_range<int>& r) {
     float* rows = rows_all + (size_t)4 * row_len * tbb::this_task_arena::current_thread_index();
@@ -292,6 +435,11 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
         const float *d0 = rows, *d1 = d0 + row_len, *d2 = d1 + row_len, *d3 = d2 + row_len;
         float* out = v + (size_t)c * T + (size_t)b * tiles + (size_t)ty * tw;
         const size_t step = (size_t)C * T;
+        if (rows16) {
+          const float* d[4] = {d0, d1, d2, d3};
+          winograd_input16(d, row_len, tw, out, step);
+          continue;
+        }
         for (int tx = 0; tx < tw; ++tx) {
           float t[4][4];
           for (int j = 0; j < 4; ++j) {
@@ -346,7 +494,8 @@ void winograd_forward(HostConvPlan* p, ORVA::Backend* backend, int batch, const 
       for (int ty = 0; ty < th; ++ty) {
         float* y0 = rows;
         float* y1 = y0 + 2 * tw;
-        for (int tx = 0; tx < tw; ++tx) {
+        if (rows16) winograd_output16(src + (size_t)ty * tw, step, tw, y0, y1);
+        for (int tx = 0; tx < (rows16 ? 0 : tw); ++tx) {
           const float* q = src + (size_t)ty * tw + tx;
           float a[4][4];
           for (int k = 0; k < 16; ++k) a[k / 4][k % 4] = q[k * step];
@@ -432,22 +581,100 @@ namespace {
 // One group per channel: a product per group would have a single row and K = size x size,
 // all overhead. Each output row sums its taps in float over zero-bordered float copies of
 // the input rows, rounded once by `finish`.
+constexpr int kMaxDepthwiseSize = 16;  // kernel sides the register path takes
 bool is_depthwise(const ConvShape& s) { return s.groups > 1 && s.groups == s.in_c && s.out_c == s.in_c; }
+
+#if defined(__x86_64__)
+bool depthwise_rows16() { return __builtin_cpu_supports("avx512f"); }
+
+// One output row of a unit-stride depthwise layer, 64 outputs at a time summed in four
+// registers (a single chain of dependent sums would wait on each addition), the loads
+// unmasked but in the last block: the taps in the plain loop's order (kernel rows that fall
+// outside the image skipped), each product and each sum rounded on its own (no fused
+// multiply-add), so the sums are the plain loop's bit for bit.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"  // GCC's headers, inlined here
+template <bool kMasked>
+__attribute__((target("avx512f"))) inline void depthwise_block64(const float* const* rows, const float* const* taps,
+                                                                   int nrows, int k, int dilation, int x, int left,
+                                                                   float* acc) {
+  constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+  __mmask16 take[4];
+  for (int j = 0; j < 4; ++j) take[j] = (__mmask16)((1u << std::min(16, std::max(0, left - 16 * j))) - 1);
+  __m512 sum[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
+  for (int r = 0; r < nrows; ++r)
+    for (int kx = 0; kx < k; ++kx) {
+      const float* src = rows[r] + x + kx * dilation;
+      const __m512 w = _mm512_set1_ps(taps[r][kx]);
+#pragma GCC unroll 4
+      for (int j = 0; j < 4; ++j) {
+        const __m512 v = kMasked ? _mm512_maskz_loadu_ps(take[j], src + 16 * j) : _mm512_loadu_ps(src + 16 * j);
+        sum[j] = _mm512_add_round_ps(sum[j], _mm512_mul_round_ps(w, v, kRound), kRound);
+      }
+    }
+#pragma GCC unroll 4
+  for (int j = 0; j < 4; ++j) {
+    if (kMasked) _mm512_mask_storeu_ps(acc + x + 16 * j, take[j], sum[j]);
+    else _mm512_storeu_ps(acc + x + 16 * j, sum[j]);
+  }
+}
+
+// Narrow rows (out_w <= 16 V): R consecutive output rows whose kernel rows all lie inside the
+// image, V vectors each, R x V = 4 independent sums; rows0 is the first input row of the first
+// output row, the taps and their order as above.
+template <int R, int V>
+__attribute__((target("avx512f"))) void depthwise_rows_block(const float* rows0, size_t wp, const float* w, int k,
+                                                               int dilation, int out_w, float* acc) {
+  constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+  __mmask16 take[V];
+  for (int v = 0; v < V; ++v) take[v] = (__mmask16)((1u << std::min(16, std::max(0, out_w - 16 * v))) - 1);
+  __m512 sum[R][V];
+  for (int r = 0; r < R; ++r)
+    for (int v = 0; v < V; ++v) sum[r][v] = _mm512_setzero_ps();
+  for (int ky = 0; ky < k; ++ky)
+    for (int kx = 0; kx < k; ++kx) {
+      const __m512 wv = _mm512_set1_ps(w[ky * k + kx]);
+      const float* src = rows0 + (size_t)ky * dilation * wp + kx * dilation;
+#pragma GCC unroll 4
+      for (int r = 0; r < R; ++r)
+#pragma GCC unroll 2
+        for (int v = 0; v < V; ++v)
+          sum[r][v] = _mm512_add_round_ps(
+              sum[r][v], _mm512_mul_round_ps(wv, _mm512_maskz_loadu_ps(take[v], src + r * wp + 16 * v), kRound), kRound);
+    }
+  for (int r = 0; r < R; ++r)
+    for (int v = 0; v < V; ++v) _mm512_mask_storeu_ps(acc + (size_t)r * out_w + 16 * v, take[v], sum[r][v]);
+}
+
+__attribute__((target("avx512f"))) void depthwise_row16(const float* const* rows, const float* const* taps, int nrows,
+                                                          int k, int dilation, int out_w, float* acc) {
+  int x = 0;
+  for (; x + 64 <= out_w; x += 64) depthwise_block64<false>(rows, taps, nrows, k, dilation, x, 64, acc);
+  if (x < out_w) depthwise_block64<true>(rows, taps, nrows, k, dilation, x, out_w - x, acc);
+}
+#pragma GCC diagnostic pop
+#else
+bool depthwise_rows16() { return false; }
+void depthwise_row16(const float* const*, const float* const*, int, int, int, int, float*) {}
+template <int R, int V>
+void depthwise_rows_block(const float*, size_t, const float*, int, int, int, float*) {}
+#endif
 
 void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, const Ftype* input,
                        const Ftype* weight, Ftype* output, const OutputStep& finish) {
   const int k = s.size, wp = s.in_w + 2 * s.pad;
   // The plane is widened once, rows with their zero border, and every output row then reads
   // its k rows from it (widening row by row for each output row widened every row k times).
-  const size_t per_thread = (size_t)s.in_h * wp + s.out_w + k * k;
+  const size_t per_thread = (size_t)s.in_h * wp + 4 * s.out_w + k * k;
   const int threads = tbb::this_task_arena::max_concurrency();
   float* scratch = static_cast<float*>(backend->scratch(kScratchRows, sizeof(float) * per_thread * threads));
   if (!scratch)
     ORVA_THROW("conv_forward: no host scratch for %d depthwise rows of %d", s.in_h, wp);
+  const bool rows16 = s.stride == 1 && k <= kMaxDepthwiseSize && depthwise_rows16();
   tbb::parallel_for(tbb::blocked_range<int>(0, batch * s.in_c), [&](const tbb::blocked_range<int>& r) {
     float* rows = scratch + per_thread * tbb::this_task_arena::current_thread_index();
     float* acc = rows + (size_t)s.in_h * wp;
-    float* w = acc + s.out_w;
+    float* w = acc + 4 * s.out_w;
     for (int bc = r.begin(); bc != r.end(); ++bc) {
       const int c = bc % s.in_c;
       const Ftype* plane = input + (size_t)bc * s.in_h * s.in_w;
@@ -460,6 +687,30 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
         std::fill(row + s.pad + s.in_w, row + wp, 0.f);
       }
       for (int y = 0; y < s.out_h; ++y) {
+        // Narrow rows: four or two output rows at once where all their kernel rows are inside.
+        const int group = !rows16 || s.out_w > 32 ? 1 : s.out_w > 16 ? 2 : 4;
+        if (group > 1 && y - s.pad >= 0 && y + group - 1 - s.pad + (k - 1) * s.dilation < s.in_h) {
+          const float* rows0 = rows + (size_t)(y - s.pad) * wp;
+          if (group == 4) depthwise_rows_block<4, 1>(rows0, wp, w, k, s.dilation, s.out_w, acc);
+          else depthwise_rows_block<2, 2>(rows0, wp, w, k, s.dilation, s.out_w, acc);
+          for (int r = 0; r < group; ++r) finish(acc + (size_t)r * s.out_w, out + (size_t)(y + r) * s.out_w, s.out_w, c);
+          y += group - 1;
+          continue;
+        }
+        if (rows16) {
+          const float* in_rows[kMaxDepthwiseSize];
+          const float* tap_rows[kMaxDepthwiseSize];
+          int n = 0;
+          for (int ky = 0; ky < k; ++ky) {
+            const int iy = y - s.pad + ky * s.dilation;
+            if (iy < 0 || iy >= s.in_h) continue;
+            in_rows[n] = rows + (size_t)iy * wp;
+            tap_rows[n++] = w + ky * k;
+          }
+          depthwise_row16(in_rows, tap_rows, n, k, s.dilation, s.out_w, acc);
+          finish(acc, out + (size_t)y * s.out_w, s.out_w, c);
+          continue;
+        }
         std::fill(acc, acc + s.out_w, 0.f);
         for (int ky = 0; ky < k; ++ky) {
           const int iy = y * s.stride - s.pad + ky * s.dilation;
@@ -476,6 +727,108 @@ void depthwise_forward(ORVA::Backend* backend, const ConvShape& s, int batch, co
         }
         finish(acc, out + (size_t)y * s.out_w, s.out_w, c);
       }
+    }
+  });
+}
+
+// Unit strides with the packed products: no column panel. Each thread widens the
+// image rows of a band of output rows once into the stride's phases (s x s planes per channel;
+// phase (px, py) holds the zero-bordered image's columns px, px + s, ... of its rows py,
+// py + s, ...), each plane row as wide as an output row plus the phase columns a kernel row
+// reaches past it. Row (c, ky, kx) of the column matrix is then one phase plane read at a fixed
+// offset, so the product reads its operand from the planes; every output row is computed over
+// the plane row's width and the columns past out_w are dropped. A gathered panel converted
+// each image value once for every kernel tap that reads it and wrote and read back K floats
+// per output column. The planes are laid out for any stride, but double strides (four phases,
+// bands of two or three rows within the budget) measured no faster than their panels.
+struct PhasePlan {
+  bool use = false;
+  int s = 1, qmax = 0, wpe = 0, band = 0, bands = 0, rows = 0;
+  size_t plane = 0, per_thread = 0;  // floats of one phase plane, of one thread's planes
+};
+
+constexpr size_t kBandBytes = 512 * 1024;  // one thread's phase planes, kept in cache
+constexpr int kMinBandColumns = 96;        // narrower bands leave the product's blocks half empty
+
+PhasePlan phase_plan(const ConvShape& s, int cpg, bool packed, int threads) {
+  PhasePlan p;
+  if (!packed || s.size == 1 || s.stride > 1) return p;
+  p.s = s.stride;
+  p.qmax = (s.size - 1) * s.dilation / s.stride;
+  p.wpe = s.out_w + p.qmax;
+  const size_t row_bytes = sizeof(float) * p.s * p.s * cpg * p.wpe;
+  // At least two bands per thread, so that a pass of one image splits evenly.
+  const int even = (s.out_h + 2 * threads - 1) / (2 * threads);
+  p.band = std::min(even, (int)(kBandBytes / row_bytes) - p.qmax - 1);
+  if (p.band < 1 || p.band * p.wpe < kMinBandColumns) return p;
+  p.bands = (s.out_h + p.band - 1) / p.band;
+  p.rows = p.band + p.qmax + 1;  // the last one catches the dropped columns' reads
+  p.plane = (size_t)p.rows * p.wpe;
+  p.per_thread = p.plane * p.s * p.s * cpg;
+  p.use = true;
+  return p;
+}
+
+// Planes of channels [0, cpg) of `im` for output rows from y0 (layout of phase_plan).
+void widen_phases(const ConvShape& s, const PhasePlan& p, const Ftype* im, int cpg, int y0, float* planes) {
+  for (int c = 0; c < cpg; ++c)
+    for (int py = 0; py < p.s; ++py)
+      for (int yy = 0; yy < p.rows; ++yy) {
+        const int iy = (y0 + yy) * p.s + py - s.pad;
+        for (int px = 0; px < p.s; ++px) {
+          float* dst = planes + ((size_t)(py * p.s + px) * cpg + c) * p.plane + (size_t)yy * p.wpe;
+          if (iy < 0 || iy >= s.in_h) {
+            std::fill(dst, dst + p.wpe, 0.f);
+            continue;
+          }
+          // dst[xx] = image column xx * s + px - pad, zero outside the image.
+          const int lo = std::min(p.wpe, std::max(0, (s.pad - px + p.s - 1) / p.s));
+          const int hi = std::max(lo, std::min(p.wpe, floor_div(s.in_w - 1 + s.pad - px, p.s) + 1));
+          std::fill(dst, dst + lo, 0.f);
+          if (hi > lo) widen_strided(im + ((size_t)c * s.in_h + iy) * s.in_w + (lo * p.s + px - s.pad), p.s, hi - lo, dst + lo);
+          std::fill(dst + hi, dst + p.wpe, 0.f);
+        }
+      }
+}
+
+void phase_forward(ORVA::Backend* backend, const ConvShape& s, const PhasePlan& p, int batch, const Ftype* input,
+                   const float* a, size_t group_rows, Ftype* output, const OutputStep& finish) {
+  const int cpg = s.in_c / s.groups, fpg = s.out_c / s.groups, k = s.size;
+  const int K = cpg * k * k, N = s.out_h * s.out_w;
+  const int threads = tbb::this_task_arena::max_concurrency();
+  const int tasks = batch * s.groups * p.bands;
+  const int row_tiles =
+      tasks >= 2 * threads ? 1 : std::max(1, std::min(fpg / kPackRows, (2 * threads + tasks - 1) / tasks));
+  const int mb = (int)packed_rows((fpg + row_tiles - 1) / row_tiles);
+  const size_t c_tile = (size_t)mb * p.band * p.wpe;
+  float* planes_all = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * p.per_thread * threads));
+  float* tiles_all = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
+  int* off = static_cast<int*>(backend->scratch(kScratchRows, sizeof(int) * K));
+  if (!planes_all || !tiles_all || !off)
+    ORVA_THROW("conv_forward: no host scratch for %d phase planes of %zu floats", p.s * p.s * cpg, p.plane);
+  for (int c = 0; c < cpg; ++c)
+    for (int ky = 0; ky < k; ++ky)
+      for (int kx = 0; kx < k; ++kx) {
+        const int vy = ky * s.dilation, vx = kx * s.dilation;
+        const int phase = (vy % p.s) * p.s + vx % p.s;
+        off[(c * k + ky) * k + kx] = (int)(((size_t)phase * cpg + c) * p.plane + (size_t)(vy / p.s) * p.wpe + vx / p.s);
+      }
+  const size_t in_image = (size_t)s.in_c * s.in_h * s.in_w, out_image = (size_t)s.out_c * N;
+  tbb::parallel_for(0, tasks * row_tiles, [&](int task) {
+    const int slot = tbb::this_task_arena::current_thread_index();
+    float* planes = planes_all + p.per_thread * slot;
+    float* cp = tiles_all + c_tile * slot;
+    const int rt = task % row_tiles, band = task / row_tiles % p.bands, bg = task / row_tiles / p.bands;
+    const int b = bg / s.groups, g = bg % s.groups;
+    const int i0 = rt * mb, h = std::min(mb, fpg - i0);
+    if (h <= 0) return;
+    const int y0 = band * p.band, rows = std::min(p.band, s.out_h - y0), w = rows * p.wpe;
+    widen_phases(s, p, input + b * in_image + (size_t)g * cpg * s.in_h * s.in_w, cpg, y0, planes);
+    packed_product(h, w, K, a + ((size_t)g * group_rows + i0) * K, planes, 0, cp, w, off);
+    for (int i = 0; i < h; ++i) {
+      const int f = g * fpg + i0 + i;
+      Ftype* out = output + b * out_image + (size_t)f * N + (size_t)y0 * s.out_w;
+      for (int y = 0; y < rows; ++y) finish(cp + (size_t)i * w + (size_t)y * p.wpe, out + (size_t)y * s.out_w, s.out_w, f);
     }
   });
 }
@@ -499,12 +852,13 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
     t.mb = (int)packed_rows(t.mb);
     t.row_tiles = (fpg + t.mb - 1) / t.mb;
   }
-  const size_t b_floats = t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
-  const size_t c_tile = (size_t)t.mb * t.nb;
+  const PhasePlan phases = phase_plan(s, cpg, packed, threads);
+  const size_t b_floats = phases.use ? 0 : t.shared ? (size_t)K * columns : (size_t)K * t.nb * threads;
+  const size_t c_tile = phases.use ? 0 : (size_t)t.mb * t.nb;
   float* a = static_cast<float*>(backend->scratch(kScratchWeights, sizeof(float) * s.groups * group_rows * K));
   float* bm = static_cast<float*>(backend->scratch(kScratchColumns, sizeof(float) * b_floats));
   float* cm = static_cast<float*>(backend->scratch(kScratchTiles, sizeof(float) * c_tile * threads));
-  if (!a || !bm || !cm)
+  if (!a || (!phases.use && (!bm || !cm)))
     ORVA_THROW("conv_forward: no host scratch for %d filters, %d x %lld columns", s.out_c, K, columns);
   if (packed) {
     const int blocks = (int)(group_rows / kPackRows);
@@ -526,6 +880,7 @@ void forward(void* handle, ConvPlan* plan, int batch, const Ftype* input, const 
       widen_strided(weight + (size_t)r.begin() * K, 1, (r.end() - r.begin()) * K, a + (size_t)r.begin() * K);
     });
   }
+  if (phases.use) return phase_forward(backend, s, phases, batch, input, a, group_rows, output, finish);
   const size_t in_image = (size_t)s.in_c * s.in_h * s.in_w, out_image = (size_t)s.out_c * N;
   auto pack = [&](int g, long long J, int w, float* dst, size_t ld) {
     for_sample_pieces(J, w, N, [&](int b, int j, int at, int n) {
