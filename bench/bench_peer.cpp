@@ -12,9 +12,13 @@
 // ONNX Runtime of the medians, and each engine's relative L2 distance to a float64 reference
 // of the network as the engine holds it (weights in half, normalisation folded, input
 // rounded to half). A distance above 1e-2 is flagged and makes the exit status 1.
+// --int8 runs the host's convolutions on their 8-bit paths, each with the largest input
+// magnitude of the reference as its input threshold; its distance is flagged from 1e-1.
+// --keep leaves each network's folder (descriptions, host8_B.cfg with the thresholds,
+// net.weights) in place and prints its path.
 //
-//   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T]
-//              [--face-model FILE] [--settle MS] [--no-ort]
+//   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--int8]
+//              [--face-model FILE] [--settle MS] [--no-ort] [--keep]
 //
 // The ONNX Runtime column needs bench/peer_setup.sh (python3-onnx, onnxruntime-node under
 // bench/node_modules); without it the column is left out. The networks go to ONNX through
@@ -135,7 +139,10 @@ std::vector<PeerModel> networks() {
   };
 }
 
-std::string orva_cfg(const PeerModel& n, int batch) {
+// With input thresholds (one per convolution, `quant_thresh`), the same network for the
+// host's 8-bit path.
+std::string orva_cfg(const PeerModel& n, int batch, const std::vector<float>* iq = nullptr) {
+  size_t conv_index = 0;
   std::string s = "[network]\nwidth=" + std::to_string(n.w) + "\nheight=" + std::to_string(n.h) +
                   "\nchannels=" + std::to_string(n.c) + "\nbatch=" + std::to_string(batch) + "\n";
   for (const LayerSpec& l : n.layers) {
@@ -145,7 +152,8 @@ std::string orva_cfg(const PeerModel& n, int batch) {
            (l.activation ? "\nactivation=" + std::string(l.activation) : std::string()) +
            (l.depthwise ? "\ngroups=" + std::to_string(l.filters) : std::string()) +
            (l.border ? "" : "\npad=0") + "\n";
-    else
+    if (l.kind == LayerSpec::kConv && iq) s += "quant_thresh=" + std::to_string(iq->at(conv_index++)) + "\n";
+    if (l.kind != LayerSpec::kConv)
       s += "[maxpool]\nsize=" + std::to_string(l.size) + "\nstride=" + std::to_string(l.stride) + "\n";
   }
   return s;
@@ -273,6 +281,8 @@ struct Options {
   std::string face_model = "models/face.orva";
   bool ort = true;
   int settle_ms = 50;
+  bool int8 = false;  // the host runs the convolutions' 8-bit paths
+  bool keep = false;  // scratch folders left in place (for orva bench on the same files)
 };
 
 void fail(const std::string& what) {
@@ -303,13 +313,16 @@ bool exists(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
 // net.weights, net.orva (dialect networks: the converted model), input.f32 (4 images), net.onnx.
 std::string host_cfg(const std::string& dir, int batch) { return dir + "/host" + std::to_string(batch) + ".cfg"; }
 std::string peer_cfg(const std::string& dir, int batch) { return dir + "/darknet" + std::to_string(batch) + ".cfg"; }
+std::string host8_cfg(const std::string& dir, int batch) { return dir + "/host8_" + std::to_string(batch) + ".cfg"; }
 
 // ---- float64 reference of the network as the engine holds it ----
 
 // Layer by layer from the engine's own loaded weights (half, normalisation folded); only
 // convolutions and max-pools with the activations the bench networks use. Empty when the
-// network has another layer.
-std::vector<double> reference(ORVA::Network& net, const std::vector<float>& input, int batch) {
+// network has another layer. With iq, each convolution's input threshold for the 8-bit
+// path: its largest input magnitude, negative (signed bytes) where an input is negative.
+std::vector<double> reference(ORVA::Network& net, const std::vector<float>& input, int batch,
+                              std::vector<float>* iq = nullptr) {
   std::vector<double> x(input.size());
   for (size_t i = 0; i < x.size(); ++i) x[i] = half2float_cpu(float2half_cpu(input[i]));
   static const float kLeaky = half2float_cpu(float2half_cpu(0.1f));
@@ -318,6 +331,11 @@ std::vector<double> reference(ORVA::Network& net, const std::vector<float>& inpu
     const int iw = l->_in_w, ih = l->_in_h, ic = l->_in_c, ow = l->_out_w, oh = l->_out_h, oc = l->_out_c;
     std::vector<double> y((size_t)batch * oc * oh * ow);
     if (auto* c = dynamic_cast<ORVA::ConvolutionLayer*>(l)) {
+      if (iq) {
+        double lo = 0, hi = 0;
+        for (double v : x) lo = std::min(lo, v), hi = std::max(hi, std::fabs(v));
+        iq->push_back(lo < 0 ? -(float)hi : (float)hi);
+      }
       if (c->_acttype != -1 && c->_acttype != 3 && c->_acttype != 7) return {};
       std::vector<float> w(c->_weights), b(c->_kn);
       half2float_cpu(w.data(), c->_weight, w.size());
@@ -414,12 +432,14 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
   tbb::global_control limit(tbb::global_control::max_allowed_parallelism, threads);
   tbb::task_arena arena(threads);
   const bool dialect = exists(dir + "/net.orva");
-  if (engine == "host") {
+  if (engine == "host" || engine == "host8") {
+    const bool int8 = engine == "host8";
+    const std::string cfg = int8 ? host8_cfg(dir, batch) : host_cfg(dir, batch);
     net.reset(new ORVA::Network(ORVA::TEST, batch, -1));
     if (dialect)
-      net->load((dir + "/net.orva").c_str());
-    else if (net->load(host_cfg(dir, batch).c_str(), (dir + "/net.weights").c_str()) != 0)
-      fail("the host backend did not load " + host_cfg(dir, batch));
+      net->load((dir + "/net.orva").c_str(), int8);
+    else if (net->load(cfg.c_str(), (dir + "/net.weights").c_str(), int8) != 0)
+      fail("the host backend did not load " + cfg);
     pass = [&] {
       float* o = nullptr;
       arena.execute([&] { o = net->predict(input.data(), batch); });
@@ -558,7 +578,7 @@ struct Prepared {
   size_t per_image = 0;
 };
 
-bool prepare(const PeerModel& model, const std::string& model_weights, bool want_onnx, std::mt19937& rng,
+bool prepare(const PeerModel& model, const std::string& model_weights, bool want_onnx, bool int8, std::mt19937& rng,
              Prepared& p) {
   char tmpl[] = "/tmp/orva_peer_XXXXXX";
   if (!mkdtemp(tmpl)) fail("cannot make a scratch folder");
@@ -608,8 +628,11 @@ bool prepare(const PeerModel& model, const std::string& model_weights, bool want
     fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
     return false;
   }
-  p.ref = reference(net, input, 4);
+  std::vector<float> iq;
+  p.ref = reference(net, input, 4, &iq);
   p.per_image = p.ref.size() / 4;
+  if (int8)
+    for (int b : {1, 4}) write_text(host8_cfg(p.dir, b), orva_cfg(model, b, &iq));
   return true;
 }
 
@@ -627,7 +650,7 @@ void print_cell(double v, const char* fmt, int width) {
 bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, const Options& opt) {
   const std::string self = self_path(), b = std::to_string(batch), t = std::to_string(threads);
   std::vector<std::unique_ptr<Child>> engines;
-  engines.emplace_back(new Child("host", {self, "--worker", "host", p.dir, b, t}));
+  engines.emplace_back(new Child("host", {self, "--worker", opt.int8 ? "host8" : "host", p.dir, b, t}));
   engines.emplace_back(new Child("opencv", {self, "--worker", "opencv", p.dir, b, t}));
   if (p.onnx)
     engines.emplace_back(new Child("ort", {"node", ORVA_BENCH_DIR "/ort_time.js", p.dir + "/net.onnx",
@@ -669,7 +692,9 @@ bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, 
       }
       dist[0] = relative_l2(outs[0].data(), outs[1].data(), outs[0].size());
     }
-    if (!std::isnan(dist[e]) && !(dist[e] < 1e-2)) ok = false;
+    // 8-bit inputs and weights are 1/254 and 1/127 of their ranges per layer.
+    const double bound = opt.int8 && e == 0 ? 1e-1 : 1e-2;
+    if (!std::isnan(dist[e]) && !(dist[e] < bound)) ok = false;
   }
   std::vector<Stats> st;
   for (auto& m : ms) st.push_back(stats(m));
@@ -697,6 +722,14 @@ int main(int argc, char** argv) {
       opt.ort = false;
       continue;
     }
+    if (key == "--int8") {
+      opt.int8 = true;
+      continue;
+    }
+    if (key == "--keep") {
+      opt.keep = true;
+      continue;
+    }
     const char* value = i + 1 < argc ? argv[++i] : nullptr;
     if (!value) opt.passes = -1;  // a key without its value: usage
     else if (key == "--passes") opt.passes = std::max(1, atoi(value));
@@ -710,7 +743,7 @@ int main(int argc, char** argv) {
     if (opt.passes < 0) {
       fprintf(stderr,
               "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE] "
-              "[--settle MS] [--no-ort]\n",
+              "[--settle MS] [--no-ort] [--int8] [--keep]\n",
               argv[0]);
       return 2;
     }
@@ -740,7 +773,7 @@ int main(int argc, char** argv) {
       printf("# %s: random weights (%s not found)\n", model.name, model.weights_from.c_str());
     }
     Prepared p;
-    const bool ready = prepare(model, copied, opt.ort, rng, p);
+    const bool ready = prepare(model, copied, opt.ort, opt.int8, rng, p);
     if (!copied.empty()) remove(copied.c_str());
     if (ready) {
       for (int batch : {1, 4}) {
@@ -753,7 +786,10 @@ int main(int argc, char** argv) {
     } else {
       ok = false;
     }
-    cleanup(p);
+    if (opt.keep)
+      printf("# %s: files kept in %s\n", model.name, p.dir.c_str());
+    else
+      cleanup(p);
   }
   return ok ? 0 : 1;
 }

@@ -5,6 +5,8 @@
 #include <memory>
 
 #include "base/checked_size.h"
+#include "kernels/conv_int8_host.h"
+#include "kernels/half_math.h"
 #include "orva/conv.h"
 #include "layer_test_util.h"
 #include "orva/activation.h"
@@ -297,6 +299,7 @@ TEST(ConvolutionInt8, CudaMatchesHostTwinAndUnpackableGroupsTakeHalf) {
       {"filters=8\nsize=3\nstride=2\ngroups=2\nquant_thresh=-4\n", 8, 8, 2, true},  // four channels per group
       {"filters=4\nsize=3\ngroups=2\nactivation=relu\nquant_thresh=4\n", 4, 4, 2, false},   // two per group
       {"filters=8\nsize=3\ngroups=8\nactivation=linear\nquant_thresh=4\n", 8, 8, 8, false},  // depthwise
+      {"filters=8\nsize=3\nquant_thresh=4\n", 7400, 8, 1, false},  // deeper than 32-bit sums allow
   };
   const int batch = 2;
   for (const Int8Case& k : cases) {
@@ -315,6 +318,84 @@ TEST(ConvolutionInt8, CudaMatchesHostTwinAndUnpackableGroupsTakeHalf) {
       count_cuda_comparison();
     }
   }
+}
+
+// Both host paths of the 8-bit pass (dot products where the processor has them, and the
+// portable loops) against integer sums formed here, bit for bit: filter depths and filter
+// counts off the packed blocks, signed and unsigned inputs, groups, strides, dilation, a pass
+// smaller than the plan's batch, and a filter at the deepest the layer allows with every
+// product at its extreme (the biased signed sums wrap; the corrected ones must not).
+TEST(ConvolutionInt8, HostPathsGiveTheExactSums) {
+  struct Shape {
+    int c, h, w, filters, size, stride, pad, dilation, groups, batch, pass;
+    float iq;
+    bool extreme;
+  };
+  const Shape shapes[] = {
+      {5, 7, 9, 13, 3, 1, 1, 1, 1, 2, 2, 4.f, false},     // 5 channels: a partial quad
+      {8, 11, 40, 8, 3, 2, 1, 1, 2, 3, 2, -4.f, false},   // groups, stride 2, pass < batch
+      {12, 17, 33, 20, 3, 1, 2, 2, 1, 1, 1, -4.f, false},  // dilated, rows past one vector
+      {6, 12, 13, 9, 5, 3, 3, 2, 3, 2, 2, 4.f, false},     // two channels a group, stride 3
+      {36, 9, 70, 40, 3, 2, 1, 1, 1, 4, 4, 4.f, false},
+      {7396, 3, 3, 8, 3, 1, 0, 1, 1, 1, 1, 1.f, true},     // depth 66564
+      {7396, 3, 3, 8, 3, 1, 0, 1, 1, 1, 1, -1.f, true},
+  };
+  CudaHandle ctx{};
+  create_handle(&ctx, -1);
+  void* h = &ctx;
+  for (const Shape& k : shapes) {
+    const int out_h = (k.h + 2 * k.pad - (k.size - 1) * k.dilation - 1) / k.stride + 1;
+    const int out_w = (k.w + 2 * k.pad - (k.size - 1) * k.dilation - 1) / k.stride + 1;
+    const ConvShape shape = {k.batch, k.c, k.h, k.w, k.filters, out_h, out_w, k.size, k.stride, k.pad,
+                             k.dilation, k.groups, false, k.iq > 0 ? 1 : -1, true};
+    const int cpg = k.c / k.groups, fpg = k.filters / k.groups, K = cpg * k.size * k.size, N = out_h * out_w;
+    const size_t inputs = (size_t)k.c * k.h * k.w;
+    std::vector<Ftype> w = random_halves((size_t)k.filters * K, -0.5f, 0.5f);
+    std::vector<Ftype> x = random_halves(inputs * k.batch, -2 * std::fabs(k.iq), 2 * std::fabs(k.iq));
+    if (k.extreme) {  // every weight +-127, every input 254 (unsigned) or +-127
+      for (Ftype& v : w) v = cpu::f2h(cpu::h2f(v) < 0 ? -0.5f : 0.5f);
+      for (Ftype& v : x) v = cpu::f2h(k.iq > 0 || cpu::h2f(v) >= 0 ? 2.f : -2.f);
+    }
+    const std::vector<Ftype> bias = random_halves(k.filters, -0.5f, 0.5f);
+    ConvPlan* plan = conv_plan_create(h, shape);
+    Buffer<Ftype> wb(h, w), xb(h, x), bb(h, bias), out(h, (size_t)k.pass * k.filters * N);
+    Buffer<signed char> qw(h, w.size());
+    Buffer<char> qin(h, 2 * inputs * k.batch);
+    bool is_unsigned = false;
+    const float qscale = conv_quantize_weights(h, plan, wb, (int)w.size(), qw, &is_unsigned) / 127.f * 0.01f;
+    conv_forward_int8(h, plan, k.pass, xb, k.iq, qin, qw, qscale, bb, out, nullptr);
+    const std::vector<Ftype> dispatched = out.download();
+    cpu::conv_int8_forward_portable(h, shape, k.pass, qin, qw, qscale, bb, out);
+    const std::vector<Ftype> portable = out.download();
+    conv_plan_destroy(h, plan);
+
+    const signed char* q = qw.get();
+    const unsigned char* plain = reinterpret_cast<const unsigned char*>(qin.get()) + inputs * k.batch;
+    int mismatches = 0;
+    for (int b = 0; b < k.pass; ++b)
+      for (int f = 0; f < k.filters; ++f)
+        for (int p = 0; p < N; ++p) {
+          const int g = f / fpg, oy = p / out_w, ox = p % out_w;
+          int64_t sum = 0;
+          for (int c = 0; c < cpg; ++c)
+            for (int ky = 0; ky < k.size; ++ky)
+              for (int kx = 0; kx < k.size; ++kx) {
+                const int iy = oy * k.stride - k.pad + ky * k.dilation, ix = ox * k.stride - k.pad + kx * k.dilation;
+                if (iy < 0 || iy >= k.h || ix < 0 || ix >= k.w) continue;
+                const unsigned char byte = plain[b * inputs + ((size_t)(g * cpg + c) * k.h + iy) * k.w + ix];
+                sum += (k.iq > 0 ? (int)byte : (int)(signed char)byte) * q[((size_t)f * cpg + c) * k.size * k.size +
+                                                                            ky * k.size + kx];
+              }
+          ASSERT_LT(std::llabs(sum), 1LL << 31);
+          const uint16_t want = cpu::f2h(qscale * (float)sum + cpu::h2f(bias[f])).__x;
+          const size_t at = ((size_t)b * k.filters + f) * N + p;
+          mismatches += dispatched[at].__x != want || portable[at].__x != want;
+        }
+    EXPECT_EQ(mismatches, 0) << k.c << " channels, " << k.filters << " filters, groups " << k.groups << ", stride "
+                             << k.stride << ", iq " << k.iq
+                             << (cpu::conv_int8_dot_products() ? " (dot products)" : " (portable)");
+  }
+  destroy_handle(&ctx);
 }
 
 // A large batch must not choose an algorithm whose workspace the network then refuses.

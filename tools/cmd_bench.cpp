@@ -1,5 +1,8 @@
 // orva bench: per-layer times and frames per second of a model on one backend, and on the
 // host how fast each layer runs against what the machine allows.
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <tbb/task_arena.h>
 
 #include <algorithm>
@@ -50,6 +53,38 @@ __attribute__((target("avx2,fma"))) double fma_chains_x86(long rounds) {
   ORVA_FMA_CHAINS(f8, 8, fma8)
 }
 #endif
+
+#if defined(__x86_64__)
+// Twelve independent chains of 512-bit 8-bit dot products (vpdpbusd: 64 multiply-adds each,
+// counted as 128 operations), the 8-bit path's peak on one core.
+__attribute__((target("avx512f,avx512vnni"))) double dot_chains(long rounds) {
+  const __m512i b = _mm512_set1_epi32(0x01010101), c = _mm512_set1_epi32(0x01FF01FF);
+  __m512i a[12];
+  for (__m512i& v : a) v = _mm512_setzero_si512();
+  const auto t0 = Clock::now();
+  for (long r = 0; r < rounds; ++r)
+#pragma GCC unroll 12
+    for (__m512i& v : a) v = _mm512_dpbusd_epi32(v, b, c);
+  const double s = seconds_since(t0);
+  __m512i sum = a[0];
+  for (int k = 1; k < 12; ++k) sum = _mm512_add_epi32(sum, a[k]);
+  alignas(64) int lanes[16];
+  _mm512_store_si512(lanes, sum);
+  volatile int sink = 0;
+  for (int k = 0; k < 16; ++k) sink = sink + lanes[k];
+  return rounds * 12.0 * 64 * 2 / s;
+}
+#endif
+
+// 8-bit operations per second of one core with the dot-product instructions, 0 without them.
+double core_dot_peak() {
+  double best = 0;
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512vnni"))
+    for (int run = 0; run < 20; ++run) best = std::max(best, dot_chains(1000000));
+#endif
+  return best;
+}
 
 // Float operations per second of one core, the best of many short runs (on a loaded machine
 // some of them run undisturbed).
@@ -117,6 +152,10 @@ int cmd_bench(int argc, char** argv) {
     bandwidth = memory_bandwidth();
     printf("floor: %.1f GFLOP/s (%d x %.1f, float multiply-adds) or %.1f GB/s (memcpy), whichever is slower\n",
            peak * 1e-9, cores, peak * 1e-9 / cores, bandwidth * 1e-9);
+    const double dot_peak = o.quant ? core_dot_peak() : 0.0;
+    if (dot_peak > 0)
+      printf("8-bit layers: %.1f GOP/s (%d x %.1f, 512-bit dot products; the floor column stays the float one)\n",
+             dot_peak * cores * 1e-9, cores, dot_peak * 1e-9);
   }
   std::vector<std::vector<double>> layer_ms;
   std::vector<double> fps;

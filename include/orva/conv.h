@@ -52,6 +52,10 @@ void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delt
 // 8-bit pass reads; returns the weight threshold and sets *is_unsigned.
 float conv_quantize_weights(void* handle, ConvPlan* plan, Ftype* weight, int n, signed char* qweight,
                             bool* is_unsigned);
+// The deepest filter (in_c / groups x size x size weights) the convolution layer runs in 8 bits:
+// up to there a sum of products of unsigned input bytes (0..254) and weights (-127..127) stays
+// inside 32 bits, (2^31 - 1) / (254 x 127) = 66572.
+constexpr int kConvInt8MaxDepth = 66572;
 // 8-bit pass: quantises the input with iqthresh (> 0 unsigned, < 0 signed) into qinput (two halves of
 // batch * inputs bytes each), then output = qscale * conv(qinput, qweight) + bias.
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, Ftype* input, float iqthresh, char* qinput,

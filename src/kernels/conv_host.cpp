@@ -1,8 +1,7 @@
 // Host convolution. Forward: float products of the widened weights and column panels that are
 // gathered and widened straight from the image (no half column matrix in memory), one
 // rounding per output element, like the device. Backward: dilated im2col / col2im into the
-// network workspace and products through blas_gemm. The 8-bit pass accumulates exact integer
-// products as the device does.
+// network workspace and products through blas_gemm. The 8-bit pass is in conv_int8_host.cpp.
 #include <cblas.h>
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -19,6 +18,7 @@
 #include "base/error.h"
 #include "backend/backend.h"
 #include "kernels/conv_kernel.h"
+#include "kernels/conv_int8_host.h"
 #include "kernels/half_lanes.h"
 #include "kernels/half_math.h"
 #include "orva/gemm.h"
@@ -293,6 +293,7 @@ class HostConvPlan : public ConvPlan {
   bool wino_packed = false;  // wino_u as packed blocks for packed_product, else plain matrices
   std::vector<Ftype> wino_source;
   const Ftype* wino_from = nullptr;
+  Int8Filters int8;
 };
 
 bool takes_winograd(const ConvShape& s) {
@@ -568,6 +569,7 @@ ConvPlan* conv_plan_create(void* handle, const ConvShape& s) {
     plan->wino_u.resize((size_t)16 * (plan->wino_packed ? packed_rows(s.out_c) : s.out_c) * s.in_c);
     plan->wino_source.reserve((size_t)9 * s.out_c * s.in_c);
   }
+  if (s.int8) conv_int8_prepare(plan->int8, s);
   // Only the backward passes use a column matrix; the forward pass gathers its panels into
   // the backend's scratch.
   plan->workspace_bytes = s.train && !reads_image_directly(s) ? col_elements(s) * sizeof(Ftype) : 0;
@@ -980,59 +982,14 @@ void conv_backward_data(void* handle, ConvPlan* plan, Ftype* weight, Ftype* delt
     }
 }
 
-// The host reads the plain filter layout; only the device packs four channels together.
-void conv_repack_int8(void* handle, ConvPlan* plan, signed char* qweight) {}
+void conv_repack_int8(void* handle, ConvPlan* plan, signed char* qweight) {
+  conv_int8_repack(static_cast<HostConvPlan*>(plan)->int8, plan->shape, qweight);
+}
 
 void conv_forward_int8(void* handle, ConvPlan* plan, int batch, char* qinput, signed char* qweight, float qscale,
                        Ftype* bias, Ftype* output, void* workspace) {
-  const ConvShape& s = plan->shape;
-  const int cpg = s.in_c / s.groups, fpg = s.out_c / s.groups;
-  const int K = cpg * s.size * s.size, N = s.out_h * s.out_w;
-  const size_t inputs = (size_t)s.in_c * s.in_h * s.in_w;
-  const unsigned char* plain = reinterpret_cast<unsigned char*>(qinput) + inputs * s.batch;
-  ORVA::Backend* backend = ORVA::backend_of(handle);
-  int32_t* col = static_cast<int32_t*>(backend->scratch(0, (size_t)K * N * sizeof(int32_t)));
-  const bool is_unsigned = s.int8 > 0;
-  for (int b = 0; b < batch; ++b)
-    for (int g = 0; g < s.groups; ++g) {
-      const unsigned char* im = plain + ((size_t)b * s.in_c + (size_t)g * cpg) * s.in_h * s.in_w;
-      tbb::parallel_for(tbb::blocked_range<int>(0, K), [&](const tbb::blocked_range<int>& r) {
-        for (int row = r.begin(); row != r.end(); ++row) {
-          const int kx = row % s.size, ky = (row / s.size) % s.size, c = row / s.size / s.size;
-          const unsigned char* plane = im + (size_t)c * s.in_h * s.in_w;
-          int32_t* dst = col + (size_t)row * N;
-          for (int y = 0; y < s.out_h; ++y) {
-            const int iy = y * s.stride - s.pad + ky * s.dilation;
-            for (int x = 0; x < s.out_w; ++x) {
-              const int ix = x * s.stride - s.pad + kx * s.dilation;
-              int32_t v = 0;
-              if (iy >= 0 && iy < s.in_h && ix >= 0 && ix < s.in_w) {
-                const unsigned char byte = plane[iy * s.in_w + ix];
-                v = is_unsigned ? (int32_t)byte : (int32_t)(signed char)byte;
-              }
-              dst[y * s.out_w + x] = v;
-            }
-          }
-        }
-      });
-      tbb::parallel_for(tbb::blocked_range<int>(0, fpg), [&](const tbb::blocked_range<int>& r) {
-        std::vector<int32_t> acc(N);
-        for (int fl = r.begin(); fl != r.end(); ++fl) {
-          const int f = g * fpg + fl;
-          const signed char* w = qweight + (size_t)f * K;
-          std::fill(acc.begin(), acc.end(), 0);
-          for (int k = 0; k < K; ++k) {
-            const int32_t wk = w[k];
-            if (!wk) continue;
-            const int32_t* src = col + (size_t)k * N;
-            for (int p = 0; p < N; ++p) acc[p] += wk * src[p];
-          }
-          const float bf = h2f(bias[f]);
-          Ftype* out = output + ((size_t)b * s.out_c + f) * N;
-          for (int p = 0; p < N; ++p) out[p] = f2h(qscale * (float)acc[p] + bf);
-        }
-      });
-    }
+  conv_int8_forward(handle, plan->shape, static_cast<HostConvPlan*>(plan)->int8, batch, qinput, qweight, qscale, bias,
+                    output);
 }
 
 }  // namespace cpu

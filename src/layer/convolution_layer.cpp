@@ -246,8 +246,9 @@ void ConvolutionLayer::_makeLayer(bool quant, bool fast) {
   delete old_bn;
 
   // The 8-bit layouts pack channels in fours, and the filters of a group hold in_c / groups
-  // of them.
-  if (_in_c % 4 || (_in_c / _groups) % 4) _iqthresh_init = 0;
+  // of them; deeper filters than kConvInt8MaxDepth could leave the 32-bit sums.
+  if (_in_c % 4 || (_in_c / _groups) % 4 || (long long)(_in_c / _groups) * _size * _size > kConvInt8MaxDepth)
+    _iqthresh_init = 0;
   const int int8 = (quant && _iqthresh_init != 0) ? (_iqthresh_init > 0 ? 1 : -1) : 0;
   const ConvShape shape = {_batch, _in_c, _in_h, _in_w, _out_c, _out_h, _out_w, _size,
                            _stride, _pad, _dilation, _groups, mode != 0, int8, fast};
