@@ -23,9 +23,12 @@ using Clock = std::chrono::steady_clock;
 double seconds_since(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
 
 // Twelve independent multiply-add chains of one vector each: enough in flight to fill every
-// FMA pipe of one core, so the rate is the core's float peak (a multiply-add counts two).
+// FMA pipe of one core, so the rate is the core's float peak (a multiply-add counts two). The
+// chains start from different values: chains that start alike are one chain to the compiler,
+// which then times two latency-bound chains and reports six times the rate.
 #define ORVA_FMA_CHAINS(V, LANES, FMA)                                                        \
-  V a0 = b, a1 = c, a2 = b, a3 = c, a4 = b, a5 = c, a6 = b, a7 = c, a8 = b, a9 = c, a10 = b, a11 = c; \
+  V a0 = c * 1, a1 = c * 2, a2 = c * 3, a3 = c * 4, a4 = c * 5, a5 = c * 6, a6 = c * 7, a7 = c * 8; \
+  V a8 = c * 9, a9 = c * 10, a10 = c * 11, a11 = c * 12;                                      \
   const auto t0 = Clock::now();                                                               \
   for (long r = 0; r < rounds; ++r) {                                                         \
     a0 = FMA(a0, b, c), a1 = FMA(a1, b, c), a2 = FMA(a2, b, c), a3 = FMA(a3, b, c);           \
@@ -60,7 +63,7 @@ __attribute__((target("avx2,fma"))) double fma_chains_x86(long rounds) {
 __attribute__((target("avx512f,avx512vnni"))) double dot_chains(long rounds) {
   const __m512i b = _mm512_set1_epi32(0x01010101), c = _mm512_set1_epi32(0x01FF01FF);
   __m512i a[12];
-  for (__m512i& v : a) v = _mm512_setzero_si512();
+  for (int k = 0; k < 12; ++k) a[k] = _mm512_set1_epi32(k);  // distinct, as above
   const auto t0 = Clock::now();
   for (long r = 0; r < rounds; ++r)
 #pragma GCC unroll 12
