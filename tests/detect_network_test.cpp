@@ -227,6 +227,32 @@ TEST_P(DetectNetworkTest, AnalyticDetectorSingleAndBatch) {
   EXPECT_EQ(cv::countNonZero(map), lit);
 }
 
+// Yolo networks suppress class by class: on the one red cell both anchors give the same
+// 8 x 8 box, anchor 0 as class 0 and anchor 1 as class 1, and both boxes stay.
+TEST(DetectNetworkYolo, OverlappingBoxesOfOtherClassesStay) {
+  const std::string cfg = temp_path("yolo_detector.cfg");
+  write_file(cfg, "[network]\nwidth=16\nheight=12\nchannels=3\n[convolution]\nfilters=14\nsize=1\nactivation=linear\n"
+                  "[yolo]\nmask=0,1\nanchors=8,8, 8,8\nnum=2\nclasses=2\n");
+  ORVA::DetectNetwork net(ORVA::TEST, 1, -1);
+  ASSERT_EQ(net.load(cfg.c_str(), nullptr), 0);
+  std::vector<float> w(14 * 3, 0.f), b(14, 0.f);
+  for (int n = 0; n < 2; ++n) {
+    w[(n * 7 + 4) * 3 + 0] = 8.f;  // objectness logistic(8 x red - 4)
+    b[n * 7 + 4] = -4.f;
+    b[n * 7 + 5 + n] = 4.f, b[n * 7 + 6 - n] = -4.f;
+  }
+  push(net.getHandle(), conv_at(net, 0)->_weight, to_halves(w));
+  push(net.getHandle(), conv_at(net, 0)->_bias, to_halves(b));
+  cv::Mat frame(kH, kW, CV_8UC3, cv::Scalar(0, 0, 0));
+  frame.at<cv::Vec3b>(5, 7) = cv::Vec3b(0, 0, 255);
+  cv::Size size(kW, kH);
+  ORVA::DetectObjList objs;
+  ASSERT_NE(net.detect(objs, frame, size, 0.3f, 0.45f), nullptr);
+  ASSERT_EQ(objs.size(), 2u);
+  EXPECT_NE(objs[0].cid, objs[1].cid);
+  EXPECT_EQ(objs[0].bbox, objs[1].bbox);
+}
+
 INSTANTIATE_TEST_SUITE_P(Backends, DetectNetworkTest, ::testing::ValuesIn(test_backends()), backend_param_name);
 
 // ---- Classification ------------------------------------------------------------------------
