@@ -53,11 +53,18 @@
 #include <vector>
 
 #include "darknet.h"
+#include "tfjs.h"
 #include "layer/convolution_layer.h"
+#include "layer/activation_layer.h"
+#include "layer/attention_layer.h"
+#include "layer/centernet_layer.h"
 #include "layer/maxpool_layer.h"
+#include "layer/resize_layer.h"
 #include "layer/route_layer.h"
+#include "layer/shortcut_layer.h"
 #include "layer/upsizenn_layer.h"
 #include "layer/yolo_layer.h"
+#include "kernels/tensor.h"
 #include "orva/float16.h"
 #include "orva/orva.h"
 #include "yolo_families.h"
@@ -104,6 +111,10 @@ struct PeerModel {
   // A network written in the dialect (bench/yolo_families.h) instead of the layer list: both
   // engines run it whole, heads included, and the top head's decoded rows are compared.
   std::string (*darknet)(int w, int h) = nullptr;
+  // A TF.js graph (weights_from) converted by the engine's importer: the host runs the
+  // result, ONNX Runtime the exported description up to the head's input; OpenCV has no form.
+  bool tfjs = false;
+  std::shared_ptr<orvacli::ConvertedModel> converted;
 };
 
 std::vector<PeerModel> networks() {
@@ -139,6 +150,9 @@ std::vector<PeerModel> networks() {
        "models/face.orva"},
       // YOLOv4-tiny: grouped routes, stride-1 pools, upsampling and two yolo heads; 80 classes.
       {"yolov4-tiny", 416, 416, 3, {}, "", yolo_families::tiny_v4},
+      // The people detector of scripts/run.sh: CenterNet from TF.js, its own weights; the
+      // input size is the graph's.
+      {"people", 0, 0, 3, {}, "models/human-models/centernet.json", nullptr, true},
   };
 }
 
@@ -282,6 +296,7 @@ struct Options {
   std::string network;
   int batch = 0, threads = 0;
   std::string face_model = "models/face.orva";
+  std::string people_model = "models/human-models/centernet.json";
   bool ort = true;
   int settle_ms = 50;
   bool int8 = false;  // the host runs the convolutions' 8-bit paths
@@ -320,22 +335,37 @@ std::string host8_cfg(const std::string& dir, int batch) { return dir + "/host8_
 
 // ---- float64 reference of the network as the engine holds it ----
 
-// Layer by layer from the engine's own loaded weights (half, normalisation folded); only
-// convolutions and max-pools with the activations the bench networks use. Empty when the
-// network has another layer. With iq, each convolution's input threshold for the 8-bit
+// The activations the reference knows, by id: none, linear, leaky (half slope), logistic,
+// relu, hard-swish and hard-sigmoid.
+bool known_activation(int id) { return id == -1 || id == 3 || id == 7 || id == 0 || id == 1 || id == 17 || id == 18; }
+double activate(int id, double v) {
+  static const double kLeaky = half2float_cpu(float2half_cpu(0.1f));
+  const double gate = std::min(std::max(v + 3, 0.0), 6.0) / 6;
+  switch (id) {
+    case 7: return v > 0 ? v : v * kLeaky;
+    case 0: return 1 / (1 + std::exp(-v));
+    case 1: return std::max(v, 0.0);
+    case 17: return v * gate;
+    case 18: return gate;
+    default: return v;
+  }
+}
+
+// Layer by layer from the engine's own loaded weights (half, normalisation folded): the
+// layers and activations the bench networks use; a network with yolo or centernet heads
+// gives its heads' inputs, item by item. Empty when the network has another layer. With iq, each convolution's input threshold for the 8-bit
 // path: its largest input magnitude, negative (signed bytes) where an input is negative.
 std::vector<double> reference(ORVA::Network& net, const std::vector<float>& input, int batch,
                               std::vector<float>* iq = nullptr) {
   std::vector<double> x(input.size());
   for (size_t i = 0; i < x.size(); ++i) x[i] = half2float_cpu(float2half_cpu(input[i]));
-  static const float kLeaky = half2float_cpu(float2half_cpu(0.1f));
   std::vector<std::vector<double>> kept(net.getLayerCount());  // every layer's output, for routes
   std::vector<int> heads;                                       // the layers feeding yolo heads
   for (int li = 0; li < net.getLayerCount(); ++li) {
     ORVA::Layer* l = net.getLayer(li);
     const int iw = l->_in_w, ih = l->_in_h, ic = l->_in_c, ow = l->_out_w, oh = l->_out_h, oc = l->_out_c;
     std::vector<double> y((size_t)batch * oc * oh * ow);
-    if (dynamic_cast<ORVA::YoloLayer*>(l)) {  // the comparison stops at the heads' inputs
+    if (dynamic_cast<ORVA::YoloLayer*>(l) || dynamic_cast<ORVA::CenternetLayer*>(l)) {  // compared up to the heads' inputs
       if (li == 0) return {};
       heads.push_back(li - 1);
       y = x;
@@ -349,6 +379,40 @@ std::vector<double> reference(ORVA::Network& net, const std::vector<float>& inpu
           std::copy(from, from + part, &y[at]);
           at += part;
         }
+    } else if (auto* a = dynamic_cast<ORVA::ActivationLayer*>(l)) {
+      if (!known_activation(a->_acttype)) return {};
+      for (size_t i = 0; i < y.size(); ++i) y[i] = activate(a->_acttype, x[i]);
+    } else if (auto* sc = dynamic_cast<ORVA::ShortcutLayer*>(l)) {
+      if (sc->_from < 0 || kept[sc->_from].size() != x.size() || !known_activation(sc->_acttype)) return {};
+      for (size_t i = 0; i < y.size(); ++i)
+        y[i] = activate(sc->_acttype, (double)sc->_alpha * x[i] + (double)sc->_beta * kept[sc->_from][i]);
+    } else if (auto* at = dynamic_cast<ORVA::AttentionLayer*>(l)) {  // one factor per channel
+      const std::vector<double>& features = kept[at->_from];
+      if (features.size() != y.size() || x.size() != (size_t)batch * oc) return {};
+      for (size_t i = 0; i < y.size(); ++i) y[i] = features[i] * x[i / ((size_t)oh * ow)];
+    } else if (auto* rs = dynamic_cast<ORVA::ResizeLayer*>(l)) {  // bilinear
+      auto source = [&](int d, int n, int m, int& lo, int& hi, double& frac) {
+        const double v = rs->_rule == kResizeAlignCorners ? (m > 1 ? (double)d * (n - 1) / (m - 1) : 0.0)
+                         : rs->_rule == kResizeHalfPixel  ? (d + 0.5) * n / m - 0.5
+                                                          : (double)d * n / m;
+        const double f = std::floor(v);
+        lo = std::max((int)f, 0), hi = std::min((int)std::ceil(v), n - 1), frac = v - f;
+      };
+      for (int nc = 0; nc < batch * oc; ++nc)
+        for (int oy = 0; oy < oh; ++oy) {
+          int y0, y1;
+          double ty;
+          source(oy, ih, oh, y0, y1, ty);
+          for (int ox = 0; ox < ow; ++ox) {
+            int x0, x1;
+            double tx;
+            source(ox, iw, ow, x0, x1, tx);
+            const double* in = &x[(size_t)nc * ih * iw];
+            const double top = in[y0 * iw + x0] + (in[y0 * iw + x1] - in[y0 * iw + x0]) * tx;
+            const double bottom = in[y1 * iw + x0] + (in[y1 * iw + x1] - in[y1 * iw + x0]) * tx;
+            y[((size_t)nc * oh + oy) * ow + ox] = top + (bottom - top) * ty;
+          }
+        }
     } else if (auto* u = dynamic_cast<ORVA::UpsizennLayer*>(l)) {
       for (int nc = 0; nc < batch * oc; ++nc)
         for (int oy = 0; oy < oh; ++oy)
@@ -360,7 +424,7 @@ std::vector<double> reference(ORVA::Network& net, const std::vector<float>& inpu
         for (double v : x) lo = std::min(lo, v), hi = std::max(hi, std::fabs(v));
         iq->push_back(lo < 0 ? -(float)hi : (float)hi);
       }
-      if (c->_acttype != -1 && c->_acttype != 3 && c->_acttype != 7) return {};
+      if (!known_activation(c->_acttype)) return {};
       std::vector<float> w(c->_weights), b(c->_kn);
       half2float_cpu(w.data(), c->_weight, w.size());
       half2float_cpu(b.data(), c->_bias, b.size());
@@ -388,8 +452,7 @@ std::vector<double> reference(ORVA::Network& net, const std::vector<float>& inpu
         }
         if (c->_acttype == -1) return;  // no activation: the engine adds no bias either
         for (int i = 0; i < oh * ow; ++i) {
-          const double v = out[i] + b[f];
-          out[i] = c->_acttype == 7 && v <= 0 ? v * kLeaky : v;
+          out[i] = activate(c->_acttype, out[i] + b[f]);
         }
       });
     } else if (auto* m = dynamic_cast<ORVA::MaxpoolLayer*>(l)) {
@@ -475,7 +538,8 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
       fail("the host backend did not load " + cfg);
     std::vector<ORVA::Layer*> heads;  // the layers feeding the yolo heads
     for (int i = 1; dialect && i < net->getLayerCount(); ++i)
-      if (dynamic_cast<ORVA::YoloLayer*>(net->getLayer(i))) heads.push_back(net->getLayer(i - 1));
+      if (dynamic_cast<ORVA::YoloLayer*>(net->getLayer(i)) || dynamic_cast<ORVA::CenternetLayer*>(net->getLayer(i)))
+        heads.push_back(net->getLayer(i - 1));
     pass = [&, heads] {
       float* o = nullptr;
       arena.execute([&] { o = net->predict(input.data(), batch); });
@@ -483,7 +547,7 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
         out.assign(o, o + (size_t)net->getOutputs() * batch);
         return;
       }
-      rows = yolo_rows(*net, o, batch);
+      if (dynamic_cast<ORVA::YoloLayer*>(net->getOutputLayer())) rows = yolo_rows(*net, o, batch);
       out.clear();
       for (int n = 0; n < batch; ++n)
         for (ORVA::Layer* h : heads) {
@@ -619,6 +683,7 @@ bool ort_available(std::string& why) {
 struct Prepared {
   std::string dir;
   bool onnx = false;
+  bool opencv = true;       // false where OpenCV reads no form of the network
   bool dialect = false;     // the reference ends at the yolo heads' inputs; OpenCV is compared on decoded rows
   std::vector<double> ref;  // batch 4, empty without one
   size_t per_image = 0;
@@ -644,24 +709,31 @@ bool prepare(const PeerModel& model, const std::string& model_weights, bool want
   for (float& v : input) v = pixel(rng);
   write_floats(p.dir + "/input.f32", input.data(), input.size());
   write_text(p.dir + "/shape", std::to_string(model.c) + " " + std::to_string(model.h) + " " + std::to_string(model.w));
-  if (model.darknet) {
-    std::string dcfg = peer_cfg(p.dir, 1);
-    write_text(dcfg, model.darknet(model.w, model.h));
-    write_text(peer_cfg(p.dir, 4), model.darknet(model.w, model.h));
+  if (model.darknet || model.converted) {
     try {
-      const auto sections = orvacli::readDarknetCfg(dcfg);
-      const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
-      const std::vector<unsigned char> bytes =
-          yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
-      FILE* f = fopen(weights.c_str(), "wb");
-      if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) throw std::runtime_error("cannot write " + weights);
-      fclose(f);
-      const orvacli::ConvertedModel m = orvacli::darknetToEngine(sections, dcfg, &bytes, weights);
+      orvacli::ConvertedModel m;
+      if (model.converted) {
+        m = *model.converted;
+        p.opencv = false;
+      } else {
+        std::string dcfg = peer_cfg(p.dir, 1);
+        write_text(dcfg, model.darknet(model.w, model.h));
+        write_text(peer_cfg(p.dir, 4), model.darknet(model.w, model.h));
+        const auto sections = orvacli::readDarknetCfg(dcfg);
+        const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
+        const std::vector<unsigned char> bytes =
+            yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
+        FILE* f = fopen(weights.c_str(), "wb");
+        if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size())
+          throw std::runtime_error("cannot write " + weights);
+        fclose(f);
+        m = orvacli::darknetToEngine(sections, dcfg, &bytes, weights);
+      }
       orvacli::writeModel(m, p.dir + "/net.orva");
       // the engine's description and weights-only file of the same network, for the exporter
       write_text(p.dir + "/engine.cfg", m.cfg);
       const std::vector<unsigned char> records = orvacli::weightsOnlyFile(m);
-      f = fopen((p.dir + "/engine.weights").c_str(), "wb");
+      FILE* f = fopen((p.dir + "/engine.weights").c_str(), "wb");
       if (!f || fwrite(records.data(), 1, records.size(), f) != records.size())
         throw std::runtime_error("cannot write " + p.dir + "/engine.weights");
       fclose(f);
@@ -713,40 +785,45 @@ void print_cell(double v, const char* fmt, int width) {
 
 bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, const Options& opt) {
   const std::string self = self_path(), b = std::to_string(batch), t = std::to_string(threads);
-  std::vector<std::unique_ptr<Child>> engines;
-  engines.emplace_back(new Child("host", {self, "--worker", opt.int8 ? "host8" : "host", p.dir, b, t}));
-  engines.emplace_back(new Child("opencv", {self, "--worker", "opencv", p.dir, b, t}));
+  // slots: host, OpenCV, ONNX Runtime; an engine without a form of the network is left empty
+  std::vector<std::unique_ptr<Child>> engines(3);
+  engines[0].reset(new Child("host", {self, "--worker", opt.int8 ? "host8" : "host", p.dir, b, t}));
+  if (p.opencv) engines[1].reset(new Child("opencv", {self, "--worker", "opencv", p.dir, b, t}));
   if (p.onnx)
-    engines.emplace_back(new Child("ort", {"node", ORVA_BENCH_DIR "/ort_time.js", p.dir + "/net.onnx",
-                                           p.dir + "/input.f32", b, std::to_string(model.c), std::to_string(model.h),
-                                           std::to_string(model.w), t}));
-  for (auto& e : engines)
-    if (e->read() != "ready") fail(e->name() + " did not start");
+    engines[2].reset(new Child("ort", {"node", ORVA_BENCH_DIR "/ort_time.js", p.dir + "/net.onnx",
+                                       p.dir + "/input.f32", b, std::to_string(model.c), std::to_string(model.h),
+                                       std::to_string(model.w), t}));
+  std::vector<size_t> present;
+  for (size_t e = 0; e < engines.size(); ++e)
+    if (engines[e]) {
+      present.push_back(e);
+      if (engines[e]->read() != "ready") fail(engines[e]->name() + " did not start");
+    }
   std::vector<std::vector<double>> ms(engines.size());
   for (int r = 0; r < opt.warmup + opt.passes; ++r)
-    for (size_t k = 0; k < engines.size(); ++k) {
-      const size_t e = (k + r) % engines.size();
+    for (size_t k = 0; k < present.size(); ++k) {
+      const size_t e = present[(k + r) % present.size()];
       std::this_thread::sleep_for(std::chrono::milliseconds(opt.settle_ms));
       const double v = atof(engines[e]->ask("run").c_str());
       if (r >= opt.warmup) ms[e].push_back(v);
     }
   // distances: to the float64 reference where there is one, else host against OpenCV
-  std::vector<std::vector<float>> outs;
+  std::vector<std::vector<float>> outs(engines.size());
   std::vector<float> host_rows;
-  for (auto& e : engines) {
-    const std::string path = p.dir + "/" + e->name() + ".out";
-    e->ask("save " + path);
-    outs.push_back(read_floats(path));
+  for (size_t e : present) {
+    const std::string path = p.dir + "/" + engines[e]->name() + ".out";
+    engines[e]->ask("save " + path);
+    outs[e] = read_floats(path);
     remove(path.c_str());
-    if (p.dialect && e->name() == "host") {
+    if (p.dialect && p.opencv && e == 0) {
       host_rows = read_floats(path + ".rows");
       remove((path + ".rows").c_str());
     }
   }
   std::vector<double> dist(3, NAN);
   bool ok = true;
-  for (size_t e = 0; e < engines.size(); ++e) {
-    if (p.dialect && engines[e]->name() == "opencv") {  // decoded rows against the host's
+  for (size_t e : present) {
+    if (p.dialect && e == 1) {  // decoded rows against the host's
       if (outs[e].size() != host_rows.size()) {
         fprintf(stderr, "%s: OpenCV gives %zu values, the host %zu\n", model.name, outs[e].size(), host_rows.size());
         return false;
@@ -760,7 +837,7 @@ bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, 
         return false;
       }
       dist[e] = relative_l2(outs[e].data(), p.ref.data(), n);
-    } else if (e == 0) {
+    } else if (e == 0 && engines[1]) {
       if (outs[0].size() != outs[1].size()) {
         fprintf(stderr, "%s: OpenCV gives %zu values, the host %zu\n", model.name, outs[1].size(), outs[0].size());
         return false;
@@ -771,15 +848,16 @@ bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, 
     const double bound = opt.int8 && e == 0 ? 1e-1 : 1e-2;
     if (!std::isnan(dist[e]) && !(dist[e] < bound)) ok = false;
   }
-  std::vector<Stats> st;
-  for (auto& m : ms) st.push_back(stats(m));
   const double nan = NAN;
-  printf("%-12s %5d %3d  %8.2f %8.2f  %8.2f %8.2f", model.name, batch, threads, st[0].min_ms, st[0].median_ms,
-         st[1].min_ms, st[1].median_ms);
-  print_cell(st.size() > 2 ? st[2].min_ms : nan, " %8.2f", 8);
-  print_cell(st.size() > 2 ? st[2].median_ms : nan, " %8.2f", 8);
-  printf("  %6.2f", st[0].median_ms / st[1].median_ms);
-  print_cell(st.size() > 2 ? st[0].median_ms / st[2].median_ms : nan, " %6.2f", 6);
+  std::vector<Stats> st;
+  for (auto& m : ms) st.push_back(m.empty() ? Stats{nan, nan} : stats(m));
+  printf("%-12s %5d %3d  %8.2f %8.2f ", model.name, batch, threads, st[0].min_ms, st[0].median_ms);
+  for (int e : {1, 2}) {
+    print_cell(st[e].min_ms, " %8.2f", 8);
+    print_cell(st[e].median_ms, " %8.2f", 8);
+  }
+  printf(" ");
+  for (int e : {1, 2}) print_cell(st[0].median_ms / st[e].median_ms, " %6.2f", 6);
   for (double d : dist) print_cell(d, " %9.2e", 9);
   printf("%s\n", ok ? "" : "  OUTPUTS DIFFER");
   fflush(stdout);
@@ -813,12 +891,13 @@ int main(int argc, char** argv) {
     else if (key == "--batch") opt.batch = atoi(value);
     else if (key == "--threads") opt.threads = atoi(value);
     else if (key == "--face-model") opt.face_model = value;
+    else if (key == "--people-model") opt.people_model = value;
     else if (key == "--settle") opt.settle_ms = std::max(0, atoi(value));
     else opt.passes = -1;
     if (opt.passes < 0) {
       fprintf(stderr,
               "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE] "
-              "[--settle MS] [--no-ort] [--int8] [--keep]\n",
+              "[--people-model FILE] [--settle MS] [--no-ort] [--int8] [--keep]\n",
               argv[0]);
       return 2;
     }
@@ -835,16 +914,39 @@ int main(int argc, char** argv) {
          "host med", "cv min", "cv med", "ort min", "ort med", "h/cv", "h/ort", "L2 host", "L2 cv", "L2 ort");
   for (PeerModel& model : networks()) {
     if (!opt.network.empty() && opt.network != model.name) continue;
-    if (!model.weights_from.empty()) model.weights_from = opt.face_model;
+    if (model.tfjs) {
+      model.weights_from = opt.people_model;
+      if (!exists(model.weights_from)) {
+        printf("# %s: left out (%s not found; scripts/setup.sh fetches it)\n", model.name, model.weights_from.c_str());
+        continue;
+      }
+      try {
+        model.converted = std::make_shared<orvacli::ConvertedModel>(orvacli::tfjsToEngine(model.weights_from));
+        ORVA::Network shape(ORVA::TEST, 1, -1);
+        model.converted->seen = 0;
+        const std::string probe = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid()) + ".orva";
+        orvacli::writeModel(*model.converted, probe);
+        shape.load(probe.c_str());
+        remove(probe.c_str());
+        model.w = shape.iW, model.h = shape.iH, model.c = shape.iC;
+      } catch (const std::exception& e) {
+        fprintf(stderr, "%s: %s: %s\n", model.name, model.weights_from.c_str(), e.what());
+        ok = false;
+        continue;
+      }
+      printf("# %s: %s, %d x %d x %d\n", model.name, model.weights_from.c_str(), model.w, model.h, model.c);
+    } else if (!model.weights_from.empty()) {
+      model.weights_from = opt.face_model;
+    }
     std::string copied;
-    if (!model.weights_from.empty() && access(model.weights_from.c_str(), R_OK) == 0) {
+    if (!model.weights_from.empty() && !model.tfjs && access(model.weights_from.c_str(), R_OK) == 0) {
       copied = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid()) + ".model.weights";
       if (!copy_weights(model, copied)) {
         ok = false;
         continue;
       }
       printf("# %s: weights of %s\n", model.name, model.weights_from.c_str());
-    } else if (!model.weights_from.empty()) {
+    } else if (!model.weights_from.empty() && !model.tfjs) {
       printf("# %s: random weights (%s not found)\n", model.name, model.weights_from.c_str());
     }
     Prepared p;

@@ -7,10 +7,11 @@ NET.cfg is the engine's text description and NET.weights a weights-only file wri
 (20-byte header, then per convolution the biases, the normalisation record when
 batch_normalize=1, and the weights, as 32-bit floats). Sections: [convolution], [maxpool]
 (centred=1 too), [route] (channel concatenation; with groups, the group_id-th channel slice
-of each source), [upsample] (nearest, whole stride), [shortcut] (alpha x previous + beta x
-source, then the activation) and [yolo]. A [yolo] head is not exported: its input becomes
-one of the model's outputs ("output0", "output1", ... in head order), and the head's own
-decoding is left to the caller. Without heads the last layer is the one output, "output".
+of each source), [upsample] (nearest, whole stride), [resize] (bilinear), [shortcut] (alpha x
+previous + beta x source of the same shape, then the activation), [attention] (a source's
+features times the previous layer's per-channel factors), [activation], [yolo] and
+[centernet]. A head is not exported: its input becomes one of the model's outputs
+("output0", "output1", ... in head order), and the head's own decoding is left to the caller. Without heads the last layer is the one output, "output".
 The batch dimension of the input "input" (N x C x H x W floats) and of the outputs is
 symbolic unless --batch fixes it. Needs Debian's python3-onnx and python3-numpy.
 
@@ -121,7 +122,7 @@ def activation_nodes(name, x, y, where):
     raise ValueError(f"{where}: activation {name!r} has no ONNX form here")
 
 
-def convert(cfg_path, weights_path, batch=None, opset=13):
+def convert(cfg_path, weights_path, batch=None, opset=14):
     sections = read_cfg(cfg_path)
     net = sections[0][1]
     w = ival(net, "width", 0, "[network]")
@@ -279,7 +280,40 @@ def convert(cfg_path, weights_path, batch=None, opset=13):
             nodes.append(helper.make_node("Add", terms, [sum_out]))
             if sum_out != out:
                 nodes += activation_nodes(act, sum_out, out, where)
-        elif name == "yolo":
+        elif name == "resize":
+            stride = ival(sec, "stride", 2, where)
+            ow, oh = ival(sec, "width", 0, where), ival(sec, "height", 0, where)
+            corners, half_pixel = ival(sec, "align_corners", 0, where), ival(sec, "half_pixel", 0, where)
+            if (ow == 0) != (oh == 0) or min(ow, oh) < 0 or (ow == 0 and stride <= 0) or (corners and half_pixel):
+                raise ValueError(f"{where}: width {ow}, height {oh}, stride {stride}, align_corners {corners}, "
+                                 f"half_pixel {half_pixel}")
+            rule = "align_corners" if corners else "half_pixel" if half_pixel else "asymmetric"
+            if ow == 0:
+                ow, oh = w * stride, h * stride
+                inits.append(numpy_helper.from_array(np.array([1, 1, stride, stride], np.float32), out + "_scales"))
+                inputs = [x, "", out + "_scales"]
+            else:  # the sizes' batch and channels follow the input's
+                inits.append(numpy_helper.from_array(np.array([oh, ow], np.int64), out + "_hw"))
+                for value, tag in ((0, "zero1"), (2, "two1")):
+                    if not any(i.name == tag for i in inits):
+                        inits.append(numpy_helper.from_array(np.array([value], np.int64), tag))
+                nodes.append(helper.make_node("Shape", [x], [out + "_shape"]))
+                nodes.append(helper.make_node("Slice", [out + "_shape", "zero1", "two1"], [out + "_nc"]))
+                nodes.append(helper.make_node("Concat", [out + "_nc", out + "_hw"], [out + "_to"], axis=0))
+                inputs = [x, "", "", out + "_to"]
+            nodes.append(helper.make_node("Resize", inputs, [out], mode="linear", coordinate_transformation_mode=rule))
+            w, h = ow, oh
+        elif name == "attention":  # features of layer `from` times one factor per channel
+            src = ival(sec, "from", 0, where)
+            src = src + index if src < 0 else src
+            if not 0 <= src < index or layers[src] is None or layers[src][1] != c * h * w:
+                raise ValueError(f"{where}: from={src} is not an earlier layer with {c * h * w} channels")
+            nodes.append(helper.make_node("Mul", [layers[src][0], x], [out]))
+            c, h, w = layers[src][1:]
+        elif name == "activation":
+            act = sec.get("activation", "linear")
+            nodes += activation_nodes(act, x, out, where) or [helper.make_node("Identity", [x], [out])]
+        elif name == "yolo" or name == "centernet":
             heads.append((x, c, h, w))
             layers.append(None)  # decoded in the caller
             continue
@@ -310,7 +344,7 @@ def main():
     p.add_argument("weights")
     p.add_argument("out")
     p.add_argument("--batch", type=int, default=0, help="fixed batch size (default: symbolic)")
-    p.add_argument("--opset", type=int, default=13)
+    p.add_argument("--opset", type=int, default=14)
     a = p.parse_args()
     try:
         model = convert(a.cfg, a.weights, a.batch or None, a.opset)
