@@ -18,15 +18,18 @@
 // net.weights) in place and prints its path.
 //
 //   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--int8]
-//              [--face-model FILE] [--settle MS] [--no-ort] [--keep]
+//              [--face-model FILE] [--people-model FILE] [--settle MS] [--no-ort] [--keep]
 //
 // The ONNX Runtime column needs bench/peer_setup.sh (python3-onnx, onnxruntime-node under
 // bench/node_modules); without it the column is left out. The networks go to ONNX through
 // bench/orva_to_onnx.py. The face detector takes the weights of its model file (default
 // models/face.orva, made by scripts/run.sh) when it is there, random ones otherwise.
-// YOLOv4-tiny runs whole in the host and OpenCV (the two yolo heads decode about 0.2 M values,
-// under 1 % of the pass); its ONNX model stops at the heads' inputs, and the host and ONNX
-// Runtime are compared there with the reference, OpenCV's decoded top head with the host's.
+// YOLOv4-tiny runs whole in the host and OpenCV (the host's two yolo heads take about 2 % of
+// its pass); its ONNX model stops at the heads' inputs, and the host and ONNX Runtime are
+// compared there with the reference, OpenCV's decoded top head with the host's. The people
+// detector (--people-model, the TF.js graph of scripts/run.sh, converted by the engine's
+// importer) runs without its centernet head in the host and ONNX Runtime; OpenCV has no form
+// of it.
 //
 // Internal: bench_peer --worker host|opencv DIR BATCH THREADS serves one engine.
 #include <fcntl.h>
@@ -543,7 +546,7 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
     pass = [&, heads] {
       float* o = nullptr;
       arena.execute([&] { o = net->predict(input.data(), batch); });
-      if (!dialect) {
+      if (!dialect || heads.empty()) {
         out.assign(o, o + (size_t)net->getOutputs() * batch);
         return;
       }
@@ -922,8 +925,16 @@ int main(int argc, char** argv) {
       }
       try {
         model.converted = std::make_shared<orvacli::ConvertedModel>(orvacli::tfjsToEngine(model.weights_from));
+        // Without its centernet head (the logistic over the heat maps and, outside the pass, the
+        // peak picking): every engine runs up to the head's input.
+        orvacli::ConvertedModel& m = *model.converted;
+        const size_t head = m.cfg.rfind("[centernet]");
+        if (head != std::string::npos && m.cfg.find('[', head + 1) == std::string::npos && !m.shapes.empty()) {
+          m.cfg.erase(head);
+          m.shapes.pop_back();
+          if (m.origin.size() > m.shapes.size()) m.origin.pop_back();
+        }
         ORVA::Network shape(ORVA::TEST, 1, -1);
-        model.converted->seen = 0;
         const std::string probe = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid()) + ".orva";
         orvacli::writeModel(*model.converted, probe);
         shape.load(probe.c_str());
