@@ -122,7 +122,7 @@ def activation_nodes(name, x, y, where):
     raise ValueError(f"{where}: activation {name!r} has no ONNX form here")
 
 
-def convert(cfg_path, weights_path, batch=None, opset=14):
+def convert(cfg_path, weights_path, batch=None, opset=None):
     sections = read_cfg(cfg_path)
     net = sections[0][1]
     w = ival(net, "width", 0, "[network]")
@@ -333,6 +333,8 @@ def convert(cfg_path, weights_path, batch=None, opset=14):
     graph = helper.make_graph(nodes, "orva", [helper.make_tensor_value_info("input", TensorProto.FLOAT, [n] + shape_in)],
                               [helper.make_tensor_value_info(r[0], TensorProto.FLOAT, [n] + list(r[1:]))
                                for r in results], inits)
+    if opset is None:  # 13 unless HardSwish needs 14
+        opset = 14 if any(node.op_type == "HardSwish" for node in nodes) else 13
     model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)], producer_name="orva")
     onnx.checker.check_model(model)
     return model
@@ -344,10 +346,10 @@ def main():
     p.add_argument("weights")
     p.add_argument("out")
     p.add_argument("--batch", type=int, default=0, help="fixed batch size (default: symbolic)")
-    p.add_argument("--opset", type=int, default=14)
+    p.add_argument("--opset", type=int, default=0, help="operator set (default: 13, 14 with hard-swish)")
     a = p.parse_args()
     try:
-        model = convert(a.cfg, a.weights, a.batch or None, a.opset)
+        model = convert(a.cfg, a.weights, a.batch or None, a.opset or None)
     except (OSError, ValueError) as e:
         sys.exit(f"orva_to_onnx: {e}")
     onnx.save(model, a.out)
