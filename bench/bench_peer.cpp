@@ -356,19 +356,20 @@ double activate(int id, double v) {
 
 // Layer by layer from the engine's own loaded weights (half, normalisation folded): the
 // layers and activations the bench networks use; a network with yolo or centernet heads
-// gives its heads' inputs, item by item. Empty when the network has another layer. With iq, each convolution's input threshold for the 8-bit
-// path: its largest input magnitude, negative (signed bytes) where an input is negative.
+// gives its heads' inputs, item by item. Empty when the network has another layer. With iq,
+// each convolution's input threshold for the 8-bit path: its largest input magnitude,
+// negative (signed bytes) where an input is negative.
 std::vector<double> reference(ORVA::Network& net, const std::vector<float>& input, int batch,
                               std::vector<float>* iq = nullptr) {
   std::vector<double> x(input.size());
   for (size_t i = 0; i < x.size(); ++i) x[i] = half2float_cpu(float2half_cpu(input[i]));
   std::vector<std::vector<double>> kept(net.getLayerCount());  // every layer's output, for routes
-  std::vector<int> heads;                                       // the layers feeding yolo heads
+  std::vector<int> heads;                                       // the layers feeding the heads
   for (int li = 0; li < net.getLayerCount(); ++li) {
     ORVA::Layer* l = net.getLayer(li);
     const int iw = l->_in_w, ih = l->_in_h, ic = l->_in_c, ow = l->_out_w, oh = l->_out_h, oc = l->_out_c;
     std::vector<double> y((size_t)batch * oc * oh * ow);
-    if (dynamic_cast<ORVA::YoloLayer*>(l) || dynamic_cast<ORVA::CenternetLayer*>(l)) {  // compared up to the heads' inputs
+    if (dynamic_cast<ORVA::YoloLayer*>(l) || dynamic_cast<ORVA::CenternetLayer*>(l)) {  // compared at their inputs
       if (li == 0) return {};
       heads.push_back(li - 1);
       y = x;
@@ -539,7 +540,7 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
       net->load((dir + "/net.orva").c_str(), int8);
     else if (net->load(cfg.c_str(), (dir + "/net.weights").c_str(), int8) != 0)
       fail("the host backend did not load " + cfg);
-    std::vector<ORVA::Layer*> heads;  // the layers feeding the yolo heads
+    std::vector<ORVA::Layer*> heads;  // the layers feeding the yolo or centernet heads
     for (int i = 1; dialect && i < net->getLayerCount(); ++i)
       if (dynamic_cast<ORVA::YoloLayer*>(net->getLayer(i)) || dynamic_cast<ORVA::CenternetLayer*>(net->getLayer(i)))
         heads.push_back(net->getLayer(i - 1));
@@ -687,7 +688,7 @@ struct Prepared {
   std::string dir;
   bool onnx = false;
   bool opencv = true;       // false where OpenCV reads no form of the network
-  bool dialect = false;     // the reference ends at the yolo heads' inputs; OpenCV is compared on decoded rows
+  bool dialect = false;     // a converted network: the reference ends at its heads' inputs, OpenCV's rows at the host's
   std::vector<double> ref;  // batch 4, empty without one
   size_t per_image = 0;
 };
@@ -740,16 +741,16 @@ bool prepare(const PeerModel& model, const std::string& model_weights, bool want
       if (!f || fwrite(records.data(), 1, records.size(), f) != records.size())
         throw std::runtime_error("cannot write " + p.dir + "/engine.weights");
       fclose(f);
+      ORVA::Network net(ORVA::TEST, 4, -1);
+      net.load((p.dir + "/net.orva").c_str());
+      p.ref = reference(net, input, 4);
+      p.per_image = p.ref.size() / 4;
     } catch (const std::exception& e) {
       fprintf(stderr, "%s: %s\n", model.name, e.what());
       return false;
     }
     p.dialect = true;
     if (want_onnx) p.onnx = export_onnx(model, p.dir + "/engine.cfg", p.dir + "/engine.weights", p.dir);
-    ORVA::Network net(ORVA::TEST, 4, -1);
-    net.load((p.dir + "/net.orva").c_str());
-    p.ref = reference(net, input, 4);
-    p.per_image = p.ref.size() / 4;
     return true;
   }
   for (int b : {1, 4}) {
