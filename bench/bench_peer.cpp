@@ -18,14 +18,18 @@
 // net.weights) in place and prints its path.
 //
 //   bench_peer [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--int8]
-//              [--face-model FILE] [--settle MS] [--no-ort] [--keep]
+//              [--face-model FILE] [--people-model FILE] [--settle MS] [--no-ort] [--keep]
 //
 // The ONNX Runtime column needs bench/peer_setup.sh (python3-onnx, onnxruntime-node under
 // bench/node_modules); without it the column is left out. The networks go to ONNX through
 // bench/orva_to_onnx.py. The face detector takes the weights of its model file (default
-// models/face.orva, made by scripts/run.sh) when it is there, random ones otherwise. YOLOv4-tiny
-// (route, upsample and yolo layers) has no ONNX form here: its rows compare the host's and
-// OpenCV's decoded top head with each other.
+// models/face.orva, made by scripts/run.sh) when it is there, random ones otherwise.
+// YOLOv4-tiny runs whole in the host and OpenCV (the host's two yolo heads take about 2 % of
+// its pass); its ONNX model stops at the heads' inputs, and the host and ONNX Runtime are
+// compared there with the reference, OpenCV's decoded top head with the host's. The people
+// detector (--people-model, the TF.js graph of scripts/run.sh, converted by the engine's
+// importer) runs without its centernet head in the host and ONNX Runtime; OpenCV has no form
+// of it.
 //
 // Internal: bench_peer --worker host|opencv DIR BATCH THREADS serves one engine.
 #include <fcntl.h>
@@ -52,9 +56,18 @@
 #include <vector>
 
 #include "darknet.h"
+#include "tfjs.h"
 #include "layer/convolution_layer.h"
+#include "layer/activation_layer.h"
+#include "layer/attention_layer.h"
+#include "layer/centernet_layer.h"
 #include "layer/maxpool_layer.h"
+#include "layer/resize_layer.h"
+#include "layer/route_layer.h"
+#include "layer/shortcut_layer.h"
+#include "layer/upsizenn_layer.h"
 #include "layer/yolo_layer.h"
+#include "kernels/tensor.h"
 #include "orva/float16.h"
 #include "orva/orva.h"
 #include "yolo_families.h"
@@ -101,6 +114,10 @@ struct PeerModel {
   // A network written in the dialect (bench/yolo_families.h) instead of the layer list: both
   // engines run it whole, heads included, and the top head's decoded rows are compared.
   std::string (*darknet)(int w, int h) = nullptr;
+  // A TF.js graph (weights_from) converted by the engine's importer: the host runs the
+  // result, ONNX Runtime the exported description up to the head's input; OpenCV has no form.
+  bool tfjs = false;
+  std::shared_ptr<orvacli::ConvertedModel> converted;
 };
 
 std::vector<PeerModel> networks() {
@@ -136,6 +153,9 @@ std::vector<PeerModel> networks() {
        "models/face.orva"},
       // YOLOv4-tiny: grouped routes, stride-1 pools, upsampling and two yolo heads; 80 classes.
       {"yolov4-tiny", 416, 416, 3, {}, "", yolo_families::tiny_v4},
+      // The people detector of scripts/run.sh: CenterNet from TF.js, its own weights; the
+      // input size is the graph's.
+      {"people", 0, 0, 3, {}, "models/human-models/centernet.json", nullptr, true},
   };
 }
 
@@ -279,6 +299,7 @@ struct Options {
   std::string network;
   int batch = 0, threads = 0;
   std::string face_model = "models/face.orva";
+  std::string people_model = "models/human-models/centernet.json";
   bool ort = true;
   int settle_ms = 50;
   bool int8 = false;  // the host runs the convolutions' 8-bit paths
@@ -317,26 +338,97 @@ std::string host8_cfg(const std::string& dir, int batch) { return dir + "/host8_
 
 // ---- float64 reference of the network as the engine holds it ----
 
-// Layer by layer from the engine's own loaded weights (half, normalisation folded); only
-// convolutions and max-pools with the activations the bench networks use. Empty when the
-// network has another layer. With iq, each convolution's input threshold for the 8-bit
-// path: its largest input magnitude, negative (signed bytes) where an input is negative.
+// The activations the reference knows, by id: none, linear, leaky (half slope), logistic,
+// relu, hard-swish and hard-sigmoid.
+bool known_activation(int id) { return id == -1 || id == 3 || id == 7 || id == 0 || id == 1 || id == 17 || id == 18; }
+double activate(int id, double v) {
+  static const double kLeaky = half2float_cpu(float2half_cpu(0.1f));
+  const double gate = std::min(std::max(v + 3, 0.0), 6.0) / 6;
+  switch (id) {
+    case 7: return v > 0 ? v : v * kLeaky;
+    case 0: return 1 / (1 + std::exp(-v));
+    case 1: return std::max(v, 0.0);
+    case 17: return v * gate;
+    case 18: return gate;
+    default: return v;
+  }
+}
+
+// Layer by layer from the engine's own loaded weights (half, normalisation folded): the
+// layers and activations the bench networks use; a network with yolo or centernet heads
+// gives its heads' inputs, item by item. Empty when the network has another layer. With iq,
+// each convolution's input threshold for the 8-bit path: its largest input magnitude,
+// negative (signed bytes) where an input is negative.
 std::vector<double> reference(ORVA::Network& net, const std::vector<float>& input, int batch,
                               std::vector<float>* iq = nullptr) {
   std::vector<double> x(input.size());
   for (size_t i = 0; i < x.size(); ++i) x[i] = half2float_cpu(float2half_cpu(input[i]));
-  static const float kLeaky = half2float_cpu(float2half_cpu(0.1f));
+  std::vector<std::vector<double>> kept(net.getLayerCount());  // every layer's output, for routes
+  std::vector<int> heads;                                       // the layers feeding the heads
   for (int li = 0; li < net.getLayerCount(); ++li) {
     ORVA::Layer* l = net.getLayer(li);
     const int iw = l->_in_w, ih = l->_in_h, ic = l->_in_c, ow = l->_out_w, oh = l->_out_h, oc = l->_out_c;
     std::vector<double> y((size_t)batch * oc * oh * ow);
-    if (auto* c = dynamic_cast<ORVA::ConvolutionLayer*>(l)) {
+    if (dynamic_cast<ORVA::YoloLayer*>(l) || dynamic_cast<ORVA::CenternetLayer*>(l)) {  // compared at their inputs
+      if (li == 0) return {};
+      heads.push_back(li - 1);
+      y = x;
+    } else if (auto* r = dynamic_cast<ORVA::RouteLayer*>(l)) {
+      size_t at = 0;
+      for (int n = 0; n < batch; ++n)
+        for (int s = 0; s < r->_ln; ++s) {
+          const std::vector<double>& src = kept[r->_lindex[s]];
+          const size_t part = (size_t)r->_lsize[s] / r->_groups;  // one group of one item
+          const double* from = &src[(size_t)n * r->_lsize[s] + (size_t)r->_group_id * part];
+          std::copy(from, from + part, &y[at]);
+          at += part;
+        }
+    } else if (auto* a = dynamic_cast<ORVA::ActivationLayer*>(l)) {
+      if (!known_activation(a->_acttype)) return {};
+      for (size_t i = 0; i < y.size(); ++i) y[i] = activate(a->_acttype, x[i]);
+    } else if (auto* sc = dynamic_cast<ORVA::ShortcutLayer*>(l)) {
+      if (sc->_from < 0 || kept[sc->_from].size() != x.size() || !known_activation(sc->_acttype)) return {};
+      for (size_t i = 0; i < y.size(); ++i)
+        y[i] = activate(sc->_acttype, (double)sc->_alpha * x[i] + (double)sc->_beta * kept[sc->_from][i]);
+    } else if (auto* at = dynamic_cast<ORVA::AttentionLayer*>(l)) {  // one factor per channel
+      const std::vector<double>& features = kept[at->_from];
+      if (features.size() != y.size() || x.size() != (size_t)batch * oc) return {};
+      for (size_t i = 0; i < y.size(); ++i) y[i] = features[i] * x[i / ((size_t)oh * ow)];
+    } else if (auto* rs = dynamic_cast<ORVA::ResizeLayer*>(l)) {  // bilinear
+      auto source = [&](int d, int n, int m, int& lo, int& hi, double& frac) {
+        const double v = rs->_rule == kResizeAlignCorners ? (m > 1 ? (double)d * (n - 1) / (m - 1) : 0.0)
+                         : rs->_rule == kResizeHalfPixel  ? (d + 0.5) * n / m - 0.5
+                                                          : (double)d * n / m;
+        const double f = std::floor(v);
+        lo = std::max((int)f, 0), hi = std::min((int)std::ceil(v), n - 1), frac = v - f;
+      };
+      for (int nc = 0; nc < batch * oc; ++nc)
+        for (int oy = 0; oy < oh; ++oy) {
+          int y0, y1;
+          double ty;
+          source(oy, ih, oh, y0, y1, ty);
+          for (int ox = 0; ox < ow; ++ox) {
+            int x0, x1;
+            double tx;
+            source(ox, iw, ow, x0, x1, tx);
+            const double* in = &x[(size_t)nc * ih * iw];
+            const double top = in[y0 * iw + x0] + (in[y0 * iw + x1] - in[y0 * iw + x0]) * tx;
+            const double bottom = in[y1 * iw + x0] + (in[y1 * iw + x1] - in[y1 * iw + x0]) * tx;
+            y[((size_t)nc * oh + oy) * ow + ox] = top + (bottom - top) * ty;
+          }
+        }
+    } else if (auto* u = dynamic_cast<ORVA::UpsizennLayer*>(l)) {
+      for (int nc = 0; nc < batch * oc; ++nc)
+        for (int oy = 0; oy < oh; ++oy)
+          for (int ox = 0; ox < ow; ++ox)
+            y[((size_t)nc * oh + oy) * ow + ox] = x[((size_t)nc * ih + oy / u->_stride) * iw + ox / u->_stride];
+    } else if (auto* c = dynamic_cast<ORVA::ConvolutionLayer*>(l)) {
       if (iq) {
         double lo = 0, hi = 0;
         for (double v : x) lo = std::min(lo, v), hi = std::max(hi, std::fabs(v));
         iq->push_back(lo < 0 ? -(float)hi : (float)hi);
       }
-      if (c->_acttype != -1 && c->_acttype != 3 && c->_acttype != 7) return {};
+      if (!known_activation(c->_acttype)) return {};
       std::vector<float> w(c->_weights), b(c->_kn);
       half2float_cpu(w.data(), c->_weight, w.size());
       half2float_cpu(b.data(), c->_bias, b.size());
@@ -364,8 +456,7 @@ std::vector<double> reference(ORVA::Network& net, const std::vector<float>& inpu
         }
         if (c->_acttype == -1) return;  // no activation: the engine adds no bias either
         for (int i = 0; i < oh * ow; ++i) {
-          const double v = out[i] + b[f];
-          out[i] = c->_acttype == 7 && v <= 0 ? v * kLeaky : v;
+          out[i] = activate(c->_acttype, out[i] + b[f]);
         }
       });
     } else if (auto* m = dynamic_cast<ORVA::MaxpoolLayer*>(l)) {
@@ -384,8 +475,17 @@ std::vector<double> reference(ORVA::Network& net, const std::vector<float>& inpu
       return {};
     }
     x.swap(y);
+    kept[li] = x;
   }
-  return x;
+  if (heads.empty()) return x;
+  // item by item, the heads' inputs one after the other (as the engines' outputs are saved)
+  std::vector<double> out;
+  for (int n = 0; n < batch; ++n)
+    for (int h : heads) {
+      const size_t per = kept[h].size() / batch;
+      out.insert(out.end(), kept[h].begin() + n * per, kept[h].begin() + (n + 1) * per);
+    }
+  return out;
 }
 
 // ---- the engines' processes ----
@@ -424,7 +524,7 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
   FILE* answer = fdopen(dup(1), "w");
   if (!answer || dup2(2, 1) < 0) fail("cannot set up the answer stream");
   std::vector<float> input = read_floats(dir + "/input.f32");
-  std::vector<float> out;
+  std::vector<float> out, rows;  // rows: the host's decoded top head, for OpenCV's
   std::function<void()> pass;
   std::unique_ptr<ORVA::Network> net;
   cv::dnn::Net peer;
@@ -440,13 +540,25 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
       net->load((dir + "/net.orva").c_str(), int8);
     else if (net->load(cfg.c_str(), (dir + "/net.weights").c_str(), int8) != 0)
       fail("the host backend did not load " + cfg);
-    pass = [&] {
+    std::vector<ORVA::Layer*> heads;  // the layers feeding the yolo or centernet heads
+    for (int i = 1; dialect && i < net->getLayerCount(); ++i)
+      if (dynamic_cast<ORVA::YoloLayer*>(net->getLayer(i)) || dynamic_cast<ORVA::CenternetLayer*>(net->getLayer(i)))
+        heads.push_back(net->getLayer(i - 1));
+    pass = [&, heads] {
       float* o = nullptr;
       arena.execute([&] { o = net->predict(input.data(), batch); });
-      if (dialect)
-        out = yolo_rows(*net, o, batch);
-      else
+      if (!dialect || heads.empty()) {
         out.assign(o, o + (size_t)net->getOutputs() * batch);
+        return;
+      }
+      if (dynamic_cast<ORVA::YoloLayer*>(net->getOutputLayer())) rows = yolo_rows(*net, o, batch);
+      out.clear();
+      for (int n = 0; n < batch; ++n)
+        for (ORVA::Layer* h : heads) {
+          const size_t per = h->_outputs;
+          out.resize(out.size() + per);
+          half2float_cpu(&out[out.size() - per], h->_output + n * per, per);
+        }
     };
   } else if (engine == "opencv") {
     peer = cv::dnn::readNetFromDarknet(peer_cfg(dir, batch), dir + "/net.weights");
@@ -486,6 +598,7 @@ int worker(const std::string& engine, const std::string& dir, int batch, int thr
       fprintf(answer, "%.4f\n", time_ms(pass));
     } else if (cmd.compare(0, 5, "save ") == 0) {
       write_floats(cmd.substr(5), out.data(), out.size());
+      if (!rows.empty()) write_floats(cmd.substr(5) + ".rows", rows.data(), rows.size());
       fprintf(answer, "%zu\n", out.size());
     } else if (cmd == "quit") {
       break;
@@ -574,9 +687,20 @@ bool ort_available(std::string& why) {
 struct Prepared {
   std::string dir;
   bool onnx = false;
+  bool opencv = true;       // false where OpenCV reads no form of the network
+  bool dialect = false;     // a converted network: the reference ends at its heads' inputs, OpenCV's rows at the host's
   std::vector<double> ref;  // batch 4, empty without one
   size_t per_image = 0;
 };
+
+// net.onnx in dir from an engine description and its weights-only file.
+bool export_onnx(const PeerModel& model, const std::string& cfg, const std::string& weights, const std::string& dir) {
+  const std::string cmd =
+      "/usr/bin/python3 '" ORVA_BENCH_DIR "/orva_to_onnx.py' '" + cfg + "' '" + weights + "' '" + dir + "/net.onnx'";
+  if (system(cmd.c_str()) == 0) return true;
+  fprintf(stderr, "%s: no ONNX model (%s failed)\n", model.name, cmd.c_str());
+  return false;
+}
 
 bool prepare(const PeerModel& model, const std::string& model_weights, bool want_onnx, bool int8, std::mt19937& rng,
              Prepared& p) {
@@ -589,23 +713,44 @@ bool prepare(const PeerModel& model, const std::string& model_weights, bool want
   for (float& v : input) v = pixel(rng);
   write_floats(p.dir + "/input.f32", input.data(), input.size());
   write_text(p.dir + "/shape", std::to_string(model.c) + " " + std::to_string(model.h) + " " + std::to_string(model.w));
-  if (model.darknet) {
-    std::string dcfg = peer_cfg(p.dir, 1);
-    write_text(dcfg, model.darknet(model.w, model.h));
-    write_text(peer_cfg(p.dir, 4), model.darknet(model.w, model.h));
+  if (model.darknet || model.converted) {
     try {
-      const auto sections = orvacli::readDarknetCfg(dcfg);
-      const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
-      const std::vector<unsigned char> bytes =
-          yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
-      FILE* f = fopen(weights.c_str(), "wb");
-      if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) throw std::runtime_error("cannot write " + weights);
+      orvacli::ConvertedModel m;
+      if (model.converted) {
+        m = *model.converted;
+        p.opencv = false;
+      } else {
+        std::string dcfg = peer_cfg(p.dir, 1);
+        write_text(dcfg, model.darknet(model.w, model.h));
+        write_text(peer_cfg(p.dir, 4), model.darknet(model.w, model.h));
+        const auto sections = orvacli::readDarknetCfg(dcfg);
+        const auto shapes = orvacli::darknetToEngine(sections, dcfg, nullptr, "").shapes;
+        const std::vector<unsigned char> bytes =
+            yolo_families::weights_file(yolo_families::random_weights(sections, shapes, rng));
+        FILE* f = fopen(weights.c_str(), "wb");
+        if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size())
+          throw std::runtime_error("cannot write " + weights);
+        fclose(f);
+        m = orvacli::darknetToEngine(sections, dcfg, &bytes, weights);
+      }
+      orvacli::writeModel(m, p.dir + "/net.orva");
+      // the engine's description and weights-only file of the same network, for the exporter
+      write_text(p.dir + "/engine.cfg", m.cfg);
+      const std::vector<unsigned char> records = orvacli::weightsOnlyFile(m);
+      FILE* f = fopen((p.dir + "/engine.weights").c_str(), "wb");
+      if (!f || fwrite(records.data(), 1, records.size(), f) != records.size())
+        throw std::runtime_error("cannot write " + p.dir + "/engine.weights");
       fclose(f);
-      orvacli::writeModel(orvacli::darknetToEngine(sections, dcfg, &bytes, weights), p.dir + "/net.orva");
+      ORVA::Network net(ORVA::TEST, 4, -1);
+      net.load((p.dir + "/net.orva").c_str());
+      p.ref = reference(net, input, 4);
+      p.per_image = p.ref.size() / 4;
     } catch (const std::exception& e) {
       fprintf(stderr, "%s: %s\n", model.name, e.what());
       return false;
     }
+    p.dialect = true;
+    if (want_onnx) p.onnx = export_onnx(model, p.dir + "/engine.cfg", p.dir + "/engine.weights", p.dir);
     return true;
   }
   for (int b : {1, 4}) {
@@ -617,12 +762,7 @@ bool prepare(const PeerModel& model, const std::string& model_weights, bool want
   } else if (system(("cp '" + model_weights + "' '" + weights + "'").c_str()) != 0) {
     fail("cannot copy " + model_weights);
   }
-  if (want_onnx) {
-    const std::string cmd = "/usr/bin/python3 '" ORVA_BENCH_DIR "/orva_to_onnx.py' '" + host_cfg(p.dir, 4) + "' '" +
-                            weights + "' '" + p.dir + "/net.onnx'";
-    p.onnx = system(cmd.c_str()) == 0;
-    if (!p.onnx) fprintf(stderr, "%s: no ONNX model (%s failed)\n", model.name, cmd.c_str());
-  }
+  if (want_onnx) p.onnx = export_onnx(model, host_cfg(p.dir, 4), weights, p.dir);
   ORVA::Network net(ORVA::TEST, 4, -1);
   if (net.load(host_cfg(p.dir, 4).c_str(), weights.c_str()) != 0) {
     fprintf(stderr, "%s: the host backend did not load the description\n", model.name);
@@ -649,35 +789,51 @@ void print_cell(double v, const char* fmt, int width) {
 
 bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, const Options& opt) {
   const std::string self = self_path(), b = std::to_string(batch), t = std::to_string(threads);
-  std::vector<std::unique_ptr<Child>> engines;
-  engines.emplace_back(new Child("host", {self, "--worker", opt.int8 ? "host8" : "host", p.dir, b, t}));
-  engines.emplace_back(new Child("opencv", {self, "--worker", "opencv", p.dir, b, t}));
+  // slots: host, OpenCV, ONNX Runtime; an engine without a form of the network is left empty
+  std::vector<std::unique_ptr<Child>> engines(3);
+  engines[0].reset(new Child("host", {self, "--worker", opt.int8 ? "host8" : "host", p.dir, b, t}));
+  if (p.opencv) engines[1].reset(new Child("opencv", {self, "--worker", "opencv", p.dir, b, t}));
   if (p.onnx)
-    engines.emplace_back(new Child("ort", {"node", ORVA_BENCH_DIR "/ort_time.js", p.dir + "/net.onnx",
-                                           p.dir + "/input.f32", b, std::to_string(model.c), std::to_string(model.h),
-                                           std::to_string(model.w), t}));
-  for (auto& e : engines)
-    if (e->read() != "ready") fail(e->name() + " did not start");
+    engines[2].reset(new Child("ort", {"node", ORVA_BENCH_DIR "/ort_time.js", p.dir + "/net.onnx",
+                                       p.dir + "/input.f32", b, std::to_string(model.c), std::to_string(model.h),
+                                       std::to_string(model.w), t}));
+  std::vector<size_t> present;
+  for (size_t e = 0; e < engines.size(); ++e)
+    if (engines[e]) {
+      present.push_back(e);
+      if (engines[e]->read() != "ready") fail(engines[e]->name() + " did not start");
+    }
   std::vector<std::vector<double>> ms(engines.size());
   for (int r = 0; r < opt.warmup + opt.passes; ++r)
-    for (size_t k = 0; k < engines.size(); ++k) {
-      const size_t e = (k + r) % engines.size();
+    for (size_t k = 0; k < present.size(); ++k) {
+      const size_t e = present[(k + r) % present.size()];
       std::this_thread::sleep_for(std::chrono::milliseconds(opt.settle_ms));
       const double v = atof(engines[e]->ask("run").c_str());
       if (r >= opt.warmup) ms[e].push_back(v);
     }
   // distances: to the float64 reference where there is one, else host against OpenCV
-  std::vector<std::vector<float>> outs;
-  for (auto& e : engines) {
-    const std::string path = p.dir + "/" + e->name() + ".out";
-    e->ask("save " + path);
-    outs.push_back(read_floats(path));
+  std::vector<std::vector<float>> outs(engines.size());
+  std::vector<float> host_rows;
+  for (size_t e : present) {
+    const std::string path = p.dir + "/" + engines[e]->name() + ".out";
+    engines[e]->ask("save " + path);
+    outs[e] = read_floats(path);
     remove(path.c_str());
+    if (p.dialect && p.opencv && e == 0) {
+      host_rows = read_floats(path + ".rows");
+      remove((path + ".rows").c_str());
+    }
   }
   std::vector<double> dist(3, NAN);
   bool ok = true;
-  for (size_t e = 0; e < engines.size(); ++e) {
-    if (!p.ref.empty()) {
+  for (size_t e : present) {
+    if (p.dialect && e == 1) {  // decoded rows against the host's
+      if (outs[e].size() != host_rows.size()) {
+        fprintf(stderr, "%s: OpenCV gives %zu values, the host %zu\n", model.name, outs[e].size(), host_rows.size());
+        return false;
+      }
+      dist[e] = relative_l2(outs[e].data(), host_rows.data(), host_rows.size());
+    } else if (!p.ref.empty()) {
       const size_t n = p.per_image * batch;
       if (outs[e].size() != n) {
         fprintf(stderr, "%s: %s gives %zu values, the reference %zu\n", model.name, engines[e]->name().c_str(),
@@ -685,7 +841,7 @@ bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, 
         return false;
       }
       dist[e] = relative_l2(outs[e].data(), p.ref.data(), n);
-    } else if (e == 0) {
+    } else if (e == 0 && engines[1]) {
       if (outs[0].size() != outs[1].size()) {
         fprintf(stderr, "%s: OpenCV gives %zu values, the host %zu\n", model.name, outs[1].size(), outs[0].size());
         return false;
@@ -696,15 +852,16 @@ bool run_row(const PeerModel& model, const Prepared& p, int batch, int threads, 
     const double bound = opt.int8 && e == 0 ? 1e-1 : 1e-2;
     if (!std::isnan(dist[e]) && !(dist[e] < bound)) ok = false;
   }
-  std::vector<Stats> st;
-  for (auto& m : ms) st.push_back(stats(m));
   const double nan = NAN;
-  printf("%-12s %5d %3d  %8.2f %8.2f  %8.2f %8.2f", model.name, batch, threads, st[0].min_ms, st[0].median_ms,
-         st[1].min_ms, st[1].median_ms);
-  print_cell(st.size() > 2 ? st[2].min_ms : nan, " %8.2f", 8);
-  print_cell(st.size() > 2 ? st[2].median_ms : nan, " %8.2f", 8);
-  printf("  %6.2f", st[0].median_ms / st[1].median_ms);
-  print_cell(st.size() > 2 ? st[0].median_ms / st[2].median_ms : nan, " %6.2f", 6);
+  std::vector<Stats> st;
+  for (auto& m : ms) st.push_back(m.empty() ? Stats{nan, nan} : stats(m));
+  printf("%-12s %5d %3d  %8.2f %8.2f ", model.name, batch, threads, st[0].min_ms, st[0].median_ms);
+  for (int e : {1, 2}) {
+    print_cell(st[e].min_ms, " %8.2f", 8);
+    print_cell(st[e].median_ms, " %8.2f", 8);
+  }
+  printf(" ");
+  for (int e : {1, 2}) print_cell(st[0].median_ms / st[e].median_ms, " %6.2f", 6);
   for (double d : dist) print_cell(d, " %9.2e", 9);
   printf("%s\n", ok ? "" : "  OUTPUTS DIFFER");
   fflush(stdout);
@@ -738,12 +895,13 @@ int main(int argc, char** argv) {
     else if (key == "--batch") opt.batch = atoi(value);
     else if (key == "--threads") opt.threads = atoi(value);
     else if (key == "--face-model") opt.face_model = value;
+    else if (key == "--people-model") opt.people_model = value;
     else if (key == "--settle") opt.settle_ms = std::max(0, atoi(value));
     else opt.passes = -1;
     if (opt.passes < 0) {
       fprintf(stderr,
               "usage: %s [--passes N] [--warmup N] [--network NAME] [--batch B] [--threads T] [--face-model FILE] "
-              "[--settle MS] [--no-ort] [--int8] [--keep]\n",
+              "[--people-model FILE] [--settle MS] [--no-ort] [--int8] [--keep]\n",
               argv[0]);
       return 2;
     }
@@ -760,16 +918,47 @@ int main(int argc, char** argv) {
          "host med", "cv min", "cv med", "ort min", "ort med", "h/cv", "h/ort", "L2 host", "L2 cv", "L2 ort");
   for (PeerModel& model : networks()) {
     if (!opt.network.empty() && opt.network != model.name) continue;
-    if (!model.weights_from.empty()) model.weights_from = opt.face_model;
+    if (model.tfjs) {
+      model.weights_from = opt.people_model;
+      if (!exists(model.weights_from)) {
+        printf("# %s: left out (%s not found; scripts/setup.sh fetches it)\n", model.name, model.weights_from.c_str());
+        continue;
+      }
+      try {
+        model.converted = std::make_shared<orvacli::ConvertedModel>(orvacli::tfjsToEngine(model.weights_from));
+        // Without its centernet head (the logistic over the heat maps and, outside the pass, the
+        // peak picking): every engine runs up to the head's input.
+        orvacli::ConvertedModel& m = *model.converted;
+        const size_t head = m.cfg.rfind("[centernet]");
+        if (head != std::string::npos && m.cfg.find('[', head + 1) == std::string::npos && !m.shapes.empty()) {
+          m.cfg.erase(head);
+          m.shapes.pop_back();
+          if (m.origin.size() > m.shapes.size()) m.origin.pop_back();
+        }
+        ORVA::Network shape(ORVA::TEST, 1, -1);
+        const std::string probe = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid()) + ".orva";
+        orvacli::writeModel(*model.converted, probe);
+        shape.load(probe.c_str());
+        remove(probe.c_str());
+        model.w = shape.iW, model.h = shape.iH, model.c = shape.iC;
+      } catch (const std::exception& e) {
+        fprintf(stderr, "%s: %s: %s\n", model.name, model.weights_from.c_str(), e.what());
+        ok = false;
+        continue;
+      }
+      printf("# %s: %s, %d x %d x %d\n", model.name, model.weights_from.c_str(), model.w, model.h, model.c);
+    } else if (!model.weights_from.empty()) {
+      model.weights_from = opt.face_model;
+    }
     std::string copied;
-    if (!model.weights_from.empty() && access(model.weights_from.c_str(), R_OK) == 0) {
+    if (!model.weights_from.empty() && !model.tfjs && access(model.weights_from.c_str(), R_OK) == 0) {
       copied = "/tmp/orva_peer_" + std::string(model.name) + std::to_string(getpid()) + ".model.weights";
       if (!copy_weights(model, copied)) {
         ok = false;
         continue;
       }
       printf("# %s: weights of %s\n", model.name, model.weights_from.c_str());
-    } else if (!model.weights_from.empty()) {
+    } else if (!model.weights_from.empty() && !model.tfjs) {
       printf("# %s: random weights (%s not found)\n", model.name, model.weights_from.c_str());
     }
     Prepared p;

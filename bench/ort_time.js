@@ -5,7 +5,8 @@
 // INPUT.f32 holds at least N x C x H x W little-endian floats (the first are taken). The session runs on the CPU provider
 // with every graph optimisation, THREADS intra-op threads and one inter-op thread. Commands on
 // standard input, one a line, each answered with one line: "run" (one pass; answers its
-// milliseconds), "save PATH" (writes the last pass's output as floats; answers its count),
+// milliseconds), "save PATH" (writes the last pass's outputs as floats, item by item and within
+// an item the outputs in the model's order; answers their count),
 // "quit". Answers "ready" once the session is built.
 'use strict';
 const fs = require('fs');
@@ -39,11 +40,19 @@ async function main() {
       const t0 = process.hrtime.bigint();
       const out = await session.run(feeds);
       const ms = Number(process.hrtime.bigint() - t0) / 1e6;
-      last = out[session.outputNames[0]].data;
+      last = session.outputNames.map((name) => out[name].data);
       console.log(ms.toFixed(4));
     } else if (cmd === 'save' && arg && last) {
-      fs.writeFileSync(arg, Buffer.from(last.buffer, last.byteOffset, last.byteLength));
-      console.log(String(last.length));
+      // item by item, the outputs one after the other
+      const parts = [];
+      for (let i = 0; i < n; ++i)
+        for (const o of last) {
+          const per = o.length / n;
+          parts.push(Buffer.from(o.buffer, o.byteOffset + 4 * i * per, 4 * per));
+        }
+      const all = Buffer.concat(parts);
+      fs.writeFileSync(arg, all);
+      console.log(String(all.length / 4));
     } else if (cmd === 'quit') {
       break;
     } else {
